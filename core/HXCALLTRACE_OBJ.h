@@ -1,0 +1,28 @@
+#pragma once
+
+#include "CNoncopyable.h"
+#include "HXLog.h"
+
+namespace HXFramework::Core {
+
+// Entry and exit lines of a member function, with the object's address. The spacing
+// differs between the two lines on purpose (two blanks after the address on entry).
+class HXCALLTRACE_OBJ : private CNoncopyable {
+ public:
+  HXCALLTRACE_OBJ(int priority, const char* file, const char* function, int line,
+                  const void* object);
+  virtual ~HXCALLTRACE_OBJ();
+
+ private:
+  int priority_;
+  const char* file_;
+  const char* function_;
+  int line_;
+  const void* object_;
+};
+
+}  // namespace HXFramework::Core
+
+#define HXF_CALLTRACE_OBJ(object)                                                       \
+  ::HXFramework::Core::HXCALLTRACE_OBJ hxf_calltrace_(DLOG_INFO, HXF_SOURCE_NAME.file, \
+                                                      __func__, __LINE__, (object))

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace HXFramework::TPL {
+
+class CThreadPoolInvokerImpl;
+
+// The one timer service behind every ITimer: a min-heap of deadlines watched by one thread.
+// Due handlers are handed to the service's own dispatch pool, so a slow handler delays
+// neither the clock nor other handlers. Stopped shots leave their heap entries behind
+// (lazy deletion); the heap is rebuilt when stale entries outnumber live ones.
+class CTimerService {
+ public:
+  using Clock = std::chrono::steady_clock;
+  // Ids of the armed shots of one timer; owned by the timer, guarded by the service lock.
+  using ShotSet = std::unordered_set<uint32_t>;
+
+  static CTimerService& GetInstance();
+  CTimerService();
+  ~CTimerService();
+
+  uint32_t Start(ShotSet* owner, std::function<void()> handler, uint32_t timeout_ms);
+  void Stop(ShotSet* owner, uint32_t id);
+  // Stops every armed shot of `owner`; afterwards the service never touches `owner` again.
+  void StopAll(ShotSet* owner);
+
+  std::size_t ArmedCount();
+
+  CTimerService(const CTimerService&) = delete;
+  CTimerService& operator=(const CTimerService&) = delete;
+
+ private:
+  struct Shot {
+    Clock::time_point deadline;
+    std::function<void()> handler;
+    ShotSet* owner;
+  };
+  struct HeapEntry {
+    Clock::time_point deadline;
+    uint32_t id;
+    bool operator>(const HeapEntry& other) const {
+      return deadline != other.deadline ? deadline > other.deadline : id > other.id;
+    }
+  };
+
+  uint32_t _NextId();
+  std::function<void()> _Remove(std::unordered_map<uint32_t, Shot>::iterator shot);
+  void _CompactIfStale();
+  void _Run();
+
+  std::mutex mutex_;  // guards everything below and every ShotSet
+  std::condition_variable wake_;
+  std::unordered_map<uint32_t, Shot> shots_;
+  std::priority_queue<HeapEntry, std::vector<HeapEntry>, std::greater<HeapEntry>> heap_;
+  uint32_t last_id_ = 0;
+  bool stopping_ = false;
+  CThreadPoolInvokerImpl* dispatch_;
+  std::thread thread_;
+};
+
+}  // namespace HXFramework::TPL

@@ -88,10 +88,8 @@ class LogCapture {
  private:
   static void OnLog(int priority, const char* tag, const char* text, void* self) {
     auto* capture = static_cast<LogCapture*>(self);
-    {
-      std::lock_guard<std::mutex> lock(capture->mutex_);
-      capture->lines_.push_back(LogLine{priority, tag, text});
-    }
+    std::lock_guard<std::mutex> lock(capture->mutex_);
+    capture->lines_.push_back(LogLine{priority, tag, text});
     capture->changed_.notify_all();
   }
   static void OnTrace(const char* location, const char* text, void* self) {

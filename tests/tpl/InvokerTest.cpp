@@ -23,11 +23,10 @@ namespace {
 // A tiny latch: tests wait on conditions, never on time.
 class Gate {
  public:
+  // Notifies under the lock: the waiter may destroy the gate as soon as it sees it open.
   void Open() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
     cv_.notify_all();
   }
   bool Wait() { return WaitUntil(mutex_, cv_, [this] { return open_; }); }

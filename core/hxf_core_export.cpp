@@ -4,9 +4,12 @@
 #include <string>
 
 #include "ApiFrame.h"
+#include "CCallbackCallerLocal.h"
 #include "CoreGlobals.h"
 #include "HXLog.h"
+#include "ICallbackHandlerFactory.h"
 #include "IClientMgr.h"
+#include "IPluginMgr.h"
 #include "IServiceMgr.h"
 #include "hxf_core.h"
 
@@ -22,6 +25,18 @@ void print_app_info(std::string function_name) {
 }
 
 namespace {
+
+// A name crossing the boundary: exactly `len` bytes, embedded NULs included.
+std::string ToString(hxf_string_t text) {
+  if (text.str == nullptr) {
+    if (text.len != 0) throw CException("string pointer is null", HXF_ERROR_INVALID_PARAMETER);
+    return std::string();
+  }
+  return std::string(text.str, text.len);
+}
+
+ICallbackHandlerFactory& Factory() { return ICallbackHandlerFactory::GetInstance(); }
+const std::shared_ptr<ICallbackCaller>& Caller() { return CCallbackCallerLocal::GetInstance(); }
 
 // Takes over a text the platform allocated with malloc.
 std::string TakePlatformText(char* text) {
@@ -75,6 +90,9 @@ void hxf_core_finalize() {
 
 }  // namespace HXFramework::Core
 
+// The entry points below are thin rows over the core's own names.
+using namespace HXFramework::Core;  // NOLINT(google-build-using-namespace)
+
 extern "C" {
 
 HXF_CORE_API hxf_error_e hxf_core_initialize(void) {
@@ -85,6 +103,28 @@ HXF_CORE_API hxf_error_e hxf_core_initialize(void) {
 HXF_CORE_API hxf_error_e hxf_core_finalize(void) {
   return ApiFrame(HXF_LOG_SITE, [] { HXFramework::Core::hxf_core_finalize(); },
                   /*log_caller=*/false);
+}
+
+// ---- plugins ----
+
+HXF_CORE_API hxf_error_e hxf_core_plugin_load(hxf_string_t plugin_name, hxf_plugin_loaded_cb cb,
+                                              void* user_data) {
+  return HXF_API_FRAME(IPluginMgr& manager = IPluginMgr::GetInstance();
+                       const std::string name = ToString(plugin_name);
+                       manager.LoadPlugin(name, Factory().CreatePluginLoadHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_plugin_unload(hxf_string_t plugin_name) {
+  return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadPlugin(ToString(plugin_name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_plugin_unload_all(void) {
+  return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadAllPlugin(););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_plugin_send_load_result(hxf_string_t plugin_name,
+                                                          hxf_plugin_load_result_e result) {
+  return HXF_API_FRAME(IPluginMgr::GetInstance().SendLoadResult(ToString(plugin_name), result););
 }
 
 }  // extern "C"

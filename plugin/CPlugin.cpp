@@ -1,0 +1,140 @@
+#include "CPlugin.h"
+
+#include <dlfcn.h>
+
+#include <functional>
+
+#include "CDirectInvoker.h"
+#include "CThreadPoolInvoker.h"
+#include "CoreGlobals.h"
+#include "HXCALLTRACE_OBJ.h"
+#include "JobFrame.h"
+
+namespace HXFramework::Core {
+
+using std::placeholders::_1;
+using TPL::CDirectInvoker;
+using TPL::CThreadPoolInvoker;
+
+namespace {
+// A plugin job's standard-exception line ends in a blank line, as it always has.
+constexpr const char* kPluginStdSuffix = "\n\n";
+
+void Fail(const std::string& message) { throw CException(message, HXF_ERROR_OPERATION_FAILED); }
+}  // namespace
+
+std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name) {
+  auto plugin = std::make_shared<CPlugin>(name);
+  plugin->weak_this_ = plugin;
+  return plugin;
+}
+
+CPlugin::CPlugin(const std::string& name) : plugin_name_(name) {}
+
+CPlugin::~CPlugin() { HXLOG(DLOG_ERROR, "plugin destroyed: %s\n", plugin_name_.c_str()); }
+
+void CPlugin::Init() {
+  HXF_CALLTRACE_OBJ(this);
+  Initiate(CDirectInvoker::GetInstance());
+}
+
+void CPlugin::Termi() {
+  HXF_CALLTRACE_OBJ(this);
+  TerminateSync(CDirectInvoker::GetInstance());
+}
+
+void CPlugin::Load(const PluginLoadHandler_t& handler) {
+  HXF_CALLTRACE_OBJ(this);
+  InvokeTask(std::bind(&CPlugin::_Load, _1, handler), CThreadPoolInvoker::GetInstance());
+}
+
+void CPlugin::Unload() {
+  HXF_CALLTRACE_OBJ(this);
+  InvokeTask(std::bind(&CPlugin::_Unload, _1), CDirectInvoker::GetInstance());
+}
+
+void CPlugin::SendLoadResult(hxf_plugin_load_result_e result) {
+  HXF_CALLTRACE_OBJ(this);
+  InvokeTask(std::bind(&CPlugin::_SendLoadResult, _1, result), CThreadPoolInvoker::GetInstance());
+}
+
+std::string CPlugin::_GetFilePath() {
+  HXF_CALLTRACE_OBJ(this);
+  std::string path = g_plugin_dir + g_plugin_prefix + plugin_name_ + g_plugin_suffix;
+  HXLOG(DLOG_INFO, "path to load : %s(%zu)\n", path.c_str(), path.size());
+  return path;
+}
+
+void CPlugin::_ReportLoadResult(hxf_plugin_load_result_e result) {
+  loaded_cb_(hxf_string_new(plugin_name_.data(), static_cast<uint32_t>(plugin_name_.size())), result);
+}
+
+void CPlugin::_Load(const PluginLoadHandler_t& handler) {
+  HXF_CALLTRACE_OBJ(this);
+  loaded_cb_ = handler;
+  HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),
+        static_cast<void*>(&loaded_cb_));
+  const bool loaded = RunLogged(HXF_LOG_SITE, OnException::kSwallow, [this] {
+    _LoadDelegate();
+    _InitLibrary();
+  }, kPluginStdSuffix);
+  // On success the plugin reports its own result later, when it is ready.
+  if (!loaded) _ReportLoadResult(HXF_PLUGIN_LOAD_RESULT_FAILED);
+}
+
+void CPlugin::_LoadDelegate() {
+  HXF_CALLTRACE_OBJ(this);
+  const std::string path = _GetFilePath();
+  // A name with an embedded NUL names no file: never let dlopen see a shortened path.
+  plugin_lib_ = path.find('\0') == std::string::npos ? dlopen(path.c_str(), RTLD_NOW) : nullptr;
+  if (plugin_lib_ == nullptr) Fail("failed to load plugin : " + plugin_name_);
+  // Both are resolved before either is checked; the library stays open on failure so that
+  // a later unload can close it.
+  create_fn_ = reinterpret_cast<EntryPoint>(dlsym(plugin_lib_, "CreatePlugin"));
+  destroy_fn_ = reinterpret_cast<EntryPoint>(dlsym(plugin_lib_, "DestroyPlugin"));
+  if (create_fn_ == nullptr) Fail("failed to load a CreatePlugin symbol !");
+  if (destroy_fn_ == nullptr) Fail("failed to load a DestroyPlugin symbol !");
+}
+
+void CPlugin::_InitLibrary() {
+  HXF_CALLTRACE_OBJ(this);
+  if (!create_fn_()) Fail("failed to initialize plugin !");
+  initialized_ = true;
+}
+
+void CPlugin::_Unload() {
+  HXF_CALLTRACE_OBJ(this);
+  loaded_cb_ = nullptr;  // the application is never told about an unload
+  HXLOG(DLOG_INFO, "plugin_name : %s\n", plugin_name_.c_str());
+  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [this] {
+    _TermiLibrary();
+    _UnloadDelegate();
+  }, kPluginStdSuffix);
+}
+
+void CPlugin::_TermiLibrary() {
+  HXF_CALLTRACE_OBJ(this);
+  if (!initialized_) Fail("No plugin to destroy");
+  if (!destroy_fn_()) Fail("failed to finalize plugin !");
+}
+
+void CPlugin::_UnloadDelegate() {
+  HXF_CALLTRACE_OBJ(this);
+  if (plugin_lib_ == nullptr) Fail("plugin_lib_ is null. No opened plugin to unload");
+  if (dlclose(plugin_lib_) != 0) Fail("dlclose error!");
+  plugin_lib_ = nullptr;
+}
+
+void CPlugin::_SendLoadResult(hxf_plugin_load_result_e result) {
+  HXF_CALLTRACE_OBJ(this);
+  HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),
+        static_cast<void*>(&loaded_cb_));
+  if (!loaded_cb_) {
+    HXLOG(DLOG_ERROR, "plugin callback is null!\n");
+    return;
+  }
+  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { _ReportLoadResult(result); },
+            kPluginStdSuffix);
+}
+
+}  // namespace HXFramework::Core

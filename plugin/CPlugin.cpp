@@ -2,7 +2,9 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <functional>
+#include <mutex>
 
 #include "CDirectInvoker.h"
 #include "CThreadPoolInvoker.h"
@@ -19,6 +21,24 @@ using TPL::CThreadPoolInvoker;
 namespace {
 // A plugin job's standard-exception line ends in a blank line, as it always has.
 constexpr const char* kPluginStdSuffix = "\n\n";
+// How long Unload waits for a running job of the plugin (a "CreatePlugin" or a load
+// callback) before it lets termination discard the unload.
+constexpr auto kUnloadWait = std::chrono::seconds(20);
+
+// The plugin whose job runs on this thread, if any.
+thread_local const CPlugin* t_running_plugin = nullptr;
+
+// Marks the calling thread as running a job of `plugin` for the job's duration.
+class CRunningJob {
+ public:
+  explicit CRunningJob(const CPlugin* plugin) : previous_(t_running_plugin) { t_running_plugin = plugin; }
+  ~CRunningJob() { t_running_plugin = previous_; }
+  CRunningJob(const CRunningJob&) = delete;
+  CRunningJob& operator=(const CRunningJob&) = delete;
+
+ private:
+  const CPlugin* previous_;
+};
 
 void Fail(const std::string& message) { throw CException(message, HXF_ERROR_OPERATION_FAILED); }
 }  // namespace
@@ -50,7 +70,24 @@ void CPlugin::Load(const PluginLoadHandler_t& handler) {
 
 void CPlugin::Unload() {
   HXF_CALLTRACE_OBJ(this);
-  InvokeTask(std::bind(&CPlugin::_Unload, _1), CDirectInvoker::GetInstance());
+  // On an idle plugin the direct invoker runs the unload before InvokeTask returns. If a
+  // job of this plugin is running on another thread, the unload is queued behind it: wait
+  // for it, since the termination that follows would otherwise discard it and leave the
+  // library open. A plugin unloading itself from its own job cannot wait for itself.
+  auto done = std::make_shared<TPL::CSynchronizer>();
+  InvokeTask(
+      [done](const std::shared_ptr<CPlugin>& self) {
+        self->_Unload();
+        std::lock_guard<std::mutex> lock(done->mutex_);
+        done->done_ = true;
+        done->cond_.notify_all();
+      },
+      CDirectInvoker::GetInstance());
+  if (t_running_plugin == this) return;
+  std::unique_lock<std::mutex> lock(done->mutex_);
+  if (!done->cond_.wait_for(lock, kUnloadWait, [&] { return done->done_; })) {
+    HXLOG(DLOG_ERROR, "plugin[%s] is busy, unload not done in time\n", plugin_name_.c_str());
+  }
 }
 
 void CPlugin::SendLoadResult(hxf_plugin_load_result_e result) {
@@ -71,6 +108,7 @@ void CPlugin::_ReportLoadResult(hxf_plugin_load_result_e result) {
 
 void CPlugin::_Load(const PluginLoadHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
+  CRunningJob running(this);
   loaded_cb_ = handler;
   HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),
         static_cast<void*>(&loaded_cb_));
@@ -104,6 +142,7 @@ void CPlugin::_InitLibrary() {
 
 void CPlugin::_Unload() {
   HXF_CALLTRACE_OBJ(this);
+  CRunningJob running(this);
   loaded_cb_ = nullptr;  // the application is never told about an unload
   HXLOG(DLOG_INFO, "plugin_name : %s\n", plugin_name_.c_str());
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [this] {
@@ -127,6 +166,7 @@ void CPlugin::_UnloadDelegate() {
 
 void CPlugin::_SendLoadResult(hxf_plugin_load_result_e result) {
   HXF_CALLTRACE_OBJ(this);
+  CRunningJob running(this);
   HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),
         static_cast<void*>(&loaded_cb_));
   if (!loaded_cb_) {

@@ -9,7 +9,11 @@
 #include "HXLog.h"
 #include "ICallbackHandlerFactory.h"
 #include "IClientMgr.h"
+#include "IEndpointHelper.h"
+#include "IEndpointListHelper.h"
 #include "IPluginMgr.h"
+#include "IPropertyListHelper.h"
+#include "IServiceHandler.h"
 #include "IServiceMgr.h"
 #include "hxf_core.h"
 
@@ -125,6 +129,117 @@ HXF_CORE_API hxf_error_e hxf_core_plugin_unload_all(void) {
 HXF_CORE_API hxf_error_e hxf_core_plugin_send_load_result(hxf_string_t plugin_name,
                                                           hxf_plugin_load_result_e result) {
   return HXF_API_FRAME(IPluginMgr::GetInstance().SendLoadResult(ToString(plugin_name), result););
+}
+
+// ---- service handlers (plugins) ----
+
+HXF_CORE_API hxf_service_handler_h hxf_core_service_handler_create(hxf_string_t name, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       return manager->CreateServiceHandler(ToString(name), user_data););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_callback(
+    hxf_service_handler_h handler, hxf_service_handler_search_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetSearchCallback(handler, Factory().CreateSearchHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_stop_callback(
+    hxf_service_handler_h handler, hxf_service_handler_search_stop_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetSearchStopCallback(handler, Factory().CreateSearchStopHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_get_device_list_callback(
+    hxf_service_handler_h handler, hxf_service_handler_get_device_list_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetGetDeviceListCallback(handler, Factory().CreateGetDeviceListHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_callback(
+    hxf_service_handler_h handler, hxf_service_handler_listen_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetListenCallback(handler, Factory().CreateListenHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_stop_callback(
+    hxf_service_handler_h handler, hxf_service_handler_listen_stop_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetListenStopCallback(handler, Factory().CreateListenStopHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_add_device_callback(
+    hxf_service_handler_h handler, hxf_service_handler_add_device_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetAddDeviceCallback(handler, Factory().CreateAddDeviceHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_service_session_created_callback(
+    hxf_service_handler_h handler, hxf_service_handler_service_session_created_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetServiceSessionCreatedCallback(
+                           handler, Factory().CreateServiceSessionCreatedHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_set_request_service_callback(
+    hxf_service_handler_h handler, hxf_service_handler_set_request_service_cb cb, void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SetRequestServiceCallback(handler, Factory().CreateSetServicePropertyHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_subscribe_service(hxf_service_handler_h handler,
+                                                                    hxf_string_t service_name) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->SubscribeService(handler, ToString(service_name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_unsubscribe_service(hxf_service_handler_h handler,
+                                                                      hxf_string_t service_name) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->UnsubscribeService(handler, ToString(service_name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_found(hxf_service_handler_h handler,
+                                                                      hxf_endpoint_h endpoint) {
+  // The endpoint is copied before the manager is reached: a null one fails here.
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->Discovered(handler, IEndpointHelper::Create(endpoint)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_list(hxf_service_handler_h handler,
+                                                                     hxf_endpoint_list_h endpoint_list) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->DeviceListDiscovered(handler, IEndpointListHelper::Create(endpoint_list)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_send_request_result(
+    hxf_service_handler_h handler, hxf_string_t service_name, hxf_property_list_h properties,
+    hxf_transaction_h transaction, hxf_error_e error) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->SendRequestResult(handler, name, IPropertyListHelper::Create(properties),
+                                                  transaction, error););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_notify(hxf_service_handler_h handler,
+                                                         hxf_string_t service_name,
+                                                         hxf_property_list_h properties,
+                                                         hxf_transaction_h transaction, hxf_error_e error) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->Notify(handler, name, IPropertyListHelper::Create(properties), transaction, error););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy(hxf_service_handler_h handler) {
+  return HXF_API_FRAME(IServiceMgr::GetInstance()->DestroyServiceHandler(handler););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(hxf_service_handler_h handler,
+                                                                hxf_service_handler_destroyed_cb cb,
+                                                                void* user_data) {
+  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+                       manager->DestroyServiceHandlerAsync(
+                           handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data)););
 }
 
 }  // extern "C"

@@ -2,25 +2,370 @@
 
 #include <mutex>
 
+#include "CException.h"
+#include "CommonText.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "HXLog.h"
+#include "IClient.h"
+#include "IEndpointHelper.h"
+#include "IEndpointListHelper.h"
+#include "IService.h"
+#include "IServiceHandler.h"
 
 namespace HXFramework::Core {
+
+namespace {
+
+using ReadLock = std::shared_lock<std::shared_mutex>;
+using WriteLock = std::unique_lock<std::shared_mutex>;
+
+void Require(bool condition, const char* message, hxf_error_e code) {
+  if (!condition) throw CException(message, code);
+}
+
+const char kEverything[] = "*";
+
+}  // namespace
 
 IServiceMgr* IServiceMgr::GetInstance() {
   static CServiceMgr instance;
   return &instance;
 }
 
+CServiceMgr::CServiceMgr() {
+  service_map_.max_load_factor(1.0f);
+  service_handler_map_.max_load_factor(1.0f);
+}
+
+// ---- helpers ----
+
+std::shared_ptr<IServiceHandler> CServiceMgr::_CreateServiceHandler(const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  // The plugin's user data stays with its callbacks; the handler does not keep it.
+  std::shared_ptr<IServiceHandler> handler = IServiceHandler::Create(name, nullptr);
+  Require(service_handler_map_.emplace(handler->GetHandle(), handler).second,
+          "Unable to insert service_handler to service_handler_map_!!", HXF_ERROR_CREATE_FAILED);
+  HXLOG(DLOG_INFO, " [%s] service_handler has been created & inserted into service_handler_map_\n",
+        name.c_str());
+  return handler;
+}
+
+std::shared_ptr<IServiceHandler> CServiceMgr::_FindServiceHandler(hxf_service_handler_h handle) const {
+  HXF_CALLTRACE_OBJ(this);
+  auto found = service_handler_map_.find(handle);
+  Require(found != service_handler_map_.end(), "service_handler not found in service_handler_map_!!",
+          HXF_ERROR_INVALID_HANDLE);
+  return found->second;
+}
+
+std::shared_ptr<IServiceHandler> CServiceMgr::_ReleaseServiceHandler(hxf_service_handler_h handle) {
+  HXF_CALLTRACE_OBJ(this);
+  auto found = service_handler_map_.find(handle);
+  Require(found != service_handler_map_.end(), "service_handler not found in service_handler_map_!!",
+          HXF_ERROR_INVALID_HANDLE);
+  std::shared_ptr<IServiceHandler> handler = std::move(found->second);
+  service_handler_map_.erase(found);
+  HXLOG(DLOG_INFO, "service_handler[%p] deleted from service_handler map\n", handle);
+  return handler;
+}
+
+std::shared_ptr<IService> CServiceMgr::_CreateService(const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  std::shared_ptr<IService> service = IService::Create(name);
+  Require(service_map_.emplace(name, service).second, "Unable to insert service to service_map_!!",
+          HXF_ERROR_CREATE_FAILED);
+  service->Init();
+  HXLOG(DLOG_INFO, " [%s] service has been created & inserted into service_map_ : [%p], ref_count:[%ld]\n",
+        name.c_str(), static_cast<void*>(service.get()), service.use_count());
+  return service;
+}
+
+std::shared_ptr<IService> CServiceMgr::_FindService(const std::string& name) const {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
+  auto found = service_map_.find(name);
+  Require(found != service_map_.end(), "service not found", HXF_ERROR_OPERATION_FAILED);
+  return found->second;
+}
+
+std::shared_ptr<IService> CServiceMgr::_GetService(const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
+  auto found = service_map_.find(name);
+  if (found != service_map_.end()) return found->second;
+  HXLOG(DLOG_INFO, " [%s] service not found in service_map_\n", name.c_str());
+  return _CreateService(name);
+}
+
+void CServiceMgr::_DestroyService(const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  service_map_.erase(name);
+  HXLOG(DLOG_INFO, "service[%s] deleted from service map\n", name.c_str());
+}
+
+template <typename Operation>
+void CServiceMgr::_ForNamedOrEveryService(const std::string& name, Operation&& operation) {
+  if (name == kEverything) {
+    // Reaches the services that exist now and creates none.
+    ReadLock guard(lock);
+    for (auto& [service_name, service] : service_map_) operation(service);
+    return;
+  }
+  WriteLock guard(lock);
+  operation(_GetService(name));
+}
+
+// ---- lifecycle ----
+
 void CServiceMgr::Initialize() { HXF_CALLTRACE_OBJ(this); }
 
 void CServiceMgr::Finalize() {
   HXF_CALLTRACE_OBJ(this);
-  std::unique_lock<std::shared_mutex> lock(service_mutex_);
-  HXLOG(DLOG_INFO, "service_map_size: %zu, service_handler_map_ size: %zu\n",
-        service_map_.size(), service_handler_map_.size());
+  WriteLock guard(lock);
+  HXLOG(DLOG_INFO, "service_map_size: %zu, service_handler_map_ size: %zu\n", service_map_.size(),
+        service_handler_map_.size());
+  for (auto& [name, service] : service_map_) {
+    service->Termi();
+    HXLOG(DLOG_INFO, "service_name:(%s)(%p), ref_count:(%ld)\n", name.c_str(),
+          static_cast<void*>(service.get()), service.use_count());
+  }
+  for (auto& [handle, handler] : service_handler_map_) {
+    HXLOG(DLOG_INFO, "service_handler_name:(%s)(%p), ref_count:(%ld)\n", handler->GetName().c_str(),
+          handle, handler.use_count());
+    handler->Termi();
+  }
   service_map_.clear();
   service_handler_map_.clear();
+}
+
+// ---- handlers ----
+
+void* CServiceMgr::CreateServiceHandler(const std::string& name, void* /*user_data*/) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_handler_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
+  WriteLock guard(lock);
+  std::shared_ptr<IServiceHandler> handler = _CreateServiceHandler(name);
+  handler->Init();
+  HXLOG(DLOG_INFO, " [%s] service_handler created [%p]\n", name.c_str(), handler->GetHandle());
+  return handler->GetHandle();
+}
+
+void CServiceMgr::SetSearchCallback(hxf_service_handler_h h, const SearchHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetSearchCallback(cb);
+}
+
+void CServiceMgr::SetSearchStopCallback(hxf_service_handler_h h, const SearchStopHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetSearchStopCallback(cb);
+}
+
+void CServiceMgr::SetGetDeviceListCallback(hxf_service_handler_h h, const GetDeviceListHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetGetDeviceListCallback(cb);
+}
+
+void CServiceMgr::SetListenCallback(hxf_service_handler_h h, const ListenHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetListenCallback(cb);
+}
+
+void CServiceMgr::SetListenStopCallback(hxf_service_handler_h h, const ListenStopHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetListenStopCallback(cb);
+}
+
+void CServiceMgr::SetAddDeviceCallback(hxf_service_handler_h h, const AddDeviceHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetAddDeviceCallback(cb);
+}
+
+void CServiceMgr::SetServiceSessionCreatedCallback(hxf_service_handler_h h,
+                                                   const ServiceSessionCreatedHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetServiceSessionCreatedCallback(cb);
+}
+
+void CServiceMgr::SetRequestServiceCallback(hxf_service_handler_h h, const SetServicePropertyHandler_t& cb) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(h)->SetRequestServiceCallback(cb);
+}
+
+void CServiceMgr::SubscribeService(hxf_service_handler_h handle, const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(handle != nullptr, "service_handler handle is null", HXF_ERROR_INVALID_HANDLE);
+  Require(!name.empty(), "service name is empty", HXF_ERROR_INVALID_SERVICE_NAME);
+  WriteLock guard(lock);
+  HXLOG(DLOG_INFO, "service name: %s\n", name.c_str());
+  std::shared_ptr<IServiceHandler> handler = _FindServiceHandler(handle);
+  _GetService(name)->Subscribe(handler);
+}
+
+void CServiceMgr::UnsubscribeService(hxf_service_handler_h handle, const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(handle != nullptr, "service handler handle is null", HXF_ERROR_INVALID_HANDLE);
+  Require(!name.empty(), "service name is empty", HXF_ERROR_INVALID_SERVICE_NAME);
+  WriteLock guard(lock);
+  HXLOG(DLOG_INFO, "service name: %s\n", name.c_str());
+  std::shared_ptr<IService> service = _FindService(name);
+  service->Unsubscribe(handle);
+  // Unsubscribing any one handler ends the whole service, whoever else it had: kept so.
+  // Its context stops synchronously under the write lock; its jobs never take this lock.
+  service->Termi();
+  _DestroyService(name);
+}
+
+void CServiceMgr::DestroyServiceHandler(hxf_service_handler_h handle) {
+  HXF_CALLTRACE_OBJ(this);
+  std::shared_ptr<IServiceHandler> handler;
+  {
+    WriteLock guard(lock);
+    handler = _ReleaseServiceHandler(handle);
+  }
+  handler->Termi();  // outside the lock: it may wait for the handler's running job
+}
+
+void CServiceMgr::DestroyServiceHandlerAsync(hxf_service_handler_h handle,
+                                             const ServiceHandlerDestroyedHandler_t& destroyed) {
+  HXF_CALLTRACE_OBJ(this);
+  if (handle == nullptr) {
+    HXLOG(DLOG_ERROR, "invalid pointer\n");
+    return;
+  }
+  HXLOG(DLOG_INFO, " [%p]\n", handle);
+  std::shared_ptr<IServiceHandler> handler;
+  {
+    WriteLock guard(lock);
+    handler = _ReleaseServiceHandler(handle);
+  }
+  handler->TermiAsync(destroyed);
+}
+
+// ---- searches ----
+
+void CServiceMgr::StartActiveSearch(const std::string& name, const std::shared_ptr<IClient>& client,
+                                    uint32_t timeout) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->StartActiveSearch(client, timeout); });
+}
+
+void CServiceMgr::GetDeviceList(const std::string& name, const std::shared_ptr<IClient>& client,
+                                uint32_t timeout) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->GetDeviceList(client, timeout); });
+}
+
+void CServiceMgr::StartPassiveSearch(const std::string& name, const std::shared_ptr<IClient>& client) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->StartPassiveSearch(client); });
+}
+
+void CServiceMgr::SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  WriteLock guard(lock);
+  _GetService(name)->SetSearchClient(client);
+}
+
+// No wildcard here: "*" is an ordinary name and fails unless such a service exists.
+void CServiceMgr::StopActiveSearch(const std::string& name, hxf_client_h client) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "invalid client handle!!", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  _FindService(name)->StopActiveSearch(client);
+}
+
+void CServiceMgr::StopPassiveSearch(const std::string& name, hxf_client_h client) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(client != nullptr, "invalid client handle!!", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  _FindService(name)->StopPassiveSearch(client);
+}
+
+void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) { HXF_CALLTRACE_OBJ(this); }
+
+std::shared_ptr<IServiceHandler> CServiceMgr::GetServiceHandler(const std::string& name) {
+  HXF_CALLTRACE_OBJ(this);
+  WriteLock guard(lock);
+  HXLOG(DLOG_INFO, "service_name: %s\n", name.c_str());
+  return _GetService(name)->GetServiceHandler();
+}
+
+void CServiceMgr::GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
+                                     const GetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  _FindService(name)->GetServiceProperty(list, handler, timeout);
+}
+
+void CServiceMgr::SetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
+                                     const SetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  _FindService(name)->SetServiceProperty(list, handler, timeout);
+}
+
+// ---- reports from plugins ----
+
+// Routed by the endpoint's own service name; the reporting handler is only passed along.
+void CServiceMgr::Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(handle != nullptr, "service_handler_h is invalid!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(endpoint != nullptr, "endpoint is invalid!!", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  _FindService(endpoint->GetServiceName())->Discovered(handle, endpoint);
+}
+
+void CServiceMgr::DeviceListDiscovered(hxf_service_handler_h handle,
+                                       const std::shared_ptr<IEndpointListHelper>& list) {
+  HXF_CALLTRACE_OBJ(this);
+  Require(handle != nullptr, "service_handler_h is invalid!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(list != nullptr, "endpoint_list is invalid!!", HXF_ERROR_INVALID_PARAMETER);
+  Require(!list->Empty(), "no endpoint in endpoint_list", HXF_ERROR_INVALID_PARAMETER);
+  ReadLock guard(lock);
+  HXLOG(DLOG_INFO, "service handler h : [%p]\n", handle);
+  const std::string name = CommonText(hxf_endpoint_get_service_name(list->GetFirst()));
+  _FindService(name)->DeviceListDiscovered(handle, list);
+}
+
+void CServiceMgr::SendRequestResult(hxf_service_handler_h handle, const std::string& name,
+                                    const std::shared_ptr<IPropertyListHelper>& list,
+                                    hxf_transaction_h transaction, hxf_error_e error) {
+  HXF_CALLTRACE_OBJ(this);
+  std::shared_ptr<IServiceHandler> handler;
+  {
+    ReadLock guard(lock);
+    HXLOG(DLOG_ERROR, "pelnor debug1\n");
+    handler = _FindServiceHandler(handle);
+  }
+  handler->SendRequestResult(name, list, transaction, error);
+}
+
+void CServiceMgr::Notify(hxf_service_handler_h handle, const std::string& name,
+                         const std::shared_ptr<IPropertyListHelper>& list, hxf_transaction_h transaction,
+                         hxf_error_e error) {
+  HXF_CALLTRACE_OBJ(this);
+  ReadLock guard(lock);
+  _FindServiceHandler(handle)->Notify(name, list, transaction, error);
 }
 
 }  // namespace HXFramework::Core

@@ -57,6 +57,13 @@ class LogCapture {
     for (const auto& line : lines_) count += line.text == text ? 1 : 0;
     return count;
   }
+  // Number of platform-log lines containing `part`.
+  int CountContaining(const std::string& part) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int count = 0;
+    for (const auto& line : lines_) count += line.text.find(part) != std::string::npos ? 1 : 0;
+    return count;
+  }
   // Whether a platform-log line contains `part`.
   bool Contains(const std::string& part) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -73,13 +80,15 @@ class LogCapture {
     }
     return LogLine{-1, "", ""};
   }
-  // Waits (bounded) until a platform-log line contains `part`.
-  bool WaitFor(const std::string& part,
+  // Waits (bounded) until a platform-log line contains `part` (and `also`, if given).
+  bool WaitFor(const std::string& part, const std::string& also = std::string(),
                std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] {
       for (const auto& line : lines_) {
-        if (line.text.find(part) != std::string::npos) return true;
+        if (line.text.find(part) != std::string::npos && line.text.find(also) != std::string::npos) {
+          return true;
+        }
       }
       return false;
     });

@@ -12,15 +12,51 @@ class IClient;
 
 class CClientMgr : public IClientMgr {
  public:
-  CClientMgr() = default;
+  CClientMgr();
   ~CClientMgr() override = default;
 
   void Initialize() override;
   void Finalize() override;
+  void* CreateClient(const std::string& name) override;
+  void AddDevice(hxf_client_h client, hxf_service_session_h session,
+                 const std::shared_ptr<IEndpointHelper>& endpoint) override;
+  void SetDiscoveredCallback(hxf_client_h client, const DiscoveredHandler_t& handler) override;
+  void SetServiceNotificationCallback(hxf_client_h client, const ServiceNotificationHandler_t& handler) override;
+  void StartPassiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler) override;
+  void StopPassiveSearch(hxf_client_h client, const std::string& name) override;
+  void StartActiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler,
+                         uint32_t timeout) override;
+  void GetDeviceList(hxf_client_h client, const std::string& name, const DeviceListDiscoveredHandler_t& handler,
+                     uint32_t timeout) override;
+  void StopActiveSearch(hxf_client_h client, const std::string& name) override;
+  void* SubscribeService(hxf_client_h client, const std::string& name,
+                         const ServiceNotificationHandler_t& handler) override;
+  void GetServiceProperty(hxf_client_h client, const std::string& name,
+                          const std::shared_ptr<IPropertyListHelper>& list,
+                          const GetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+  void RequestService(hxf_client_h client, hxf_service_session_h session,
+                      const std::shared_ptr<IPropertyListHelper>& list,
+                      const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
+                      void** transaction) override;
+  void DestroyClient(hxf_client_h client) override;
+  void DestroyClientAsync(hxf_client_h client, const ClientDestroyedHandler_t& destroyed) override;
+  void SetDeviceListDiscoveredCallback(hxf_client_h client, const std::string& name,
+                                       const DeviceListDiscoveredHandler_t& handler) override;
 
  private:
-  std::shared_mutex client_mutex_;  // guards client_map_
-  std::unordered_map<void*, std::shared_ptr<IClient>> client_map_;
+  // Called with client_mutex_ held.
+  std::shared_ptr<IClient> _FindClient(hxf_client_h client) const;
+  std::shared_ptr<IClient> _CreateClient(const std::string& name);
+  std::shared_ptr<IClient> _ReleaseClient(hxf_client_h client);
+  // Checks the handle and the name, then forwards to the found client under the read lock.
+  template <typename Forward>
+  void _ForwardNamed(hxf_client_h client, const std::string& name, Forward&& forward);
+
+  // Guards client_map_. Forwarding operations hold it for reading while they post to the
+  // client (which only queues a task); termination runs after it is released. Order: this
+  // lock may be held while the service manager's lock is taken, never the reverse.
+  mutable std::shared_mutex client_mutex_;
+  std::unordered_map<hxf_client_h, std::shared_ptr<IClient>> client_map_;
 };
 
 }  // namespace HXFramework::Core

@@ -242,4 +242,105 @@ HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(hxf_service_hand
                            handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data)););
 }
 
+// ---- clients (consumers) ----
+
+HXF_CORE_API hxf_client_h hxf_core_client_create(hxf_string_t name) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       return manager->CreateClient(ToString(name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(hxf_client_h client, hxf_string_t service_name,
+                                                              hxf_client_endpoint_discovered_cb cb, void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->StartPassiveSearch(client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_stop_passive_search(hxf_client_h client, hxf_string_t service_name) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       manager->StopPassiveSearch(client, ToString(service_name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(hxf_client_h client, hxf_string_t service_name,
+                                                             hxf_client_endpoint_discovered_cb cb, uint32_t timeout,
+                                                             void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->StartActiveSearch(client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data),
+                                                  timeout););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_stop_active_search(hxf_client_h client, hxf_string_t service_name) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       manager->StopActiveSearch(client, ToString(service_name)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client, hxf_string_t service_name,
+                                                         hxf_client_device_list_discovered_cb cb, uint32_t timeout,
+                                                         void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->GetDeviceList(client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data),
+                                              timeout););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(hxf_client_h client, hxf_string_t service_name,
+                                                                      hxf_client_device_list_discovered_cb cb,
+                                                                      void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       manager->SetDeviceListDiscoveredCallback(
+                           client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_service_session_h hxf_core_client_subscribe_service(hxf_client_h client, hxf_string_t service_name,
+                                                                     hxf_client_service_notification_cb cb,
+                                                                     void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name);
+                       return manager->SubscribeService(
+                           client, name, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_set_service_notification_callback(hxf_client_h client,
+                                                                           hxf_client_service_notification_cb cb,
+                                                                           void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       manager->SetServiceNotificationCallback(
+                           client, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_request_service(hxf_client_h client, hxf_service_session_h session,
+                                                         hxf_property_list_h properties,
+                                                         hxf_client_request_result_cb result_cb, uint32_t timeout,
+                                                         hxf_transaction_h* transaction, void* user_data) {
+  const CLogSite site = HXF_LOG_SITE;
+  return ApiFrame(site, [&] {
+    HXLOG_AT(site, DLOG_ERROR, "pelnor result_cb is (%s, %p)\n", result_cb != nullptr ? "Not NULL" : "NULL",
+             reinterpret_cast<void*>(result_cb));
+    IClientMgr* manager = IClientMgr::GetInstance();
+    // The list is copied first: a null one fails before the manager is reached.
+    std::shared_ptr<IPropertyListHelper> list = IPropertyListHelper::Create(properties);
+    manager->RequestService(client, session, list,
+                            Factory().CreateSetServicePropertyResultHandler(Caller(), result_cb, user_data), timeout,
+                            transaction);
+  });
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_add_device(hxf_client_h client, hxf_service_session_h session,
+                                                    hxf_endpoint_h endpoint) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       manager->AddDevice(client, session, IEndpointHelper::Create(endpoint)););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_destroy(hxf_client_h client) {
+  return HXF_API_FRAME(IClientMgr::GetInstance()->DestroyClient(client););
+}
+
+HXF_CORE_API hxf_error_e hxf_core_client_destroy_async(hxf_client_h client, hxf_client_destroyed_cb cb,
+                                                       void* user_data) {
+  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+                       manager->DestroyClientAsync(client, Factory().CreateClientDestroyedHandler(Caller(), cb, user_data)););
+}
+
 }  // extern "C"

@@ -1,6 +1,5 @@
 # Compares the dynamic symbols a library defines with the functions its header declares.
-#   MODE=core:   every export is an hxf_core_* function declared in HEADER, and every such
-#                function that is implemented so far is exported.
+#   MODE=core:   exports are exactly the hxf_core_* functions of HEADER.
 #   MODE=common: exports are exactly the hxf_* functions of HEADER, plus C++ symbols of the
 #                HXFramework::TPL facilities.
 find_program(NM nm REQUIRED)
@@ -49,21 +48,12 @@ foreach(i RANGE ${last})
   endif()
 endforeach()
 
-if(MODE STREQUAL "common")
-  foreach(name IN LISTS declared)
-    list(FIND c_exports ${name} found)
-    if(found EQUAL -1)
-      list(APPEND errors "declared but not exported: ${name}")
-    endif()
-  endforeach()
-else()
-  foreach(name hxf_core_initialize hxf_core_finalize)
-    list(FIND c_exports ${name} found)
-    if(found EQUAL -1)
-      list(APPEND errors "declared but not exported: ${name}")
-    endif()
-  endforeach()
-endif()
+foreach(name IN LISTS declared)
+  list(FIND c_exports ${name} found)
+  if(found EQUAL -1)
+    list(APPEND errors "declared but not exported: ${name}")
+  endif()
+endforeach()
 
 if(errors)
   string(REPLACE ";" "\n  " text "${errors}")

@@ -20,8 +20,9 @@ void Call(const char* kind, Callback cb, void* user_data, Args... args) {
 }  // namespace
 
 std::shared_ptr<ICallbackCaller>& CCallbackCallerLocal::GetInstance() {
-  static std::shared_ptr<ICallbackCaller> instance = std::make_shared<CCallbackCallerLocal>();
-  return instance;
+  // Never destroyed, like the managers that hand it out.
+  static auto* instance = new std::shared_ptr<ICallbackCaller>(std::make_shared<CCallbackCallerLocal>());
+  return *instance;
 }
 
 void CCallbackCallerLocal::CallPluginLoadHandler(hxf_plugin_loaded_cb cb, void* user_data,

@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "CDirectInvoker.h"
+#include "CHandleQuarantine.h"
 #include "CThreadPoolInvoker.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
@@ -29,7 +30,7 @@ IServiceMgr* Services() { return IServiceMgr::GetInstance(); }
 }  // namespace
 
 std::shared_ptr<IClient> IClient::Create(const std::string& name) {
-  auto client = std::make_shared<CClient>(name);
+  auto client = CHandleQuarantine<CClient>::Make(name);
   client->weak_this_ = client;
   return client;
 }

@@ -32,8 +32,9 @@ void RequireClientAndName(hxf_client_h client, const std::string& name) {
 }  // namespace
 
 IClientMgr* IClientMgr::GetInstance() {
-  static CClientMgr instance;
-  return &instance;
+  // Never destroyed: pool and timer threads may still reach it while the process exits.
+  static CClientMgr* instance = new CClientMgr();
+  return instance;
 }
 
 CClientMgr::CClientMgr() { client_map_.max_load_factor(1.0f); }

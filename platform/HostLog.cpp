@@ -42,9 +42,17 @@ void DefaultSink(int priority, const char* tag, const char* text, void*) {
 
 // Readers (every log line) share the lock while they call the sink; set_sink takes it
 // exclusively, so once it returns the old sink and its user data are no longer in use.
-std::shared_mutex g_sink_mutex;
-hxf_host_log_sink g_sink = DefaultSink;
-void* g_sink_user_data = nullptr;
+struct SinkState {
+  std::shared_mutex mutex;
+  hxf_host_log_sink sink = DefaultSink;
+  void* user_data = nullptr;
+};
+
+// Never destroyed: threads of the framework may still log while the process exits.
+SinkState& Sink() {
+  static SinkState* state = new SinkState();
+  return *state;
+}
 
 }  // namespace
 
@@ -74,13 +82,15 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
     }
   }
   va_end(retry);
-  std::shared_lock<std::shared_mutex> lock(g_sink_mutex);
-  g_sink(prio, tag != nullptr ? tag : "", text, g_sink_user_data);
+  SinkState& state = Sink();
+  std::shared_lock<std::shared_mutex> lock(state.mutex);
+  state.sink(prio, tag != nullptr ? tag : "", text, state.user_data);
   return length;
 }
 
 extern "C" void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data) {
-  std::unique_lock<std::shared_mutex> lock(g_sink_mutex);
-  g_sink = sink != nullptr ? sink : DefaultSink;
-  g_sink_user_data = sink != nullptr ? user_data : nullptr;
+  SinkState& state = Sink();
+  std::unique_lock<std::shared_mutex> lock(state.mutex);
+  state.sink = sink != nullptr ? sink : DefaultSink;
+  state.user_data = sink != nullptr ? user_data : nullptr;
 }

@@ -11,10 +11,19 @@ struct scope_trace_handler {
 
 namespace {
 
-std::shared_mutex g_trace_mutex;  // same discipline as the log sink
-hxf_host_trace_sink g_trace_sink = nullptr;
-void* g_trace_user_data = nullptr;
-std::atomic<bool> g_trace_enabled{false};
+// Same discipline as the log sink; never destroyed, for the same reason.
+struct TraceState {
+  std::shared_mutex mutex;
+  hxf_host_trace_sink sink = nullptr;
+  void* user_data = nullptr;
+};
+
+TraceState& Trace() {
+  static TraceState* state = new TraceState();
+  return *state;
+}
+
+std::atomic<bool> g_trace_enabled{false};  // trivially destructible
 
 }  // namespace
 
@@ -31,14 +40,16 @@ extern "C" bool scope_trace_is_enabled(const scope_trace_handler* handler) {
 
 extern "C" void scope_trace_write(scope_trace_handler* handler, const char* text) {
   if (handler == nullptr || text == nullptr) return;
-  std::shared_lock<std::shared_mutex> lock(g_trace_mutex);
-  if (g_trace_sink == nullptr) return;
-  g_trace_sink(handler->location != nullptr ? handler->location : "", text, g_trace_user_data);
+  TraceState& state = Trace();
+  std::shared_lock<std::shared_mutex> lock(state.mutex);
+  if (state.sink == nullptr) return;
+  state.sink(handler->location != nullptr ? handler->location : "", text, state.user_data);
 }
 
 extern "C" void hxf_host_trace_set_sink(hxf_host_trace_sink sink, void* user_data) {
-  std::unique_lock<std::shared_mutex> lock(g_trace_mutex);
-  g_trace_sink = sink;
-  g_trace_user_data = user_data;
+  TraceState& state = Trace();
+  std::unique_lock<std::shared_mutex> lock(state.mutex);
+  state.sink = sink;
+  state.user_data = user_data;
   g_trace_enabled.store(sink != nullptr, std::memory_order_release);
 }

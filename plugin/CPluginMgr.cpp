@@ -33,8 +33,9 @@ class CPluginMgr::CWriteSection {
 };
 
 IPluginMgr& IPluginMgr::GetInstance() {
-  static CPluginMgr instance;
-  return instance;
+  // Never destroyed: plugins may still report from their threads while the process exits.
+  static CPluginMgr* instance = new CPluginMgr();
+  return *instance;
 }
 
 void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& handler) {

@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "CDirectInvoker.h"
+#include "CHandleQuarantine.h"
 #include "CThreadPoolInvoker.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
@@ -25,7 +26,7 @@ auto& Pool() { return CThreadPoolInvoker::GetInstance(); }
 
 std::shared_ptr<IServiceHandler> IServiceHandler::Create(const std::string& name, void* /*user_data*/) {
   // The plugin's user data is deliberately not kept: each callback carries its own.
-  auto handler = std::make_shared<CServiceHandler>(name);
+  auto handler = CHandleQuarantine<CServiceHandler>::Make(name);
   handler->weak_this_ = handler;
   return handler;
 }

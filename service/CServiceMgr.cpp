@@ -28,8 +28,9 @@ const char kEverything[] = "*";
 }  // namespace
 
 IServiceMgr* IServiceMgr::GetInstance() {
-  static CServiceMgr instance;
-  return &instance;
+  // Never destroyed: pool and timer threads may still reach it while the process exits.
+  static CServiceMgr* instance = new CServiceMgr();
+  return instance;
 }
 
 CServiceMgr::CServiceMgr() {

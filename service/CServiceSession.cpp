@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "CDirectInvoker.h"
+#include "CHandleQuarantine.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IClient.h"
 #include "IPropertyListHelper.h"
@@ -21,7 +22,7 @@ auto& Direct() { return CDirectInvoker::GetInstance(); }
 }  // namespace
 
 std::shared_ptr<IServiceSession> IServiceSession::Create() {
-  auto session = std::make_shared<CServiceSession>();
+  auto session = CHandleQuarantine<CServiceSession>::Make();
   session->weak_this_ = session;
   return session;
 }

@@ -1,5 +1,6 @@
 #include "ITransaction.h"
 
+#include "CHandleQuarantine.h"
 #include "CTransaction.h"
 #include "HXCALLTRACE.h"
 
@@ -7,7 +8,7 @@ namespace HXFramework::Core {
 
 std::shared_ptr<ITransaction> ITransaction::Create() {
   HXF_CALLTRACE();
-  return std::make_shared<CTransaction>();
+  return CHandleQuarantine<CTransaction>::Make();
 }
 
 }  // namespace HXFramework::Core

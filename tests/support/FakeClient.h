@@ -11,42 +11,10 @@
 #include "IEndpointHelper.h"
 #include "IEndpointListHelper.h"
 #include "IServiceSession.h"
+#include "EventLog.h"
 #include "LogCapture.h"
 
 namespace HXFramework::Test {
-
-// Thread-safe list of event descriptions with bounded waits.
-class EventLog {
- public:
-  void Add(const std::string& event) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(event);
-    cv_.notify_all();
-  }
-  std::vector<std::string> Get() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  int Count(const std::string& event) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const auto& e : events_) n += e == event ? 1 : 0;
-    return n;
-  }
-  bool WaitCount(const std::string& event, int n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, std::chrono::seconds(10), [&] {
-      int count = 0;
-      for (const auto& e : events_) count += e == event ? 1 : 0;
-      return count >= n;
-    });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::vector<std::string> events_;
-};
 
 class FakeClient : public Core::IClient {
  public:

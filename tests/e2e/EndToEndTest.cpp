@@ -434,7 +434,10 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   std::vector<hxf_client_h> clients(kThreads);
   std::vector<std::unique_ptr<Subscriber>> subscribers;
   std::vector<std::vector<std::unique_ptr<Request>>> requests(kThreads);
-  for (int t = 0; t < kThreads; ++t) subscribers.push_back(std::make_unique<Subscriber>(Subscriber{&outcome, ""}));
+  // Each subscriber counts only notifications whose tag names its own client.
+  for (int t = 0; t < kThreads; ++t) {
+    subscribers.push_back(std::make_unique<Subscriber>(Subscriber{&outcome, "notify#" + std::to_string(t) + "."}));
+  }
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -457,8 +460,6 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
       }
     });
   }
-  // Each subscriber counts only notifications whose tag names its own client.
-  for (int t = 0; t < kThreads; ++t) subscribers[t]->prefix = "notify#" + std::to_string(t) + ".";
   for (auto& thread : threads) thread.join();
   {
     std::unique_lock<std::mutex> lock(outcome.mutex);

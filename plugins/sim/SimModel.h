@@ -1,0 +1,60 @@
+// The simulated home: services, devices and their typed properties with ranges.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace hxf_sim {
+
+using Value = std::variant<bool, int64_t, double, std::string>;
+
+struct Property {
+  std::string name;
+  Value value;
+  std::optional<double> min;  // numeric properties only
+  std::optional<double> max;
+};
+
+enum class Response { kNormal, kSlow, kNever };
+
+struct Device {
+  std::string id;
+  std::string service;
+  std::string name;
+  std::string interface_name;
+  std::string interface_type;
+  std::string address;
+  std::string ui_meta;  // JSON text
+  std::vector<Property> properties;
+  Response response = Response::kNormal;
+  uint32_t response_ms = 0;       // delay of a slow device's answers
+  uint32_t arrive_after_ms = 0;   // 0: present from the start; else appears while listening
+  uint32_t depart_after_ms = 0;   // 0: never leaves; else leaves while listening
+};
+
+struct Model {
+  uint32_t search_latency_ms = 150;  // between two devices reported by an active search
+  std::vector<Device> devices;
+
+  std::vector<std::string> Services() const;
+  Device* Find(const std::string& service, const std::string& id);
+  Device* First(const std::string& service);
+};
+
+// The embedded default home: three services, eight devices.
+Model DefaultModel();
+
+// Reads a model from a JSON file. On failure returns nothing and sets `error` to a text
+// naming the file, the line and the problem.
+std::optional<Model> LoadModel(const std::string& path, std::string* error);
+
+// Checks `value` against the property's type and range; returns an empty text when it may
+// be applied, else what is wrong. An integer is accepted for a double property.
+std::string Validate(const Property& property, const Value& value);
+
+std::string ToText(const Value& value);
+
+}  // namespace hxf_sim

@@ -1,0 +1,365 @@
+#include "SimPlugin.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "hxf_host_platform.h"
+
+namespace hxf_sim {
+
+namespace {
+
+constexpr const char* kTag = "HXF_SIM";
+constexpr auto kDestroyWait = std::chrono::seconds(10);
+
+hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+std::string Copy(hxf_string text) { return text.str != nullptr ? std::string(text.str, text.len) : std::string(); }
+Plugin* Self(void* user_data) { return static_cast<Plugin*>(user_data); }
+
+hxf_property_h MakeProperty(const std::string& name, const Value& value) {
+  return std::visit(
+      [&](const auto& v) -> hxf_property_h {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, bool>) return hxf_property_create_bool(View(name), v);
+        if constexpr (std::is_same_v<T, int64_t>) return hxf_property_create_int(View(name), v);
+        if constexpr (std::is_same_v<T, double>) return hxf_property_create_double(View(name), v);
+        if constexpr (std::is_same_v<T, std::string>) return hxf_property_create_string(View(name), View(v));
+      },
+      value);
+}
+
+void Push(hxf_property_list_h list, const std::string& name, const Value& value) {
+  hxf_property_h property = MakeProperty(name, value);
+  hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
+  hxf_property_destroy(property);
+}
+
+bool ReadProperty(hxf_property_h property, Value* value) {
+  switch (hxf_property_get_type(property)) {
+    case HXF_PROPERTY_TYPE_BOOL: {
+      bool v = false;
+      hxf_property_get_bool(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_INT: {
+      int64_t v = 0;
+      hxf_property_get_int(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_DOUBLE: {
+      double v = 0;
+      hxf_property_get_double(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_STRING: {
+      const char* v = nullptr;
+      uint32_t length = 0;
+      hxf_property_get_string(property, &v, &length);
+      *value = std::string(v, length);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+// A list named `name` holding the device id and every property of the device.
+hxf_property_list_h DeviceState(const char* name, const Device& device) {
+  hxf_property_list_h list = hxf_property_list_create(hxf_string_from_cstr(name));
+  Push(list, "device_id", device.id);
+  for (const Property& property : device.properties) Push(list, property.name, property.value);
+  return list;
+}
+
+hxf_property_list_h ErrorList(const std::string& operation, const std::string& problem) {
+  hxf_property_list_h list = hxf_property_list_create(View(operation));
+  Push(list, "error", problem);
+  return list;
+}
+
+}  // namespace
+
+void Plugin::Start() {
+  worker_.Start();
+  worker_.Post([this] { Setup(); });
+}
+
+void Plugin::Setup() {
+  const char* config = std::getenv("HXF_SIM_CONFIG");
+  if (config != nullptr && *config != '\0') {
+    std::string error;
+    std::optional<Model> loaded = LoadModel(config, &error);
+    if (!loaded) {
+      dlog_print(DLOG_ERROR, kTag, "sim: bad configuration %s\n", error.c_str());
+      hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_FAILED);
+      return;
+    }
+    model_ = std::move(*loaded);
+  } else {
+    model_ = DefaultModel();
+  }
+  for (const std::string& name : model_.Services()) {
+    hxf_service_handler_h handler = hxf_core_service_handler_create(View("sim-" + name), this);
+    if (handler == nullptr) {
+      dlog_print(DLOG_ERROR, kTag, "sim: cannot create a handler for %s\n", name.c_str());
+      hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_FAILED);
+      return;
+    }
+    services_[name].handler = handler;
+    hxf_core_service_handler_set_search_callback(handler, &Plugin::OnSearch, this);
+    hxf_core_service_handler_set_search_stop_callback(handler, &Plugin::OnSearchStop, this);
+    hxf_core_service_handler_set_get_device_list_callback(handler, &Plugin::OnDeviceList, this);
+    hxf_core_service_handler_set_listen_callback(handler, &Plugin::OnListen, this);
+    hxf_core_service_handler_set_listen_stop_callback(handler, &Plugin::OnListenStop, this);
+    hxf_core_service_handler_set_add_device_callback(handler, &Plugin::OnAddDevice, this);
+    hxf_core_service_handler_set_service_session_created_callback(handler, &Plugin::OnSessionCreated, this);
+    hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
+    hxf_core_service_handler_subscribe_service(handler, View(name));
+  }
+  dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(), services_.size());
+  hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+}
+
+void Plugin::Stop() {
+  worker_.Stop();  // from here on no plugin task runs, and callbacks post into the void
+  int handlers = 0;
+  for (auto& [name, service] : services_) {
+    if (hxf_core_service_handler_destroy_async(service.handler, &Plugin::OnDestroyed, this) == HXF_ERROR_NONE) {
+      ++handlers;
+    }
+  }
+  // A handler's destroyed callback runs after its last callback: then no core thread is in
+  // this plugin's code any more.
+  std::unique_lock<std::mutex> lock(destroyed_mutex_);
+  if (!destroyed_cv_.wait_for(lock, kDestroyWait, [&] { return destroyed_ >= handlers; })) {
+    dlog_print(DLOG_ERROR, kTag, "sim: handlers not destroyed in time\n");
+  }
+}
+
+void Plugin::OnDestroyed(hxf_service_handler_h, void* self) {
+  Plugin* plugin = Self(self);
+  std::lock_guard<std::mutex> lock(plugin->destroyed_mutex_);
+  ++plugin->destroyed_;
+  plugin->destroyed_cv_.notify_all();
+}
+
+// ---- discovery ----
+
+void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
+  hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
+  hxf_endpoint_set_device_id(endpoint, View(device.id));
+  hxf_endpoint_set_device_name(endpoint, View(device.name));
+  hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
+  hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
+  hxf_endpoint_set_address(endpoint, View(device.address));
+  // The core delivers every report as "found"; a departure travels in the UI meta data.
+  std::string meta = device.ui_meta;
+  if (presence != nullptr) meta = std::string("{\"presence\":\"") + presence + "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
+  hxf_endpoint_set_ui_meta(endpoint, View(meta));
+  hxf_core_service_handler_report_device_found(services_[service].handler, endpoint);
+  hxf_endpoint_destroy(endpoint);
+}
+
+void Plugin::Search(const std::string& service) {
+  const uint64_t generation = ++services_[service].search_generation;
+  uint32_t delay = 0;
+  for (const Device& device : model_.devices) {
+    if (device.service != service || device.arrive_after_ms != 0) continue;
+    delay += model_.search_latency_ms;  // one by one, as a real network would answer
+    const std::string id = device.id;
+    worker_.Post(
+        [this, service, id, generation] {
+          if (services_[service].search_generation != generation) return;  // stopped meanwhile
+          if (const Device* found = model_.Find(service, id)) Report(service, *found, nullptr);
+        },
+        delay);
+  }
+}
+
+void Plugin::DeviceList(const std::string& service) {
+  hxf_endpoint_list_h list = hxf_endpoint_list_create();
+  for (const Device& device : model_.devices) {
+    if (device.service != service || device.arrive_after_ms != 0) continue;
+    hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
+    hxf_endpoint_set_device_id(endpoint, View(device.id));
+    hxf_endpoint_set_device_name(endpoint, View(device.name));
+    hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
+    hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
+    hxf_endpoint_set_address(endpoint, View(device.address));
+    hxf_endpoint_set_ui_meta(endpoint, View(device.ui_meta));
+    hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
+    hxf_endpoint_destroy(endpoint);
+  }
+  // An empty list cannot be reported: the consumer then sees its request time out.
+  if (!hxf_endpoint_list_empty(list)) hxf_core_service_handler_report_device_list(services_[service].handler, list);
+  hxf_endpoint_list_destroy(list);
+}
+
+void Plugin::Listen(const std::string& service) {
+  const uint64_t generation = ++services_[service].listen_generation;
+  const auto still_listening = [this, service, generation] {
+    return services_[service].listen_generation == generation;
+  };
+  uint32_t delay = 0;
+  for (const Device& device : model_.devices) {
+    if (device.service != service) continue;
+    const std::string id = device.id;
+    const bool arrives_later = device.arrive_after_ms != 0;
+    const uint32_t arrive = arrives_later ? device.arrive_after_ms : (delay += model_.search_latency_ms);
+    worker_.Post(
+        [this, service, id, still_listening, arrives_later] {
+          if (!still_listening()) return;
+          if (const Device* found = model_.Find(service, id)) Report(service, *found, arrives_later ? "arrived" : nullptr);
+        },
+        arrive);
+    if (device.depart_after_ms != 0) {
+      worker_.Post(
+          [this, service, id, still_listening] {
+            if (!still_listening()) return;
+            if (const Device* found = model_.Find(service, id)) Report(service, *found, "left");
+          },
+          device.depart_after_ms);
+    }
+  }
+}
+
+void Plugin::AddDevice(Device device) {
+  if (model_.Find(device.service, device.id) != nullptr) return;
+  dlog_print(DLOG_INFO, kTag, "sim: device %s added to %s\n", device.id.c_str(), device.service.c_str());
+  model_.devices.push_back(std::move(device));
+}
+
+// ---- requests ----
+
+void Plugin::Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
+                    hxf_error_e error) {
+  hxf_core_service_handler_send_request_result(services_[service].handler, View(service), result, transaction, error);
+  hxf_property_list_destroy(result);
+}
+
+void Plugin::Request(const std::string& service, hxf_transaction_h transaction, const List& request_copy) {
+  hxf_property_list_h request = request_copy.get();
+  const std::string operation = hxf_property_list_get_name(request);
+  std::string device_id;
+  Value id_value;
+  if (hxf_property_h id = hxf_property_list_find(request, hxf_string_from_cstr("device_id"))) {
+    if (ReadProperty(id, &id_value) && std::holds_alternative<std::string>(id_value)) device_id = std::get<std::string>(id_value);
+  }
+  Device* device = device_id.empty() ? model_.First(service) : model_.Find(service, device_id);
+  if (device == nullptr) {
+    Answer(service, transaction, ErrorList(operation, "unknown device " + device_id), HXF_ERROR_INVALID_PARAMETER);
+    return;
+  }
+  if (device->response == Response::kNever) return;  // an unresponsive device: the request times out
+  const std::string id = device->id;
+  auto respond = [this, service, transaction, request_copy, request, operation, id] {
+    Device* target = model_.Find(service, id);
+    if (target == nullptr) {
+      Answer(service, transaction, ErrorList(operation, "device " + id + " is gone"), HXF_ERROR_OPERATION_FAILED);
+    } else if (operation == "get") {
+      Answer(service, transaction, DeviceState("get", *target), HXF_ERROR_NONE);
+    } else if (operation == "set") {
+      // Validate everything first: a bad value changes nothing.
+      std::vector<std::pair<Property*, Value>> changes;
+      std::string problem;
+      for (hxf_property_h p = hxf_property_list_get_first(request); p != nullptr && problem.empty();
+           p = hxf_property_list_get_next(request, p)) {
+        const std::string name = hxf_property_get_name(p);
+        if (name == "device_id") continue;
+        Property* property = nullptr;
+        for (Property& candidate : target->properties) {
+          if (candidate.name == name) property = &candidate;
+        }
+        Value value;
+        if (property == nullptr) {
+          problem = "unknown property " + name;
+        } else if (!ReadProperty(p, &value)) {
+          problem = "unreadable value for " + name;
+        } else {
+          problem = Validate(*property, value);
+          if (problem.empty()) {
+            if (std::holds_alternative<double>(property->value) && std::holds_alternative<int64_t>(value)) {
+              value = static_cast<double>(std::get<int64_t>(value));
+            }
+            changes.emplace_back(property, value);
+          }
+        }
+      }
+      if (!problem.empty()) {
+        Answer(service, transaction, ErrorList(operation, problem), HXF_ERROR_INVALID_PARAMETER);
+      } else {
+        for (auto& [property, value] : changes) property->value = value;
+        Answer(service, transaction, DeviceState("set", *target), HXF_ERROR_NONE);
+        // Everyone subscribed hears the new state; no transaction: the request is answered.
+        hxf_property_list_h state = DeviceState("state", *target);
+        hxf_core_service_handler_notify(services_[service].handler, View(service), state, nullptr, HXF_ERROR_NONE);
+        hxf_property_list_destroy(state);
+      }
+    } else {
+      Answer(service, transaction, ErrorList(operation, "unknown operation " + operation + " (get or set)"),
+             HXF_ERROR_INVALID_PARAMETER);
+    }
+  };
+  if (device->response == Response::kSlow) {
+    worker_.Post(respond, device->response_ms);
+  } else {
+    respond();
+  }
+}
+
+// ---- callbacks (core threads): copy, post, return ----
+
+void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
+}
+
+void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { ++plugin->services_[service].search_generation; });
+}
+
+void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
+  Plugin* plugin = Self(self);
+  plugin->worker_.Post([plugin, service = Copy(name)] { plugin->DeviceList(service); }, 50);
+}
+
+void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
+}
+
+void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { ++plugin->services_[service].listen_generation; });
+}
+
+void Plugin::OnAddDevice(hxf_service_handler_h, hxf_endpoint_h endpoint, void* self) {
+  Device device;
+  device.service = hxf_endpoint_get_service_name(endpoint);
+  device.id = hxf_endpoint_get_device_id(endpoint);
+  device.name = hxf_endpoint_get_device_name(endpoint);
+  device.interface_name = hxf_endpoint_get_interface_name(endpoint);
+  device.interface_type = hxf_endpoint_get_interface_type(endpoint);
+  device.address = hxf_endpoint_get_address(endpoint);
+  device.ui_meta = hxf_endpoint_get_ui_meta(endpoint);
+  Self(self)->worker_.Post([plugin = Self(self), device] { plugin->AddDevice(device); });
+}
+
+void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h properties,
+                       void* self) {
+  Plugin* plugin = Self(self);
+  // The list is borrowed for this call only: keep a copy for the worker.
+  List request(hxf_property_list_copy(properties), &hxf_property_list_destroy);
+  // Which service: the one this handler serves (handlers are per service).
+  plugin->worker_.Post([plugin, handler, transaction, request] {
+    for (auto& [name, service] : plugin->services_) {
+      if (service.handler == handler) {
+        plugin->Request(name, transaction, request);
+        return;
+      }
+    }
+  });
+}
+
+}  // namespace hxf_sim

@@ -1,0 +1,48 @@
+// The subcommands of the tool. Each returns the process exit code: 0 ok, 1 the operation
+// failed or timed out, 2 a usage error.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "COutput.h"
+#include "CToolRuntime.h"
+
+namespace hxf_tool {
+
+enum ExitCode { kOk = 0, kFailed = 1, kUsage = 2 };
+
+class CCommands {
+ public:
+  CCommands(CToolRuntime& runtime, const COutput& out) : runtime_(runtime), out_(out) {}
+
+  int Search(const std::string& service, uint32_t timeout_ms);
+  int Listen(const std::string& service, uint32_t for_ms);
+  int Devices(const std::string& service, uint32_t timeout_ms);
+  int Request(const std::string& service, const std::string& operation,
+              const std::vector<std::string>& assignments, uint32_t timeout_ms);
+  int Watch(const std::string& service, uint32_t for_ms);
+  int Demo();
+  // Needs no plugin loaded: lists the plugin libraries in the plugin folder.
+  static int Plugins(const COutput& out);
+  // "NAME=VALUE" with VALUE true/false, an integer, a decimal or text ("device" means the
+  // target device). False for a malformed assignment.
+  static bool ValidAssignment(const std::string& assignment);
+
+ private:
+  // Waits for events until `deadline`, feeding each to `on_event` until it returns false.
+  // Shows a countdown for `what` meanwhile. False when interrupted.
+  template <typename OnEvent>
+  bool Pump(const std::string& what, CEventQueue::Clock::time_point deadline, OnEvent&& on_event);
+  hxf_service_session_h Subscribe(const std::string& service);
+  // Sends one request and waits for its result; prints it. Returns the error code, or -1
+  // when no answer came (interrupted or lost).
+  int SendAndWait(hxf_service_session_h session, const std::string& service, const std::string& operation,
+                  const std::vector<std::string>& assignments, uint32_t timeout_ms, Event* result);
+
+  CToolRuntime& runtime_;
+  const COutput& out_;
+};
+
+}  // namespace hxf_tool

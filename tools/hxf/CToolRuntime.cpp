@@ -1,0 +1,196 @@
+#include "CToolRuntime.h"
+
+#include <signal.h>
+
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+namespace hxf_tool {
+
+namespace {
+
+constexpr auto kLoadWait = std::chrono::seconds(10);
+
+std::string Copy(hxf_string text) { return text.str != nullptr ? std::string(text.str, text.len) : std::string(); }
+CToolRuntime* Self(void* user_data) { return static_cast<CToolRuntime*>(user_data); }
+
+sigset_t StopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  return set;
+}
+
+Device ReadDevice(hxf_endpoint_h e) {
+  return Device{hxf_endpoint_get_service_name(e), hxf_endpoint_get_device_id(e), hxf_endpoint_get_device_name(e),
+                hxf_endpoint_get_interface_name(e), hxf_endpoint_get_interface_type(e), hxf_endpoint_get_address(e),
+                hxf_endpoint_get_ui_meta(e)};
+}
+
+std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
+  std::vector<PropertyValue> properties;
+  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr; p = hxf_property_list_get_next(list, p)) {
+    PropertyValue value{hxf_property_get_name(p), "", ""};
+    switch (hxf_property_get_type(p)) {
+      case HXF_PROPERTY_TYPE_BOOL: {
+        bool v = false;
+        hxf_property_get_bool(p, &v);
+        value.type = "bool";
+        value.text = v ? "true" : "false";
+        break;
+      }
+      case HXF_PROPERTY_TYPE_INT: {
+        int64_t v = 0;
+        hxf_property_get_int(p, &v);
+        value.type = "int";
+        value.text = std::to_string(v);
+        break;
+      }
+      case HXF_PROPERTY_TYPE_DOUBLE: {
+        double v = 0;
+        hxf_property_get_double(p, &v);
+        char text[64];
+        std::snprintf(text, sizeof text, "%g", v);
+        value.type = "double";
+        value.text = text;
+        break;
+      }
+      default: {
+        const char* v = "";
+        uint32_t length = 0;
+        hxf_property_get_string(p, &v, &length);
+        value.type = "string";
+        value.text.assign(v, length);
+      }
+    }
+    properties.push_back(value);
+  }
+  return properties;
+}
+
+}  // namespace
+
+CToolRuntime::CToolRuntime() {
+  sigset_t set = StopSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on
+  signal_thread_ = std::thread([this] { WatchSignals(); });
+}
+
+CToolRuntime::~CToolRuntime() {
+  Close();
+  closing_ = true;
+  signal_thread_.join();
+}
+
+void CToolRuntime::WatchSignals() {
+  sigset_t set = StopSignals();
+  const timespec tick{0, 100 * 1000 * 1000};
+  while (!closing_) {
+    if (sigtimedwait(&set, nullptr, &tick) > 0) {
+      interrupted_ = true;
+      events_.Push(Event{Event::kInterrupt});
+    }
+  }
+}
+
+bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& out) {
+  if (hxf_core_initialize() != HXF_ERROR_NONE) {
+    out.Error("the core failed to initialise");
+    return false;
+  }
+  opened_ = true;
+  for (const std::string& plugin : plugins) {
+    const hxf_error_e code = hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
+                                                  &CToolRuntime::OnLoaded, this);
+    if (code != HXF_ERROR_NONE) {
+      out.Error("plugin " + plugin + ": load refused (error " + std::to_string(code) + ")");
+      return false;
+    }
+    Event event{Event::kInterrupt};
+    const auto deadline = CEventQueue::Clock::now() + kLoadWait;
+    bool loaded = false;
+    while (events_.Next(&event, deadline)) {
+      if (event.kind == Event::kInterrupt) return false;
+      if (event.kind == Event::kLoaded && event.name == plugin) {
+        loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
+        if (!loaded) out.Error("plugin " + plugin + ": failed to load (result " + std::to_string(event.code) + ")");
+        break;
+      }
+    }
+    if (!loaded) {
+      if (event.kind != Event::kLoaded) out.Error("plugin " + plugin + ": no load result within 10 s");
+      return false;
+    }
+  }
+  client_ = hxf_core_client_create(hxf_string_from_cstr("hxf"));
+  if (client_ == nullptr) {
+    out.Error("cannot create a client");
+    return false;
+  }
+  return true;
+}
+
+void CToolRuntime::Close() {
+  if (client_ != nullptr) hxf_core_client_destroy(client_);
+  client_ = nullptr;
+  if (!opened_) return;
+  hxf_core_plugin_unload_all();
+  hxf_core_finalize();
+  opened_ = false;
+}
+
+void CToolRuntime::OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* self) {
+  Event event{Event::kLoaded};
+  event.name = Copy(name);
+  event.code = result;
+  Self(self)->events_.Push(std::move(event));
+}
+
+void CToolRuntime::OnFound(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
+                           hxf_endpoint_h endpoint, void* self) {
+  Event event{Event::kFound};
+  event.name = Copy(service);
+  event.code = result;
+  if (endpoint != nullptr) event.devices.push_back(ReadDevice(endpoint));
+  Self(self)->events_.Push(std::move(event));
+}
+
+void CToolRuntime::OnList(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
+                          hxf_endpoint_list_h list, void* self) {
+  Event event{Event::kList};
+  event.name = Copy(service);
+  event.code = result;
+  for (hxf_endpoint_h e = hxf_endpoint_list_get_first(list); e != nullptr; e = hxf_endpoint_list_get_next(list, e)) {
+    event.devices.push_back(ReadDevice(e));
+  }
+  Self(self)->events_.Push(std::move(event));
+}
+
+void CToolRuntime::OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list,
+                            hxf_transaction_h transaction, hxf_error_e error, void* self) {
+  Event event{Event::kResult};
+  event.code = error;
+  event.transaction = transaction;
+  if (list != nullptr) {
+    event.list_name = hxf_property_list_get_name(list);
+    event.properties = ReadProperties(list);
+  }
+  Self(self)->events_.Push(std::move(event));
+}
+
+void CToolRuntime::OnNotification(hxf_string service, hxf_service_session_h, hxf_property_list_h list,
+                                  hxf_transaction_h transaction, hxf_error_e error, void* self) {
+  Event event{Event::kNotification};
+  event.name = Copy(service);
+  event.code = error;
+  event.transaction = transaction;
+  if (list != nullptr) {
+    event.list_name = hxf_property_list_get_name(list);
+    event.properties = ReadProperties(list);
+  }
+  Self(self)->events_.Push(std::move(event));
+}
+
+}  // namespace hxf_tool

@@ -78,13 +78,10 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
     return kFailed;
   }
   std::vector<Device> found;
-  bool timed_out = false;
-  const bool completed = Pump("searching " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
+  // The tool keeps its own deadline: once a device is found the core reports no time-out.
+  const bool completed = Pump("searching " + service, In(timeout_ms), [&](const Event& event) {
     if (event.kind != Event::kFound) return true;
-    if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-      timed_out = true;
-      return false;
-    }
+    if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return false;
     for (const Device& device : event.devices) {
       found.push_back(device);
       nlohmann::json line = COutput::ToJson(device);
@@ -98,7 +95,7 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
   out_.Emit({{"event", completed ? "search_ended" : "interrupted"}, {"service", service}, {"found", found.size()}});
   if (!completed) return kOk;  // stopped by the user
   if (found.empty()) {
-    out_.Say("no device offers " + service + (timed_out ? " (search timed out after " + std::to_string(timeout_ms) + " ms)" : ""));
+    out_.Say("no device offers " + service + " (search timed out after " + std::to_string(timeout_ms) + " ms)");
     return kFailed;
   }
   out_.Say(std::to_string(found.size()) + " device(s) offer " + service);
@@ -182,9 +179,7 @@ int CCommands::SendAndWait(hxf_service_session_h session, const std::string& ser
   int code = -1;
   Pump(operation + " on " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
     if (event.kind == Event::kNotification) {
-      nlohmann::json line = {{"event", "notification"}, {"service", event.name}, {"list", event.list_name},
-                             {"properties", COutput::ToJson(event.properties)}};
-      out_.Emit(line);
+      notifications_.push_back(event);
       return true;
     }
     if (event.kind != Event::kResult || event.transaction != transaction) return true;
@@ -278,14 +273,17 @@ int CCommands::Demo() {
   }
   out_.Properties(result.properties);
   bool notified = false;
-  Pump("waiting for the notification", In(2000), [&](const Event& event) {
+  const auto show = [&](const Event& event) {
     if (event.kind != Event::kNotification) return true;
     out_.Say("   notification (" + event.list_name + "):");
     out_.Properties(event.properties);
     out_.Emit({{"event", "notification"}, {"list", event.list_name}, {"properties", COutput::ToJson(event.properties)}});
     notified = true;
     return false;
-  });
+  };
+  for (const Event& early : notifications_) show(early);
+  notifications_.clear();
+  if (!notified) Pump("waiting for the notification", In(2000), show);
   if (!notified) return kFailed;
   out_.Say("== 7. A bad value is refused and changes nothing: brightness=150.");
   const int refused = SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);

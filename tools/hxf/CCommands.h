@@ -43,6 +43,8 @@ class CCommands {
 
   CToolRuntime& runtime_;
   const COutput& out_;
+  // Notifications that arrived while a request waited for its result (they may overtake it).
+  std::vector<Event> notifications_;
 };
 
 }  // namespace hxf_tool

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "hxf_host_platform.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -70,9 +72,24 @@ std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
   return properties;
 }
 
+int Threshold(const std::string& level) {
+  if (level == "debug") return DLOG_DEBUG;
+  if (level == "info") return DLOG_INFO;
+  if (level == "error") return DLOG_ERROR;
+  return DLOG_SILENT;
+}
+
 }  // namespace
 
-CToolRuntime::CToolRuntime() {
+void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* self) {
+  const bool core_line = std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
+  if (priority < Self(self)->log_threshold_ && (core_line || priority < DLOG_ERROR)) return;
+  const size_t length = std::strlen(text);
+  std::fprintf(stderr, "%s: %s%s", tag, text, length > 0 && text[length - 1] == '\n' ? "" : "\n");
+}
+
+CToolRuntime::CToolRuntime(const std::string& log_level) : log_threshold_(Threshold(log_level)) {
+  hxf_host_log_set_sink(&CToolRuntime::OnLog, this);
   sigset_t set = StopSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on
   signal_thread_ = std::thread([this] { WatchSignals(); });
@@ -82,6 +99,7 @@ CToolRuntime::~CToolRuntime() {
   Close();
   closing_ = true;
   signal_thread_.join();
+  hxf_host_log_set_sink(nullptr, nullptr);
 }
 
 void CToolRuntime::WatchSignals() {

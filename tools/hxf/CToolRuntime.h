@@ -16,8 +16,10 @@ namespace hxf_tool {
 class CToolRuntime {
  public:
   // Blocks SIGINT and SIGTERM in every thread and takes them on a thread of its own, so that
-  // Ctrl-C becomes an event. Call before any other thread exists.
-  CToolRuntime();
+  // Ctrl-C becomes an event. Call before any other thread exists. `log_level` (debug, info,
+  // error or empty) chooses which of the core's log lines reach stderr; a plugin's own
+  // error lines always do, so that a failed load says why.
+  explicit CToolRuntime(const std::string& log_level);
   ~CToolRuntime();
   CToolRuntime(const CToolRuntime&) = delete;
   CToolRuntime& operator=(const CToolRuntime&) = delete;
@@ -45,7 +47,9 @@ class CToolRuntime {
 
  private:
   void WatchSignals();
+  static void OnLog(int priority, const char* tag, const char* text, void* self);
 
+  int log_threshold_;
   CEventQueue events_;
   std::atomic<bool> interrupted_{false};
   std::atomic<bool> closing_{false};

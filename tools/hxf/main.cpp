@@ -1,6 +1,5 @@
 // hxf: search, list, listen to and talk with devices through the broker core.
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -28,6 +27,7 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app{"hxf: find and talk to devices through the broker core (plugins default to the simulator)"};
   app.require_subcommand(1);
+  app.fallthrough();  // global options may also follow the subcommand
   app.add_option("--plugin", options.plugins, "provider plugin to load (repeatable; default: sim)");
   app.add_flag("--json", options.json, "one JSON object per event and line");
   app.add_option("--log-level", options.log_level, "show the core's log on stderr")
@@ -70,13 +70,11 @@ int main(int argc, char** argv) {
     return hxf_tool::kUsage;
   }
 
-  // The platform log reads its level once, at its first line: set it before anything logs.
-  if (!options.log_level.empty()) setenv("HXF_LOG_LEVEL", options.log_level.c_str(), 1);
   if (options.plugins.empty()) options.plugins.push_back("sim");
   const hxf_tool::COutput out(options.json);
   if (plugins->parsed()) return CCommands::Plugins(out);
 
-  hxf_tool::CToolRuntime runtime;
+  hxf_tool::CToolRuntime runtime(options.log_level);
   if (!runtime.Open(options.plugins, out)) {
     runtime.Close();
     return runtime.Interrupted() ? hxf_tool::kOk : hxf_tool::kFailed;

@@ -1,0 +1,120 @@
+// The simulator plugin through the public API, as an application uses it.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "EventLog.h"
+#include "hxf_core.h"
+
+using HXFramework::Test::EventLog;
+
+namespace {
+
+hxf_string Str(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+
+std::string Render(hxf_property_list_h list) {
+  if (list == nullptr) return "null";
+  std::string text = hxf_property_list_get_name(list);
+  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr; p = hxf_property_list_get_next(list, p)) {
+    text += std::string(" ") + hxf_property_get_name(p) + "=";
+    int64_t i = 0;
+    bool b = false;
+    double d = 0;
+    const char* s = nullptr;
+    if (hxf_property_get_int(p, &i) == HXF_ERROR_NONE) text += std::to_string(i);
+    if (hxf_property_get_bool(p, &b) == HXF_ERROR_NONE) text += b ? "true" : "false";
+    if (hxf_property_get_double(p, &d) == HXF_ERROR_NONE) text += std::to_string(d);
+    if (hxf_property_get_string(p, &s, nullptr) == HXF_ERROR_NONE) text += s;
+  }
+  return text;
+}
+
+class SimPlugin : public ::testing::Test {
+ protected:
+  static void OnLoaded(hxf_string, hxf_plugin_load_result_e result, void* ud) {
+    static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
+  }
+  static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e result, hxf_endpoint_h e, void* ud) {
+    static_cast<EventLog*>(ud)->Add(e != nullptr ? std::string("found ") + hxf_endpoint_get_device_id(e)
+                                                 : "ended " + std::to_string(result));
+  }
+  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h,
+                       hxf_error_e error, void* ud) {
+    static_cast<EventLog*>(ud)->Add("result " + std::to_string(error) + " " + Render(list));
+  }
+  static void OnNotify(hxf_string, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
+                       void* ud) {
+    static_cast<EventLog*>(ud)->Add("notify " + Render(list));
+  }
+
+  void SetUp() override {
+    hxf_core_initialize();
+    ASSERT_EQ(hxf_core_plugin_load(Str("sim"), &OnLoaded, &loaded_), HXF_ERROR_NONE);
+    ASSERT_TRUE(loaded_.WaitCount("loaded 0", 1));
+    client_ = hxf_core_client_create(Str("test"));
+  }
+  void TearDown() override {
+    hxf_core_client_destroy(client_);
+    hxf_core_plugin_unload_all();
+    hxf_core_finalize();
+  }
+  void Send(hxf_service_session_h session, const char* operation, hxf_property_h a = nullptr,
+            hxf_property_h b = nullptr, uint32_t timeout = 5000) {
+    hxf_property_list_h list = hxf_property_list_create(Str(operation));
+    for (hxf_property_h p : {a, b}) {
+      if (p == nullptr) continue;
+      hxf_property_list_push_property(list, p, HXF_ERROR_NONE);
+      hxf_property_destroy(p);
+    }
+    hxf_transaction_h transaction = nullptr;
+    hxf_core_client_request_service(client_, session, list, &OnResult, timeout, &transaction, &events_);
+    hxf_property_list_destroy(list);
+  }
+  static hxf_property_h Id(const char* id) { return hxf_property_create_string(Str("device_id"), Str(id)); }
+
+  EventLog loaded_;
+  EventLog events_;
+  hxf_client_h client_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(SimPlugin, SearchReportsTheDevicesOfAServiceOneByOne) {
+  hxf_core_client_start_active_search(client_, Str("lights"), &OnFound, 5000, &events_);
+  ASSERT_TRUE(events_.WaitCount("found ceiling-1", 1));
+  EXPECT_EQ(events_.Get(), (std::vector<std::string>{"found lamp-1", "found ceiling-1"}));
+}
+
+TEST_F(SimPlugin, ABadSetIsRefusedAndChangesNothing) {
+  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  ASSERT_NE(session, nullptr);
+  Send(session, "set", Id("lamp-1"), hxf_property_create_int(Str("brightness"), 150));
+  ASSERT_TRUE(events_.WaitCount("result 4 set error=brightness 150 is out of range 0..100", 1));
+  Send(session, "set", Id("lamp-1"), hxf_property_create_string(Str("brightness"), Str("dim")));
+  ASSERT_TRUE(events_.WaitCount("result 4 set error=brightness takes a int, not a string", 1));
+  Send(session, "get", Id("lamp-1"));
+  EXPECT_TRUE(events_.WaitCount("result 0 get device_id=lamp-1 power=true brightness=70 color=warm", 1));
+}
+
+TEST_F(SimPlugin, AGoodSetAnswersThenNotifiesTheNewState) {
+  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  Send(session, "set", Id("lamp-1"), hxf_property_create_int(Str("brightness"), 30));
+  // The notification goes straight to the subscriber and may overtake the result, which
+  // passes through the client's context.
+  EXPECT_TRUE(events_.WaitCount("notify state device_id=lamp-1 power=true brightness=30 color=warm", 1));
+  EXPECT_TRUE(events_.WaitCount("result 0 set device_id=lamp-1 power=true brightness=30 color=warm", 1));
+}
+
+TEST_F(SimPlugin, AnUnresponsiveDeviceLetsTheRequestTimeOut) {
+  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("audio"), &OnNotify, &events_);
+  Send(session, "get", Id("radio-1"), nullptr, 100);
+  EXPECT_TRUE(events_.WaitCount("result 1 null", 1));
+}
+
+TEST_F(SimPlugin, AnUnknownDeviceOrOperationGetsAnErrorResult) {
+  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  Send(session, "get", Id("nope"));
+  EXPECT_TRUE(events_.WaitCount("result 4 get error=unknown device nope", 1));
+  Send(session, "reboot", Id("lamp-1"));
+  EXPECT_TRUE(events_.WaitCount("result 4 reboot error=unknown operation reboot (get or set)", 1));
+}

@@ -1,0 +1,148 @@
+#!/usr/bin/env bash
+# Runs the hxf tool as a process against the simulator and checks its output and exit code.
+# Usage: test_hxf.sh HXF_BINARY CASE
+set -u
+hxf=$1
+case_name=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+out="$work/out"
+err="$work/err"
+
+fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
+run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
+expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
+expect_out() { grep -q -- "$1" "$out" || fail "stdout lacks: $1"; }
+expect_err() { grep -q -- "$1" "$err" || fail "stderr lacks: $1"; }
+
+case "$case_name" in
+  search)
+    code=$(run search lights --timeout 1000)
+    expect_code "$code" 0
+    expect_out "^DEVICE  *NAME  *SERVICE  *ADDRESS  *INTERFACE"
+    expect_out "^lamp-1  *Desk lamp  *lights  *192.168.1.21  *wlan0/wifi"
+    expect_out "^ceiling-1 "
+    expect_out "2 device(s) offer lights"
+    ;;
+  search-json)
+    code=$(run --json search lights --timeout 1000)
+    expect_code "$code" 0
+    [ "$(grep -c '"event":"found"' "$out")" = 2 ] || fail "expected two found events"
+    expect_out '"device_id":"lamp-1"'
+    expect_out '{"event":"search_ended","found":2,"service":"lights"}'
+    if grep -v '^{.*}$' "$out" | grep -q .; then fail "a line is not one JSON object"; fi
+    ;;
+  unknown-service)
+    code=$(run search nothing-here --timeout 300)
+    expect_code "$code" 1
+    expect_out "no device offers nothing-here (search timed out after 300 ms)"
+    code=$(run request nothing-here get)
+    expect_code "$code" 1
+    expect_err "no provider offers the service nothing-here"
+    ;;
+  devices)
+    code=$(run devices audio --timeout 2000)
+    expect_code "$code" 0
+    expect_out "^speaker-1 "
+    expect_out "^radio-1 "
+    ;;
+  get)
+    code=$(run request lights get device=lamp-1)
+    expect_code "$code" 0
+    expect_out "get on lights: ok"
+    expect_out "brightness  *70"
+    ;;
+  timeout)
+    code=$(run request audio get device=radio-1 --timeout 300)
+    expect_code "$code" 1
+    expect_out "get on audio: timed out after 300 ms"
+    ;;
+  out-of-range)
+    code=$(run request lights set device=lamp-1 brightness=150)
+    expect_code "$code" 1
+    expect_out "brightness 150 is out of range 0..100 (error 4)"
+    ;;
+  wrong-type)
+    code=$(run request climate set device=thermostat-1 target_temperature=warm)
+    expect_code "$code" 1
+    expect_out "target_temperature takes a double, not a string"
+    ;;
+  malformed-config)
+    printf '{\n  "devices": [\n    {"id": "x", "service": "s",}\n  ]\n}\n' >"$work/bad.json"
+    code=$(HXF_SIM_CONFIG="$work/bad.json" run search s --timeout 300)
+    expect_code "$code" 1
+    expect_err "bad.json:3: "
+    expect_err "syntax error"
+    expect_err "plugin sim: failed to load (result 1)"
+    ;;
+  config-out-of-range)
+    cat >"$work/range.json" <<'JSON'
+{
+  "devices": [
+    {"id": "ok-1", "service": "garden", "properties": []},
+    {"id": "bad-1", "service": "garden",
+     "properties": [{"name": "level", "type": "int", "value": 11, "min": 0, "max": 10}]}
+  ]
+}
+JSON
+    code=$(HXF_SIM_CONFIG="$work/range.json" run search garden --timeout 300)
+    expect_code "$code" 1
+    expect_err "range.json:4: devices\[1\] (\"bad-1\").properties\[0\]: level 11 is out of range 0..10"
+    ;;
+  custom-config)
+    cat >"$work/home.json" <<'JSON'
+{ "search_latency_ms": 10,
+  "devices": [ {"id": "sprinkler-1", "service": "garden", "name": "Sprinkler",
+                "properties": [{"name": "on", "type": "bool", "value": false}]} ] }
+JSON
+    code=$(HXF_SIM_CONFIG="$work/home.json" run search garden --timeout 500)
+    expect_code "$code" 0
+    expect_out "^sprinkler-1  *Sprinkler  *garden"
+    ;;
+  listen-ctrl-c)
+    "$hxf" listen lights >"$out" 2>"$err" &
+    pid=$!
+    for _ in $(seq 1 100); do grep -q "^found  lamp-1" "$out" && break; sleep 0.05; done
+    grep -q "^found  lamp-1" "$out" || { kill -9 $pid; fail "no device heard while listening"; }
+    kill -INT $pid
+    wait $pid
+    expect_code "$?" 0
+    expect_out "^stopped$"
+    ;;
+  watch)
+    code=$(run watch lights --for 300)
+    expect_code "$code" 0
+    expect_out "^watching lights for 300 ms"
+    expect_out "^done$"
+    ;;
+  usage)
+    code=$(run frobnicate)
+    expect_code "$code" 2
+    code=$(run request lights set not-an-assignment)
+    expect_code "$code" 2
+    code=$(run search)
+    expect_code "$code" 2
+    code=$(run search --help)
+    expect_code "$code" 0
+    expect_out "--timeout"
+    ;;
+  plugins)
+    code=$(run plugins)
+    expect_code "$code" 0
+    expect_out "^  sim$"
+    ;;
+  missing-plugin)
+    code=$(run --plugin no-such-plugin search lights)
+    expect_code "$code" 1
+    expect_err "plugin no-such-plugin: failed to load (result 1)"
+    ;;
+  demo)
+    code=$(run demo)
+    expect_code "$code" 0
+    expect_out "timed out, as expected (error 1)"
+    expect_out "notification (state):"
+    ;;
+  *)
+    echo "unknown case $case_name"; exit 2 ;;
+esac
+echo "ok [$case_name]"

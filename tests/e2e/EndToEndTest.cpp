@@ -386,22 +386,33 @@ TEST_F(EndToEnd, RequestOnASessionThisClientNeverSubscribedIsOnlyLogged) {
 }
 
 // Several consumer threads; the plugin answers some requests at once, some late, some by
-// notification and some never. Every request gets exactly one callback: its result, its
-// time-out, or the notification naming it on the session that sent it. Requests are told
-// apart by tags, not by transaction handles: handles are addresses and are reused, and a
-// notification reaches every session of the handler.
+// notification and some never. Every request is settled exactly once: by its result or its
+// time-out, or by the notification naming it on the session that sent it, after which no
+// result follows. (A notification that comes after the time-out is still delivered: a
+// notification is news, not a result.) Requests are told apart by tags, not by transaction
+// handles, and a notification reaches every session of the handler, so each subscriber
+// counts only the tags of its own client.
 TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   constexpr int kThreads = 4;
   constexpr int kRequests = 60;
+  struct Tally {
+    int results = 0;
+    int notifications = 0;
+    bool notified_first = false;
+  };
   struct Outcome {
     std::mutex mutex;
     std::condition_variable cv;
-    std::map<std::string, int> settled;  // by tag
-    int total = 0;
-    void Settle(const std::string& tag) {
+    std::map<std::string, Tally> tallies;  // by tag
+    int settled = 0;                       // tags whose first callback has come
+    void Record(const std::string& tag, bool notification) {
       std::lock_guard<std::mutex> lock(mutex);
-      ++settled[tag];
-      ++total;
+      Tally& tally = tallies[tag];
+      if (tally.results + tally.notifications == 0) {
+        ++settled;
+        tally.notified_first = notification;
+      }
+      ++(notification ? tally.notifications : tally.results);
       cv.notify_all();
     }
   } outcome;
@@ -416,13 +427,13 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   auto on_result = [](hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h, hxf_error_e,
                       void* ud) {
     auto* request = static_cast<Request*>(ud);
-    request->outcome->Settle(request->tag);
+    request->outcome->Record(request->tag, false);
   };
   auto on_notify = [](hxf_string, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
                       void* ud) {
     auto* subscriber = static_cast<Subscriber*>(ud);
     const std::string name = list != nullptr ? hxf_property_list_get_name(list) : "";
-    if (name.rfind(subscriber->prefix, 0) == 0) subscriber->outcome->Settle(name);  // only its own
+    if (name.rfind(subscriber->prefix, 0) == 0) subscriber->outcome->Record(name, true);
   };
   std::atomic<bool> stop_answering{false};
   std::thread late_answerer([&] {
@@ -433,11 +444,10 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   });
   std::vector<hxf_client_h> clients(kThreads);
   std::vector<std::unique_ptr<Subscriber>> subscribers;
-  std::vector<std::vector<std::unique_ptr<Request>>> requests(kThreads);
-  // Each subscriber counts only notifications whose tag names its own client.
   for (int t = 0; t < kThreads; ++t) {
     subscribers.push_back(std::make_unique<Subscriber>(Subscriber{&outcome, "notify#" + std::to_string(t) + "."}));
   }
+  std::vector<std::vector<std::unique_ptr<Request>>> requests(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -464,15 +474,28 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   {
     std::unique_lock<std::mutex> lock(outcome.mutex);
     EXPECT_TRUE(outcome.cv.wait_for(lock, std::chrono::seconds(30),
-                                    [&] { return outcome.total >= kThreads * kRequests; }));
+                                    [&] { return outcome.settled >= kThreads * kRequests; }));
   }
   stop_answering = true;
   late_answerer.join();
   for (hxf_client_h client : clients) hxf_core_client_destroy(client);
   std::lock_guard<std::mutex> lock(outcome.mutex);
-  EXPECT_EQ(outcome.total, kThreads * kRequests);
+  EXPECT_EQ(outcome.settled, kThreads * kRequests);
   for (const auto& per_thread : requests) {
-    for (const auto& request : per_thread) EXPECT_EQ(outcome.settled[request->tag], 1) << request->tag;
+    for (const auto& request : per_thread) {
+      const Tally& tally = outcome.tallies[request->tag];
+      EXPECT_LE(tally.results, 1) << request->tag;
+      if (request->tag.rfind("notify#", 0) == 0) {
+        EXPECT_LE(tally.notifications, 1) << request->tag;
+        if (tally.notified_first) {
+          EXPECT_EQ(tally.results, 0) << request->tag;  // completed by it
+        }
+        EXPECT_GE(tally.results + tally.notifications, 1) << request->tag;
+      } else {
+        EXPECT_EQ(tally.results, 1) << request->tag;
+        EXPECT_EQ(tally.notifications, 0) << request->tag;
+      }
+    }
   }
 }
 

@@ -21,13 +21,13 @@ void Call(const char* kind, Callback cb, void* user_data, Args... args) {
 
 std::shared_ptr<ICallbackCaller>& CCallbackCallerLocal::GetInstance() {
   // Never destroyed, like the managers that hand it out.
-  static auto* instance = new std::shared_ptr<ICallbackCaller>(std::make_shared<CCallbackCallerLocal>());
+  static auto* instance =
+      new std::shared_ptr<ICallbackCaller>(std::make_shared<CCallbackCallerLocal>());
   return *instance;
 }
 
 void CCallbackCallerLocal::CallPluginLoadHandler(hxf_plugin_loaded_cb cb, void* user_data,
-                                                 hxf_string name,
-                                                 hxf_plugin_load_result_e result) {
+                                                 hxf_string name, hxf_plugin_load_result_e result) {
   Call("plugin load", cb, user_data, name, result);
 }
 
@@ -37,8 +37,7 @@ void CCallbackCallerLocal::CallAddDeviceHandler(hxf_service_handler_add_device_c
 }
 
 void CCallbackCallerLocal::CallServiceSessionCreatedHandler(
-    hxf_service_handler_service_session_created_cb cb, void* user_data, void* first,
-    void* second) {
+    hxf_service_handler_service_session_created_cb cb, void* user_data, void* first, void* second) {
   Call("service session created", cb, user_data, first, second);
 }
 
@@ -50,17 +49,18 @@ void CCallbackCallerLocal::CallDiscoveredHandler(hxf_client_endpoint_discovered_
   Call("discovered", cb, user_data, client, service_name, result, endpoint);
 }
 
-void CCallbackCallerLocal::CallDeviceListDiscoveredHandler(
-    hxf_client_device_list_discovered_cb cb, void* user_data, hxf_client_h client,
-    hxf_string service_name, hxf_endpoint_discovery_result_e result, hxf_endpoint_list_h list) {
+void CCallbackCallerLocal::CallDeviceListDiscoveredHandler(hxf_client_device_list_discovered_cb cb,
+                                                           void* user_data, hxf_client_h client,
+                                                           hxf_string service_name,
+                                                           hxf_endpoint_discovery_result_e result,
+                                                           hxf_endpoint_list_h list) {
   Call("device list discovered", cb, user_data, client, service_name, result, list);
 }
 
 void CCallbackCallerLocal::CallServiceNotificationHandler(hxf_client_service_notification_cb cb,
-                                                          void* user_data,
-                                                          hxf_string service_name, void* session,
-                                                          void* property_list, void* transaction,
-                                                          hxf_error_e error) {
+                                                          void* user_data, hxf_string service_name,
+                                                          void* session, void* property_list,
+                                                          void* transaction, hxf_error_e error) {
   Call("service notification", cb, user_data, service_name, session, property_list, transaction,
        error);
 }
@@ -71,10 +71,12 @@ void CCallbackCallerLocal::CallGetServicePropertyResultHandler(
   Call("get service property result", cb, user_data, handle, service_name, property_list, error);
 }
 
-void CCallbackCallerLocal::CallSetServicePropertyResultHandler(
-    hxf_client_request_result_cb cb, void* user_data, hxf_client_h client,
-    hxf_service_session_h session, hxf_property_list_h property_list,
-    hxf_transaction_h transaction, hxf_error_e error) {
+void CCallbackCallerLocal::CallSetServicePropertyResultHandler(hxf_client_request_result_cb cb,
+                                                               void* user_data, hxf_client_h client,
+                                                               hxf_service_session_h session,
+                                                               hxf_property_list_h property_list,
+                                                               hxf_transaction_h transaction,
+                                                               hxf_error_e error) {
   HXLOG(DLOG_ERROR, "pelnor result_cb is (%s, %p)\n", cb != nullptr ? "Not NULL" : "NULL",
         reinterpret_cast<void*>(cb));
   Call("request result", cb, user_data, client, session, property_list, transaction, error);
@@ -87,8 +89,8 @@ void CCallbackCallerLocal::CallGetServicePropertyHandler(hxf_get_service_propert
 }
 
 void CCallbackCallerLocal::CallSetServicePropertyHandler(
-    hxf_service_handler_set_request_service_cb cb, void* user_data, void* handle,
-    void* transaction, void* property_list) {
+    hxf_service_handler_set_request_service_cb cb, void* user_data, void* handle, void* transaction,
+    void* property_list) {
   Call("request service", cb, user_data, handle, transaction, property_list);
 }
 

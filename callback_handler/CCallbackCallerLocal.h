@@ -39,9 +39,8 @@ class CCallbackCallerLocal : public ICallbackCaller {
                                            hxf_error_e error) override;
   void CallGetServicePropertyHandler(hxf_get_service_property_cb cb, void* user_data,
                                      hxf_string service_name, void* property_list) override;
-  void CallSetServicePropertyHandler(hxf_service_handler_set_request_service_cb cb,
-                                     void* user_data, void* handle, void* transaction,
-                                     void* property_list) override;
+  void CallSetServicePropertyHandler(hxf_service_handler_set_request_service_cb cb, void* user_data,
+                                     void* handle, void* transaction, void* property_list) override;
   void CallSearchHandler(hxf_service_handler_search_cb cb, void* user_data,
                          hxf_service_handler_h handle, hxf_string service_name) override;
   void CallSearchStopHandler(hxf_service_handler_search_stop_cb cb, void* user_data,

@@ -12,9 +12,7 @@ template <typename Callback, typename... Args>
 std::function<void(Args...)> Bind(const Caller& caller,
                                   void (ICallbackCaller::*call)(Callback, void*, Args...),
                                   Callback cb, void* user_data) {
-  return [caller, call, cb, user_data](Args... args) {
-    ((*caller).*call)(cb, user_data, args...);
-  };
+  return [caller, call, cb, user_data](Args... args) { ((*caller).*call)(cb, user_data, args...); };
 }
 
 }  // namespace

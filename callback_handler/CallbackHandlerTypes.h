@@ -24,10 +24,10 @@ using DeviceListDiscoveredHandler_t = std::function<void(
 using ServiceNotificationHandler_t =
     std::function<void(hxf_string, void*, void*, void*, hxf_error_e)>;
 // (client, session, property list, transaction, error)
-using SetServicePropertyResultHandler_t =
-    std::function<void(hxf_client_h, hxf_service_session_h, hxf_property_list_h,
-                       hxf_transaction_h, hxf_error_e)>;
-using GetServicePropertyResultHandler_t = std::function<void(void*, hxf_string, void*, hxf_error_e)>;
+using SetServicePropertyResultHandler_t = std::function<void(
+    hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h, hxf_error_e)>;
+using GetServicePropertyResultHandler_t =
+    std::function<void(void*, hxf_string, void*, hxf_error_e)>;
 using AddDeviceHandler_t = std::function<void(void*, void*)>;
 using ServiceSessionCreatedHandler_t = std::function<void(void*, void*)>;
 using GetServicePropertyHandler_t = std::function<void(hxf_string, void*)>;

@@ -25,14 +25,14 @@ class ICallbackCaller {
                                                hxf_endpoint_list_h list) = 0;
   virtual void CallServiceNotificationHandler(hxf_client_service_notification_cb cb,
                                               void* user_data, hxf_string service_name,
-                                              void* session, void* property_list,
-                                              void* transaction, hxf_error_e error) = 0;
+                                              void* session, void* property_list, void* transaction,
+                                              hxf_error_e error) = 0;
   virtual void CallGetServicePropertyResultHandler(hxf_get_service_property_result_cb cb,
                                                    void* user_data, void* handle,
                                                    hxf_string service_name, void* property_list,
                                                    hxf_error_e error) = 0;
-  virtual void CallSetServicePropertyResultHandler(hxf_client_request_result_cb cb,
-                                                   void* user_data, hxf_client_h client,
+  virtual void CallSetServicePropertyResultHandler(hxf_client_request_result_cb cb, void* user_data,
+                                                   hxf_client_h client,
                                                    hxf_service_session_h session,
                                                    hxf_property_list_h property_list,
                                                    hxf_transaction_h transaction,

@@ -22,11 +22,19 @@ using TPL::CDirectInvoker;
 using TPL::CThreadPoolInvoker;
 
 namespace {
-auto& Direct() { return CDirectInvoker::GetInstance(); }
-auto& Pool() { return CThreadPoolInvoker::GetInstance(); }
+auto& Direct() {
+  return CDirectInvoker::GetInstance();
+}
+auto& Pool() {
+  return CThreadPoolInvoker::GetInstance();
+}
 constexpr auto kSearchEnded = static_cast<hxf_endpoint_discovery_result_e>(2);
-hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
-IServiceMgr* Services() { return IServiceMgr::GetInstance(); }
+hxf_string View(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
+IServiceMgr* Services() {
+  return IServiceMgr::GetInstance();
+}
 }  // namespace
 
 std::shared_ptr<IClient> IClient::Create(const std::string& name) {
@@ -35,7 +43,9 @@ std::shared_ptr<IClient> IClient::Create(const std::string& name) {
   return client;
 }
 
-CClient::CClient(const std::string& name) : name_(name) { service_session_map_.max_load_factor(1.0f); }
+CClient::CClient(const std::string& name) : name_(name) {
+  service_session_map_.max_load_factor(1.0f);
+}
 
 CClient::~CClient() {
   HXLOG(DLOG_INFO, "client destroyed: %s[%p]\n", name_.c_str(), static_cast<void*>(this));
@@ -65,7 +75,8 @@ void CClient::Termi() {
   // state may be released now. Otherwise a job still runs elsewhere (the context was ended
   // at once, without waiting) and the state goes with the object when that job lets go.
   if (!terminated_here) {
-    HXLOG(DLOG_INFO, "client_name: %s, busy: sessions are released with the client\n", name_.c_str());
+    HXLOG(DLOG_INFO, "client_name: %s, busy: sessions are released with the client\n",
+          name_.c_str());
     return;
   }
   HXLOG(DLOG_INFO, "client_name: %s, service_session_map size(): %zu\n", name_.c_str(),
@@ -79,7 +90,9 @@ void CClient::TermiAsync(const ClientDestroyedHandler_t& destroyed) {
   Terminate(Pool());  // queued behind the task, so the hook is installed first
 }
 
-std::shared_ptr<IClient> CClient::_Self() { return std::shared_ptr<IClient>(weak_this_); }
+std::shared_ptr<IClient> CClient::_Self() {
+  return std::shared_ptr<IClient>(weak_this_);
+}
 
 template <typename Body>
 void CClient::_Run(const CLogSite& site, Body&& body) {
@@ -89,30 +102,75 @@ void CClient::_Run(const CLogSite& site, Body&& body) {
 
 // ---- posting: the invoker of each operation is fixed ----
 
-void CClient::SubscribeService(const std::shared_ptr<IServiceSession>& s) { InvokeTask(std::bind(&CClient::_SubscribeService, _1, s), Direct()); }
-void CClient::SendRequestResult(const std::shared_ptr<IServiceSession>& s, const std::string& n, const std::shared_ptr<ITransaction>& t, const std::shared_ptr<ITransactionResult>& r) { InvokeTask(std::bind(&CClient::_SendRequestResult, _1, s, n, t, r), Direct()); }
-void CClient::DeviceListDiscovered(const std::string& n, hxf_endpoint_discovery_result_e r, std::shared_ptr<IEndpointListHelper> l) { InvokeTask(std::bind(&CClient::_DeviceListDiscovered, _1, n, r, l), Direct()); }
-void CClient::SetDeviceListDiscoveredCallback(const std::string& n, const DeviceListDiscoveredHandler_t& h) { InvokeTask(std::bind(&CClient::_SetDeviceListDiscoveredCallback, _1, n, h), Direct()); }
+void CClient::SubscribeService(const std::shared_ptr<IServiceSession>& s) {
+  InvokeTask(std::bind(&CClient::_SubscribeService, _1, s), Direct());
+}
+void CClient::SendRequestResult(const std::shared_ptr<IServiceSession>& s, const std::string& n,
+                                const std::shared_ptr<ITransaction>& t,
+                                const std::shared_ptr<ITransactionResult>& r) {
+  InvokeTask(std::bind(&CClient::_SendRequestResult, _1, s, n, t, r), Direct());
+}
+void CClient::DeviceListDiscovered(const std::string& n, hxf_endpoint_discovery_result_e r,
+                                   std::shared_ptr<IEndpointListHelper> l) {
+  InvokeTask(std::bind(&CClient::_DeviceListDiscovered, _1, n, r, l), Direct());
+}
+void CClient::SetDeviceListDiscoveredCallback(const std::string& n,
+                                              const DeviceListDiscoveredHandler_t& h) {
+  InvokeTask(std::bind(&CClient::_SetDeviceListDiscoveredCallback, _1, n, h), Direct());
+}
 // A single endpoint goes through the pool, a list and a result directly: kept on purpose.
-void CClient::Discovered(const std::string& n, hxf_endpoint_discovery_result_e r, const std::shared_ptr<IEndpointHelper>& e) { InvokeTask(std::bind(&CClient::_Discovered, _1, n, r, e), Pool()); }
-void CClient::AddDevice(hxf_service_session_h s, const std::shared_ptr<IEndpointHelper>& e) { InvokeTask(std::bind(&CClient::_AddDevice, _1, s, e), Pool()); }
-void CClient::SetDiscoveredCallback(const DiscoveredHandler_t& h) { InvokeTask(std::bind(&CClient::_SetDiscoveredCallback, _1, h), Pool()); }
-void CClient::SetServiceNotificationCallback(const ServiceNotificationHandler_t& h) { InvokeTask(std::bind(&CClient::_SetServiceNotificationCallback, _1, h), Pool()); }
-void CClient::StartPassiveSearch(const std::string& n, const DiscoveredHandler_t& h) { InvokeTask(std::bind(&CClient::_StartPassiveSearch, _1, n, h), Pool()); }
-void CClient::StopPassiveSearch(const std::string& n) { InvokeTask(std::bind(&CClient::_StopPassiveSearch, _1, n), Pool()); }
-void CClient::StartActiveSearch(const std::string& n, const DiscoveredHandler_t& h, uint32_t t) { InvokeTask(std::bind(&CClient::_StartActiveSearch, _1, n, h, t), Pool()); }
-void CClient::StopActiveSearch(const std::string& n) { InvokeTask(std::bind(&CClient::_StopActiveSearch, _1, n), Pool()); }
-void CClient::GetDeviceList(const std::string& n, const DeviceListDiscoveredHandler_t& h, uint32_t t) { InvokeTask(std::bind(&CClient::_GetDeviceList, _1, n, h, t), Pool()); }
-void CClient::HandleSearchingTimerExpired(const std::string& n) { InvokeTask(std::bind(&CClient::_HandleSearchingTimerExpired, _1, n), Pool()); }
-void CClient::HandleListSearchingTimerExpired(const std::string& n) { InvokeTask(std::bind(&CClient::_HandleListSearchingTimerExpired, _1, n), Pool()); }
-void CClient::RequestService(hxf_service_session_h s, const std::shared_ptr<IPropertyListHelper>& l, const SetServicePropertyResultHandler_t& h, uint32_t t, const std::shared_ptr<ITransaction>& tr) { InvokeTask(std::bind(&CClient::_RequestService, _1, s, l, h, t, tr), Pool()); }
-void CClient::GetServiceProperty(const std::string& n, const std::shared_ptr<IPropertyListHelper>& l, const GetServicePropertyResultHandler_t& h, uint32_t t) { InvokeTask(std::bind(&CClient::_GetServiceProperty, _1, n, l, h, t), Pool()); }
+void CClient::Discovered(const std::string& n, hxf_endpoint_discovery_result_e r,
+                         const std::shared_ptr<IEndpointHelper>& e) {
+  InvokeTask(std::bind(&CClient::_Discovered, _1, n, r, e), Pool());
+}
+void CClient::AddDevice(hxf_service_session_h s, const std::shared_ptr<IEndpointHelper>& e) {
+  InvokeTask(std::bind(&CClient::_AddDevice, _1, s, e), Pool());
+}
+void CClient::SetDiscoveredCallback(const DiscoveredHandler_t& h) {
+  InvokeTask(std::bind(&CClient::_SetDiscoveredCallback, _1, h), Pool());
+}
+void CClient::SetServiceNotificationCallback(const ServiceNotificationHandler_t& h) {
+  InvokeTask(std::bind(&CClient::_SetServiceNotificationCallback, _1, h), Pool());
+}
+void CClient::StartPassiveSearch(const std::string& n, const DiscoveredHandler_t& h) {
+  InvokeTask(std::bind(&CClient::_StartPassiveSearch, _1, n, h), Pool());
+}
+void CClient::StopPassiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CClient::_StopPassiveSearch, _1, n), Pool());
+}
+void CClient::StartActiveSearch(const std::string& n, const DiscoveredHandler_t& h, uint32_t t) {
+  InvokeTask(std::bind(&CClient::_StartActiveSearch, _1, n, h, t), Pool());
+}
+void CClient::StopActiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CClient::_StopActiveSearch, _1, n), Pool());
+}
+void CClient::GetDeviceList(const std::string& n, const DeviceListDiscoveredHandler_t& h,
+                            uint32_t t) {
+  InvokeTask(std::bind(&CClient::_GetDeviceList, _1, n, h, t), Pool());
+}
+void CClient::HandleSearchingTimerExpired(const std::string& n) {
+  InvokeTask(std::bind(&CClient::_HandleSearchingTimerExpired, _1, n), Pool());
+}
+void CClient::HandleListSearchingTimerExpired(const std::string& n) {
+  InvokeTask(std::bind(&CClient::_HandleListSearchingTimerExpired, _1, n), Pool());
+}
+void CClient::RequestService(hxf_service_session_h s, const std::shared_ptr<IPropertyListHelper>& l,
+                             const SetServicePropertyResultHandler_t& h, uint32_t t,
+                             const std::shared_ptr<ITransaction>& tr) {
+  InvokeTask(std::bind(&CClient::_RequestService, _1, s, l, h, t, tr), Pool());
+}
+void CClient::GetServiceProperty(const std::string& n,
+                                 const std::shared_ptr<IPropertyListHelper>& l,
+                                 const GetServicePropertyResultHandler_t& h, uint32_t t) {
+  InvokeTask(std::bind(&CClient::_GetServiceProperty, _1, n, l, h, t), Pool());
+}
 
 // ---- the work, on the context ----
 
 std::shared_ptr<IServiceSession> CClient::_FindServiceSession(hxf_service_session_h session) const {
   auto found = service_session_map_.find(session);
-  if (found == service_session_map_.end()) throw CException("session not found in map!!", HXF_ERROR_OPERATION_FAILED);
+  if (found == service_session_map_.end())
+    throw CException("session not found in map!!", HXF_ERROR_OPERATION_FAILED);
   if (found->second == nullptr) throw CException("session is null!!", HXF_ERROR_OPERATION_FAILED);
   return found->second;
 }
@@ -123,9 +181,12 @@ void CClient::_SetDiscoveredCallback(const DiscoveredHandler_t& handler) {
 }
 
 // Accepted and dropped: notifications go to the handler given at subscription. Kept so.
-void CClient::_SetServiceNotificationCallback(const ServiceNotificationHandler_t&) { HXF_CALLTRACE_OBJ(this); }
+void CClient::_SetServiceNotificationCallback(const ServiceNotificationHandler_t&) {
+  HXF_CALLTRACE_OBJ(this);
+}
 
-void CClient::_SetDeviceListDiscoveredCallback(const std::string& name, const DeviceListDiscoveredHandler_t& handler) {
+void CClient::_SetDeviceListDiscoveredCallback(const std::string& name,
+                                               const DeviceListDiscoveredHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
@@ -146,7 +207,8 @@ void CClient::_StopPassiveSearch(const std::string& name) {
   _Run(HXF_LOG_SITE, [&] { Services()->StopPassiveSearch(name, GetHandle()); });
 }
 
-void CClient::_StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler, uint32_t timeout) {
+void CClient::_StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler,
+                                 uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     discovered_cb_ = handler;
@@ -159,7 +221,8 @@ void CClient::_StopActiveSearch(const std::string& name) {
   _Run(HXF_LOG_SITE, [&] { Services()->StopActiveSearch(name, GetHandle()); });
 }
 
-void CClient::_GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler, uint32_t timeout) {
+void CClient::_GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler,
+                             uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
@@ -167,8 +230,10 @@ void CClient::_GetDeviceList(const std::string& name, const DeviceListDiscovered
   });
 }
 
-void CClient::_GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                  const GetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+void CClient::_GetServiceProperty(const std::string& name,
+                                  const std::shared_ptr<IPropertyListHelper>& list,
+                                  const GetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { Services()->GetServiceProperty(name, list, handler, timeout); });
 }
@@ -226,24 +291,28 @@ void CClient::_SubscribeService(const std::shared_ptr<IServiceSession>& session)
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     service_session_map_[session->GetHandle()] = session;
-    HXLOG(DLOG_ERROR, "service_session added for %s. service_session: %p\n", session->GetServiceName().c_str(),
-          session->GetHandle());
+    HXLOG(DLOG_ERROR, "service_session added for %s. service_session: %p\n",
+          session->GetServiceName().c_str(), session->GetHandle());
   });
 }
 
-void CClient::_RequestService(hxf_service_session_h session, const std::shared_ptr<IPropertyListHelper>& list,
+void CClient::_RequestService(hxf_service_session_h session,
+                              const std::shared_ptr<IPropertyListHelper>& list,
                               const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                               const std::shared_ptr<ITransaction>& transaction) {
   HXF_CALLTRACE_OBJ(this);
-  _Run(HXF_LOG_SITE, [&] { _FindServiceSession(session)->RequestService(list, handler, timeout, transaction); });
+  _Run(HXF_LOG_SITE,
+       [&] { _FindServiceSession(session)->RequestService(list, handler, timeout, transaction); });
 }
 
-void CClient::_AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) {
+void CClient::_AddDevice(hxf_service_session_h session,
+                         const std::shared_ptr<IEndpointHelper>& endpoint) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { _FindServiceSession(session)->AddDevice(endpoint); });
 }
 
-void CClient::_SendRequestResult(const std::shared_ptr<IServiceSession>& session, const std::string& /*name*/,
+void CClient::_SendRequestResult(const std::shared_ptr<IServiceSession>& session,
+                                 const std::string& /*name*/,
                                  const std::shared_ptr<ITransaction>& transaction,
                                  const std::shared_ptr<ITransactionResult>& result) {
   HXF_CALLTRACE_OBJ(this);
@@ -252,13 +321,16 @@ void CClient::_SendRequestResult(const std::shared_ptr<IServiceSession>& session
     void* property_list = nullptr;
     if (result != nullptr) {
       error = result->GetErrorCode();
-      if (std::shared_ptr<IPropertyListHelper> list = result->GetPropertyList()) property_list = list->GetHandle();
+      if (std::shared_ptr<IPropertyListHelper> list = result->GetPropertyList())
+        property_list = list->GetHandle();
     }
     const hxf_transaction_h transaction_h = transaction->GetHandle();
     const SetServicePropertyResultHandler_t handler = transaction->GetResultHandler();
     const hxf_service_session_h session_h = session != nullptr ? session->GetHandle() : nullptr;
-    HXLOG(DLOG_INFO, "error(%d), result(%p), property_list_h(%p) service_session(%p), transaction_h(%p)\n",
-          static_cast<int>(error), static_cast<void*>(result.get()), property_list, session_h, transaction_h);
+    HXLOG(DLOG_INFO,
+          "error(%d), result(%p), property_list_h(%p) service_session(%p), transaction_h(%p)\n",
+          static_cast<int>(error), static_cast<void*>(result.get()), property_list, session_h,
+          transaction_h);
     if (!handler) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;

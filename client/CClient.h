@@ -22,12 +22,14 @@ class CClient : public IClient, TPL::CContext<CClient> {
   void Init() override;
   void Termi() override;
   void TermiAsync(const ClientDestroyedHandler_t& destroyed) override;
-  void AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) override;
+  void AddDevice(hxf_service_session_h session,
+                 const std::shared_ptr<IEndpointHelper>& endpoint) override;
   void SetDiscoveredCallback(const DiscoveredHandler_t& handler) override;
   void SetServiceNotificationCallback(const ServiceNotificationHandler_t& handler) override;
   void StartPassiveSearch(const std::string& name, const DiscoveredHandler_t& handler) override;
   void StopPassiveSearch(const std::string& name) override;
-  void StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler, uint32_t timeout) override;
+  void StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler,
+                         uint32_t timeout) override;
   void StopActiveSearch(const std::string& name) override;
   void GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler,
                      uint32_t timeout) override;
@@ -38,15 +40,18 @@ class CClient : public IClient, TPL::CContext<CClient> {
   void DeviceListDiscovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                             std::shared_ptr<IEndpointListHelper> list) override;
   void GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                          const GetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
-  void RequestService(hxf_service_session_h session, const std::shared_ptr<IPropertyListHelper>& list,
+                          const GetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
+  void RequestService(hxf_service_session_h session,
+                      const std::shared_ptr<IPropertyListHelper>& list,
                       const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                       const std::shared_ptr<ITransaction>& transaction) override;
   void SendRequestResult(const std::shared_ptr<IServiceSession>& session, const std::string& name,
                          const std::shared_ptr<ITransaction>& transaction,
                          const std::shared_ptr<ITransactionResult>& result) override;
   void SubscribeService(const std::shared_ptr<IServiceSession>& session) override;
-  void SetDeviceListDiscoveredCallback(const std::string& name, const DeviceListDiscoveredHandler_t& handler) override;
+  void SetDeviceListDiscoveredCallback(const std::string& name,
+                                       const DeviceListDiscoveredHandler_t& handler) override;
 
  private:
   friend class IClient;  // the factory hands the context its owner
@@ -59,13 +64,17 @@ class CClient : public IClient, TPL::CContext<CClient> {
 
   void _SetDiscoveredCallback(const DiscoveredHandler_t& handler);
   void _SetServiceNotificationCallback(const ServiceNotificationHandler_t& handler);
-  void _SetDeviceListDiscoveredCallback(const std::string& name, const DeviceListDiscoveredHandler_t& handler);
+  void _SetDeviceListDiscoveredCallback(const std::string& name,
+                                        const DeviceListDiscoveredHandler_t& handler);
   void _StartPassiveSearch(const std::string& name, const DiscoveredHandler_t& handler);
   void _StopPassiveSearch(const std::string& name);
-  void _StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler, uint32_t timeout);
+  void _StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler,
+                          uint32_t timeout);
   void _StopActiveSearch(const std::string& name);
-  void _GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler, uint32_t timeout);
-  void _GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
+  void _GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler,
+                      uint32_t timeout);
+  void _GetServiceProperty(const std::string& name,
+                           const std::shared_ptr<IPropertyListHelper>& list,
                            const GetServicePropertyResultHandler_t& handler, uint32_t timeout);
   void _Discovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                    const std::shared_ptr<IEndpointHelper>& endpoint);
@@ -74,7 +83,8 @@ class CClient : public IClient, TPL::CContext<CClient> {
   void _HandleSearchingTimerExpired(const std::string& name);
   void _HandleListSearchingTimerExpired(const std::string& name);
   void _SubscribeService(const std::shared_ptr<IServiceSession>& session);
-  void _RequestService(hxf_service_session_h session, const std::shared_ptr<IPropertyListHelper>& list,
+  void _RequestService(hxf_service_session_h session,
+                       const std::shared_ptr<IPropertyListHelper>& list,
                        const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                        const std::shared_ptr<ITransaction>& transaction);
   void _AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint);
@@ -84,8 +94,8 @@ class CClient : public IClient, TPL::CContext<CClient> {
   void _TermiAsync(const ClientDestroyedHandler_t& destroyed);
 
   std::string name_;
-  DiscoveredHandler_t discovered_cb_;                // one slot for every service
-  DeviceListDiscoveredHandler_t device_list_cb_;     // one slot for every service
+  DiscoveredHandler_t discovered_cb_;             // one slot for every service
+  DeviceListDiscoveredHandler_t device_list_cb_;  // one slot for every service
   std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> service_session_map_;
 };
 

@@ -37,13 +37,16 @@ IClientMgr* IClientMgr::GetInstance() {
   return instance;
 }
 
-CClientMgr::CClientMgr() { client_map_.max_load_factor(1.0f); }
+CClientMgr::CClientMgr() {
+  client_map_.max_load_factor(1.0f);
+}
 
 // ---- helpers ----
 
 std::shared_ptr<IClient> CClientMgr::_FindClient(hxf_client_h client) const {
   auto found = client_map_.find(client);
-  Require(found != client_map_.end(), "client not found in client_map_!!", HXF_ERROR_INVALID_HANDLE);
+  Require(found != client_map_.end(), "client not found in client_map_!!",
+          HXF_ERROR_INVALID_HANDLE);
   return found->second;
 }
 
@@ -52,7 +55,8 @@ std::shared_ptr<IClient> CClientMgr::_CreateClient(const std::string& name) {
   std::shared_ptr<IClient> client = IClient::Create(name);
   auto inserted = client_map_.emplace(client->GetHandle(), client);
   Require(inserted.second, "Unable to insert client to client_map_!!", HXF_ERROR_CREATE_FAILED);
-  HXLOG(DLOG_INFO, " [%s] client has been created & inserted into client_map_ : [%p], ref_count:[%ld]\n",
+  HXLOG(DLOG_INFO,
+        " [%s] client has been created & inserted into client_map_ : [%p], ref_count:[%ld]\n",
         name.c_str(), client->GetHandle(), inserted.first->second.use_count());
   return client;
 }
@@ -60,7 +64,8 @@ std::shared_ptr<IClient> CClientMgr::_CreateClient(const std::string& name) {
 std::shared_ptr<IClient> CClientMgr::_ReleaseClient(hxf_client_h client) {
   HXF_CALLTRACE_OBJ(this);
   auto found = client_map_.find(client);
-  Require(found != client_map_.end(), "client not found in client_map_!!", HXF_ERROR_INVALID_HANDLE);
+  Require(found != client_map_.end(), "client not found in client_map_!!",
+          HXF_ERROR_INVALID_HANDLE);
   std::shared_ptr<IClient> released = std::move(found->second);
   client_map_.erase(found);
   HXLOG(DLOG_INFO, "client[%p] deleted from client map\n", client);
@@ -76,14 +81,17 @@ void CClientMgr::_ForwardNamed(hxf_client_h client, const std::string& name, For
 
 // ---- lifecycle ----
 
-void CClientMgr::Initialize() { HXF_CALLTRACE_OBJ(this); }
+void CClientMgr::Initialize() {
+  HXF_CALLTRACE_OBJ(this);
+}
 
 void CClientMgr::Finalize() {
   HXF_CALLTRACE_OBJ(this);
   WriteLock guard(client_mutex_);
   HXLOG(DLOG_INFO, "client map size: %zu\n", client_map_.size());
   for (auto& [handle, client] : client_map_) {
-    HXLOG(DLOG_INFO, "client:(%s)(%p), ref_count:%ld\n", client->GetName().c_str(), handle, client.use_count());
+    HXLOG(DLOG_INFO, "client:(%s)(%p), ref_count:%ld\n", client->GetName().c_str(), handle,
+          client.use_count());
     client->Termi();
   }
   client_map_.clear();
@@ -109,7 +117,8 @@ void CClientMgr::DestroyClient(hxf_client_h client) {
   released->Termi();  // a slow termination must not block other clients
 }
 
-void CClientMgr::DestroyClientAsync(hxf_client_h client, const ClientDestroyedHandler_t& destroyed) {
+void CClientMgr::DestroyClientAsync(hxf_client_h client,
+                                    const ClientDestroyedHandler_t& destroyed) {
   HXF_CALLTRACE_OBJ(this);
   Require(client != nullptr, "client handle is null", HXF_ERROR_INVALID_CLIENT);
   std::shared_ptr<IClient> released;
@@ -129,7 +138,8 @@ void CClientMgr::SetDiscoveredCallback(hxf_client_h client, const DiscoveredHand
   _FindClient(client)->SetDiscoveredCallback(handler);
 }
 
-void CClientMgr::SetServiceNotificationCallback(hxf_client_h client, const ServiceNotificationHandler_t& handler) {
+void CClientMgr::SetServiceNotificationCallback(hxf_client_h client,
+                                                const ServiceNotificationHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
   ReadLock guard(client_mutex_);
   _FindClient(client)->SetServiceNotificationCallback(handler);
@@ -138,40 +148,51 @@ void CClientMgr::SetServiceNotificationCallback(hxf_client_h client, const Servi
 void CClientMgr::SetDeviceListDiscoveredCallback(hxf_client_h client, const std::string& name,
                                                  const DeviceListDiscoveredHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->SetDeviceListDiscoveredCallback(name, handler); });
+  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) {
+    c->SetDeviceListDiscoveredCallback(name, handler);
+  });
 }
 
-void CClientMgr::StartPassiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler) {
+void CClientMgr::StartPassiveSearch(hxf_client_h client, const std::string& name,
+                                    const DiscoveredHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->StartPassiveSearch(name, handler); });
+  _ForwardNamed(client, name,
+                [&](const std::shared_ptr<IClient>& c) { c->StartPassiveSearch(name, handler); });
 }
 
 void CClientMgr::StopPassiveSearch(hxf_client_h client, const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->StopPassiveSearch(name); });
+  _ForwardNamed(client, name,
+                [&](const std::shared_ptr<IClient>& c) { c->StopPassiveSearch(name); });
 }
 
-void CClientMgr::StartActiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler,
-                                   uint32_t timeout) {
+void CClientMgr::StartActiveSearch(hxf_client_h client, const std::string& name,
+                                   const DiscoveredHandler_t& handler, uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->StartActiveSearch(name, handler, timeout); });
+  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) {
+    c->StartActiveSearch(name, handler, timeout);
+  });
 }
 
 void CClientMgr::StopActiveSearch(hxf_client_h client, const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->StopActiveSearch(name); });
+  _ForwardNamed(client, name,
+                [&](const std::shared_ptr<IClient>& c) { c->StopActiveSearch(name); });
 }
 
 void CClientMgr::GetDeviceList(hxf_client_h client, const std::string& name,
                                const DeviceListDiscoveredHandler_t& handler, uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
-  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) { c->GetDeviceList(name, handler, timeout); });
+  _ForwardNamed(client, name, [&](const std::shared_ptr<IClient>& c) {
+    c->GetDeviceList(name, handler, timeout);
+  });
 }
 
 // The same fault reads "invalid client handle" with an invalid-parameter code here: kept.
 void CClientMgr::GetServiceProperty(hxf_client_h client, const std::string& name,
                                     const std::shared_ptr<IPropertyListHelper>& list,
-                                    const GetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+                                    const GetServicePropertyResultHandler_t& handler,
+                                    uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(client != nullptr, "invalid client handle", HXF_ERROR_INVALID_PARAMETER);
   ReadLock guard(client_mutex_);
@@ -200,10 +221,11 @@ void* CClientMgr::SubscribeService(hxf_client_h client, const std::string& name,
   }
   std::shared_ptr<IServiceSession> session = IServiceSession::Create();
   Require(session != nullptr, "service session create failed", HXF_ERROR_OPERATION_FAILED);
-  std::shared_ptr<IServiceHandler> handler_of_service = IServiceMgr::GetInstance()->GetServiceHandler(name);
+  std::shared_ptr<IServiceHandler> handler_of_service =
+      IServiceMgr::GetInstance()->GetServiceHandler(name);
   session->Initiate(found, name, handler_of_service, handler);
   handler_of_service->ServiceSessionCreated(session);  // the provider learns of it first
-  found->SubscribeService(session);                     // the client owns it from here
+  found->SubscribeService(session);                    // the client owns it from here
   return session->GetHandle();
 }
 

@@ -21,19 +21,22 @@ class CClientMgr : public IClientMgr {
   void AddDevice(hxf_client_h client, hxf_service_session_h session,
                  const std::shared_ptr<IEndpointHelper>& endpoint) override;
   void SetDiscoveredCallback(hxf_client_h client, const DiscoveredHandler_t& handler) override;
-  void SetServiceNotificationCallback(hxf_client_h client, const ServiceNotificationHandler_t& handler) override;
-  void StartPassiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler) override;
+  void SetServiceNotificationCallback(hxf_client_h client,
+                                      const ServiceNotificationHandler_t& handler) override;
+  void StartPassiveSearch(hxf_client_h client, const std::string& name,
+                          const DiscoveredHandler_t& handler) override;
   void StopPassiveSearch(hxf_client_h client, const std::string& name) override;
-  void StartActiveSearch(hxf_client_h client, const std::string& name, const DiscoveredHandler_t& handler,
-                         uint32_t timeout) override;
-  void GetDeviceList(hxf_client_h client, const std::string& name, const DeviceListDiscoveredHandler_t& handler,
-                     uint32_t timeout) override;
+  void StartActiveSearch(hxf_client_h client, const std::string& name,
+                         const DiscoveredHandler_t& handler, uint32_t timeout) override;
+  void GetDeviceList(hxf_client_h client, const std::string& name,
+                     const DeviceListDiscoveredHandler_t& handler, uint32_t timeout) override;
   void StopActiveSearch(hxf_client_h client, const std::string& name) override;
   void* SubscribeService(hxf_client_h client, const std::string& name,
                          const ServiceNotificationHandler_t& handler) override;
   void GetServiceProperty(hxf_client_h client, const std::string& name,
                           const std::shared_ptr<IPropertyListHelper>& list,
-                          const GetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+                          const GetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
   void RequestService(hxf_client_h client, hxf_service_session_h session,
                       const std::shared_ptr<IPropertyListHelper>& list,
                       const SetServicePropertyResultHandler_t& handler, uint32_t timeout,

@@ -21,6 +21,6 @@ class HXCALLTRACE : private CNoncopyable {
 
 }  // namespace HXFramework::Core
 
-#define HXF_CALLTRACE()                                                                   \
+#define HXF_CALLTRACE()                                                                      \
   ::HXFramework::Core::HXCALLTRACE hxf_calltrace_(DLOG_INFO, HXF_SOURCE_NAME.file, __func__, \
                                                   __LINE__)

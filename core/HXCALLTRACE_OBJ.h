@@ -23,6 +23,6 @@ class HXCALLTRACE_OBJ : private CNoncopyable {
 
 }  // namespace HXFramework::Core
 
-#define HXF_CALLTRACE_OBJ(object)                                                       \
-  ::HXFramework::Core::HXCALLTRACE_OBJ hxf_calltrace_(DLOG_INFO, HXF_SOURCE_NAME.file, \
-                                                      __func__, __LINE__, (object))
+#define HXF_CALLTRACE_OBJ(object)                                                                \
+  ::HXFramework::Core::HXCALLTRACE_OBJ hxf_calltrace_(DLOG_INFO, HXF_SOURCE_NAME.file, __func__, \
+                                                      __LINE__, (object))

@@ -58,27 +58,30 @@ void TraceLine(const char* location, const char* format, ...) __attribute__((for
 
 }  // namespace HXFramework::Core
 
-#define HXF_SOURCE_NAME                                                                   \
-  ([]() -> const auto& {                                                                  \
+#define HXF_SOURCE_NAME                                                                     \
+  ([]() -> const auto& {                                                                    \
     static constexpr auto hxf_source_name_ = ::HXFramework::Core::MakeSourceName(__FILE__); \
-    return hxf_source_name_;                                                              \
+    return hxf_source_name_;                                                                \
   }())
 
-#define HXF_LOG_SITE                                                              \
-  ::HXFramework::Core::CLogSite {                                                 \
-    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location, __func__, __LINE__            \
+#define HXF_LOG_SITE                                                   \
+  ::HXFramework::Core::CLogSite {                                      \
+    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location, __func__, __LINE__ \
   }
 
 // The one emitter; the macros below only choose site, tag and whether to trace.
-#define HXF_LOG_EMIT(site, tag, to_trace, prio, fmt, ...)                                       \
-  do {                                                                                          \
-    const ::HXFramework::Core::CLogSite hxf_site_ = (site);                                     \
-    if (to_trace) ::HXFramework::Core::TraceLine(hxf_site_.location, "[HXFW] " fmt, ##__VA_ARGS__); \
+#define HXF_LOG_EMIT(site, tag, to_trace, prio, fmt, ...)                                          \
+  do {                                                                                             \
+    const ::HXFramework::Core::CLogSite hxf_site_ = (site);                                        \
+    if (to_trace)                                                                                  \
+      ::HXFramework::Core::TraceLine(hxf_site_.location, "[HXFW] " fmt, ##__VA_ARGS__);            \
     dlog_print(prio, tag, "%s : %s(%d)  " fmt, hxf_site_.file, hxf_site_.function, hxf_site_.line, \
-               ##__VA_ARGS__);                                                                  \
+               ##__VA_ARGS__);                                                                     \
   } while (0)
 
 #define HXLOG(prio, fmt, ...) HXF_LOG_EMIT(HXF_LOG_SITE, HXF_TAG_FW, true, prio, fmt, ##__VA_ARGS__)
-#define HXLOG_AT(site, prio, fmt, ...) HXF_LOG_EMIT(site, HXF_TAG_FW, true, prio, fmt, ##__VA_ARGS__)
+#define HXLOG_AT(site, prio, fmt, ...) \
+  HXF_LOG_EMIT(site, HXF_TAG_FW, true, prio, fmt, ##__VA_ARGS__)
 // Execution-context lines go to the platform log only.
-#define TPLLOG(prio, fmt, ...) HXF_LOG_EMIT(HXF_LOG_SITE, HXF_TAG_TPL, false, prio, fmt, ##__VA_ARGS__)
+#define TPLLOG(prio, fmt, ...) \
+  HXF_LOG_EMIT(HXF_LOG_SITE, HXF_TAG_TPL, false, prio, fmt, ##__VA_ARGS__)

@@ -15,12 +15,14 @@ enum class OnException { kSwallow, kRethrow };
 
 // Returns true when the body finished normally.
 template <typename Body>
-bool RunLogged(const CLogSite& site, OnException policy, Body&& body, const char* std_suffix = "\n") {
+bool RunLogged(const CLogSite& site, OnException policy, Body&& body,
+               const char* std_suffix = "\n") {
   try {
     body();
     return true;
   } catch (const CException& e) {
-    HXLOG_AT(site, DLOG_ERROR, "Exception !! - %s(error_code:%d)\n", e.what(), static_cast<int>(e.code));
+    HXLOG_AT(site, DLOG_ERROR, "Exception !! - %s(error_code:%d)\n", e.what(),
+             static_cast<int>(e.code));
     if (policy == OnException::kRethrow) throw;
   } catch (const std::exception& e) {
     HXLOG_AT(site, DLOG_ERROR, "Exception !! - %s%s", e.what(), std_suffix);

@@ -9,8 +9,7 @@ namespace HXFramework::Core {
 // No blank before ">" on the exit line, on purpose.
 class TPLCALLTRACE : private CNoncopyable {
  public:
-  TPLCALLTRACE(int priority, const char* file, const char* function, int line,
-               const void* object);
+  TPLCALLTRACE(int priority, const char* file, const char* function, int line, const void* object);
   virtual ~TPLCALLTRACE();
 
  private:
@@ -23,6 +22,6 @@ class TPLCALLTRACE : private CNoncopyable {
 
 }  // namespace HXFramework::Core
 
-#define HXF_TPLCALLTRACE(object)                                                     \
-  ::HXFramework::Core::TPLCALLTRACE hxf_calltrace_(DLOG_DEBUG, HXF_SOURCE_NAME.file, \
-                                                   __func__, __LINE__, (object))
+#define HXF_TPLCALLTRACE(object)                                                               \
+  ::HXFramework::Core::TPLCALLTRACE hxf_calltrace_(DLOG_DEBUG, HXF_SOURCE_NAME.file, __func__, \
+                                                   __LINE__, (object))

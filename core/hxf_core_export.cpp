@@ -39,8 +39,12 @@ std::string ToString(hxf_string_t text) {
   return std::string(text.str, text.len);
 }
 
-ICallbackHandlerFactory& Factory() { return ICallbackHandlerFactory::GetInstance(); }
-const std::shared_ptr<ICallbackCaller>& Caller() { return CCallbackCallerLocal::GetInstance(); }
+ICallbackHandlerFactory& Factory() {
+  return ICallbackHandlerFactory::GetInstance();
+}
+const std::shared_ptr<ICallbackCaller>& Caller() {
+  return CCallbackCallerLocal::GetInstance();
+}
 
 // Takes over a text the platform allocated with malloc.
 std::string TakePlatformText(char* text) {
@@ -100,22 +104,24 @@ using namespace HXFramework::Core;  // NOLINT(google-build-using-namespace)
 extern "C" {
 
 HXF_CORE_API hxf_error_e hxf_core_initialize(void) {
-  return ApiFrame(HXF_LOG_SITE, [] { HXFramework::Core::hxf_core_initialize(); },
-                  /*log_caller=*/false);
+  return ApiFrame(
+      HXF_LOG_SITE, [] { HXFramework::Core::hxf_core_initialize(); },
+      /*log_caller=*/false);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_finalize(void) {
-  return ApiFrame(HXF_LOG_SITE, [] { HXFramework::Core::hxf_core_finalize(); },
-                  /*log_caller=*/false);
+  return ApiFrame(
+      HXF_LOG_SITE, [] { HXFramework::Core::hxf_core_finalize(); },
+      /*log_caller=*/false);
 }
 
 // ---- plugins ----
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_load(hxf_string_t plugin_name, hxf_plugin_loaded_cb cb,
                                               void* user_data) {
-  return HXF_API_FRAME(IPluginMgr& manager = IPluginMgr::GetInstance();
-                       const std::string name = ToString(plugin_name);
-                       manager.LoadPlugin(name, Factory().CreatePluginLoadHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(IPluginMgr & manager = IPluginMgr::GetInstance();
+                       const std::string name = ToString(plugin_name); manager.LoadPlugin(
+                           name, Factory().CreatePluginLoadHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_unload(hxf_string_t plugin_name) {
@@ -133,101 +139,113 @@ HXF_CORE_API hxf_error_e hxf_core_plugin_send_load_result(hxf_string_t plugin_na
 
 // ---- service handlers (plugins) ----
 
-HXF_CORE_API hxf_service_handler_h hxf_core_service_handler_create(hxf_string_t name, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+HXF_CORE_API hxf_service_handler_h hxf_core_service_handler_create(hxf_string_t name,
+                                                                   void* user_data) {
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
                        return manager->CreateServiceHandler(ToString(name), user_data););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_callback(
     hxf_service_handler_h handler, hxf_service_handler_search_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetSearchCallback(handler, Factory().CreateSearchHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance();
+      manager->SetSearchCallback(handler, Factory().CreateSearchHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_stop_callback(
     hxf_service_handler_h handler, hxf_service_handler_search_stop_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetSearchStopCallback(handler, Factory().CreateSearchStopHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
+                       manager->SetSearchStopCallback(
+                           handler, Factory().CreateSearchStopHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_get_device_list_callback(
     hxf_service_handler_h handler, hxf_service_handler_get_device_list_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetGetDeviceListCallback(handler, Factory().CreateGetDeviceListHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetGetDeviceListCallback(
+          handler, Factory().CreateGetDeviceListHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_callback(
     hxf_service_handler_h handler, hxf_service_handler_listen_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetListenCallback(handler, Factory().CreateListenHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance();
+      manager->SetListenCallback(handler, Factory().CreateListenHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_stop_callback(
     hxf_service_handler_h handler, hxf_service_handler_listen_stop_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetListenStopCallback(handler, Factory().CreateListenStopHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
+                       manager->SetListenStopCallback(
+                           handler, Factory().CreateListenStopHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_add_device_callback(
     hxf_service_handler_h handler, hxf_service_handler_add_device_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetAddDeviceCallback(handler, Factory().CreateAddDeviceHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
+                       manager->SetAddDeviceCallback(
+                           handler, Factory().CreateAddDeviceHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_service_session_created_callback(
-    hxf_service_handler_h handler, hxf_service_handler_service_session_created_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetServiceSessionCreatedCallback(
-                           handler, Factory().CreateServiceSessionCreatedHandler(Caller(), cb, user_data)););
+    hxf_service_handler_h handler, hxf_service_handler_service_session_created_cb cb,
+    void* user_data) {
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetServiceSessionCreatedCallback(
+          handler, Factory().CreateServiceSessionCreatedHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_request_service_callback(
     hxf_service_handler_h handler, hxf_service_handler_set_request_service_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->SetRequestServiceCallback(handler, Factory().CreateSetServicePropertyHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetRequestServiceCallback(
+          handler, Factory().CreateSetServicePropertyHandler(Caller(), cb, user_data)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_subscribe_service(hxf_service_handler_h handler,
                                                                     hxf_string_t service_name) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
                        manager->SubscribeService(handler, ToString(service_name)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_unsubscribe_service(hxf_service_handler_h handler,
                                                                       hxf_string_t service_name) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
                        manager->UnsubscribeService(handler, ToString(service_name)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_found(hxf_service_handler_h handler,
                                                                       hxf_endpoint_h endpoint) {
   // The endpoint is copied before the manager is reached: a null one fails here.
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
+  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
                        manager->Discovered(handler, IEndpointHelper::Create(endpoint)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_list(hxf_service_handler_h handler,
-                                                                     hxf_endpoint_list_h endpoint_list) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->DeviceListDiscovered(handler, IEndpointListHelper::Create(endpoint_list)););
+HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_list(
+    hxf_service_handler_h handler, hxf_endpoint_list_h endpoint_list) {
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance();
+      manager->DeviceListDiscovered(handler, IEndpointListHelper::Create(endpoint_list)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_send_request_result(
     hxf_service_handler_h handler, hxf_string_t service_name, hxf_property_list_h properties,
     hxf_transaction_h transaction, hxf_error_e error) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->SendRequestResult(handler, name, IPropertyListHelper::Create(properties),
-                                                  transaction, error););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance();
+      const std::string name = ToString(service_name); manager->SendRequestResult(
+          handler, name, IPropertyListHelper::Create(properties), transaction, error););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_notify(hxf_service_handler_h handler,
                                                          hxf_string_t service_name,
                                                          hxf_property_list_h properties,
-                                                         hxf_transaction_h transaction, hxf_error_e error) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->Notify(handler, name, IPropertyListHelper::Create(properties), transaction, error););
+                                                         hxf_transaction_h transaction,
+                                                         hxf_error_e error) {
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance();
+      const std::string name = ToString(service_name);
+      manager->Notify(handler, name, IPropertyListHelper::Create(properties), transaction, error););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy(hxf_service_handler_h handler) {
@@ -237,99 +255,108 @@ HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy(hxf_service_handler_h 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(hxf_service_handler_h handler,
                                                                 hxf_service_handler_destroyed_cb cb,
                                                                 void* user_data) {
-  return HXF_API_FRAME(IServiceMgr* manager = IServiceMgr::GetInstance();
-                       manager->DestroyServiceHandlerAsync(
-                           handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->DestroyServiceHandlerAsync(
+          handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data)););
 }
 
 // ---- clients (consumers) ----
 
 HXF_CORE_API hxf_client_h hxf_core_client_create(hxf_string_t name) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
                        return manager->CreateClient(ToString(name)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(hxf_client_h client, hxf_string_t service_name,
-                                                              hxf_client_endpoint_discovered_cb cb, void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->StartPassiveSearch(client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data)););
+HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(hxf_client_h client,
+                                                              hxf_string_t service_name,
+                                                              hxf_client_endpoint_discovered_cb cb,
+                                                              void* user_data) {
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance();
+      const std::string name = ToString(service_name); manager->StartPassiveSearch(
+          client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_stop_passive_search(hxf_client_h client, hxf_string_t service_name) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+HXF_CORE_API hxf_error_e hxf_core_client_stop_passive_search(hxf_client_h client,
+                                                             hxf_string_t service_name) {
+  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
                        manager->StopPassiveSearch(client, ToString(service_name)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(hxf_client_h client, hxf_string_t service_name,
-                                                             hxf_client_endpoint_discovered_cb cb, uint32_t timeout,
-                                                             void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->StartActiveSearch(client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data),
-                                                  timeout););
+HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(hxf_client_h client,
+                                                             hxf_string_t service_name,
+                                                             hxf_client_endpoint_discovered_cb cb,
+                                                             uint32_t timeout, void* user_data) {
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance();
+      const std::string name = ToString(service_name); manager->StartActiveSearch(
+          client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data), timeout););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_stop_active_search(hxf_client_h client, hxf_string_t service_name) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+HXF_CORE_API hxf_error_e hxf_core_client_stop_active_search(hxf_client_h client,
+                                                            hxf_string_t service_name) {
+  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
                        manager->StopActiveSearch(client, ToString(service_name)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client, hxf_string_t service_name,
-                                                         hxf_client_device_list_discovered_cb cb, uint32_t timeout,
-                                                         void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->GetDeviceList(client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data),
-                                              timeout););
+HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client,
+                                                         hxf_string_t service_name,
+                                                         hxf_client_device_list_discovered_cb cb,
+                                                         uint32_t timeout, void* user_data) {
+  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
+                       const std::string name = ToString(service_name); manager->GetDeviceList(
+                           client, name,
+                           Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data),
+                           timeout););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(hxf_client_h client, hxf_string_t service_name,
-                                                                      hxf_client_device_list_discovered_cb cb,
-                                                                      void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       manager->SetDeviceListDiscoveredCallback(
-                           client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data)););
+HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(
+    hxf_client_h client, hxf_string_t service_name, hxf_client_device_list_discovered_cb cb,
+    void* user_data) {
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance();
+      const std::string name = ToString(service_name); manager->SetDeviceListDiscoveredCallback(
+          client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data)););
 }
 
-HXF_CORE_API hxf_service_session_h hxf_core_client_subscribe_service(hxf_client_h client, hxf_string_t service_name,
-                                                                     hxf_client_service_notification_cb cb,
-                                                                     void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name);
-                       return manager->SubscribeService(
-                           client, name, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+HXF_CORE_API hxf_service_session_h
+hxf_core_client_subscribe_service(hxf_client_h client, hxf_string_t service_name,
+                                  hxf_client_service_notification_cb cb, void* user_data) {
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance();
+      const std::string name = ToString(service_name); return manager->SubscribeService(
+          client, name, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_set_service_notification_callback(hxf_client_h client,
-                                                                           hxf_client_service_notification_cb cb,
-                                                                           void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       manager->SetServiceNotificationCallback(
-                           client, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+HXF_CORE_API hxf_error_e hxf_core_client_set_service_notification_callback(
+    hxf_client_h client, hxf_client_service_notification_cb cb, void* user_data) {
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance(); manager->SetServiceNotificationCallback(
+          client, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_request_service(hxf_client_h client, hxf_service_session_h session,
-                                                         hxf_property_list_h properties,
-                                                         hxf_client_request_result_cb result_cb, uint32_t timeout,
-                                                         hxf_transaction_h* transaction, void* user_data) {
+HXF_CORE_API hxf_error_e hxf_core_client_request_service(
+    hxf_client_h client, hxf_service_session_h session, hxf_property_list_h properties,
+    hxf_client_request_result_cb result_cb, uint32_t timeout, hxf_transaction_h* transaction,
+    void* user_data) {
   const CLogSite site = HXF_LOG_SITE;
   return ApiFrame(site, [&] {
-    HXLOG_AT(site, DLOG_ERROR, "pelnor result_cb is (%s, %p)\n", result_cb != nullptr ? "Not NULL" : "NULL",
-             reinterpret_cast<void*>(result_cb));
+    HXLOG_AT(site, DLOG_ERROR, "pelnor result_cb is (%s, %p)\n",
+             result_cb != nullptr ? "Not NULL" : "NULL", reinterpret_cast<void*>(result_cb));
     IClientMgr* manager = IClientMgr::GetInstance();
     // The list is copied first: a null one fails before the manager is reached.
     std::shared_ptr<IPropertyListHelper> list = IPropertyListHelper::Create(properties);
-    manager->RequestService(client, session, list,
-                            Factory().CreateSetServicePropertyResultHandler(Caller(), result_cb, user_data), timeout,
-                            transaction);
+    manager->RequestService(
+        client, session, list,
+        Factory().CreateSetServicePropertyResultHandler(Caller(), result_cb, user_data), timeout,
+        transaction);
   });
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_add_device(hxf_client_h client, hxf_service_session_h session,
+HXF_CORE_API hxf_error_e hxf_core_client_add_device(hxf_client_h client,
+                                                    hxf_service_session_h session,
                                                     hxf_endpoint_h endpoint) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
+  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
                        manager->AddDevice(client, session, IEndpointHelper::Create(endpoint)););
 }
 
@@ -337,10 +364,12 @@ HXF_CORE_API hxf_error_e hxf_core_client_destroy(hxf_client_h client) {
   return HXF_API_FRAME(IClientMgr::GetInstance()->DestroyClient(client););
 }
 
-HXF_CORE_API hxf_error_e hxf_core_client_destroy_async(hxf_client_h client, hxf_client_destroyed_cb cb,
+HXF_CORE_API hxf_error_e hxf_core_client_destroy_async(hxf_client_h client,
+                                                       hxf_client_destroyed_cb cb,
                                                        void* user_data) {
-  return HXF_API_FRAME(IClientMgr* manager = IClientMgr::GetInstance();
-                       manager->DestroyClientAsync(client, Factory().CreateClientDestroyedHandler(Caller(), cb, user_data)););
+  return HXF_API_FRAME(
+      IClientMgr * manager = IClientMgr::GetInstance(); manager->DestroyClientAsync(
+          client, Factory().CreateClientDestroyedHandler(Caller(), cb, user_data)););
 }
 
 }  // extern "C"

@@ -18,7 +18,9 @@ CEndpointListHelper::CEndpointListHelper(void* handle) : handle_(hxf_endpoint_li
   }
 }
 
-CEndpointListHelper::~CEndpointListHelper() { hxf_endpoint_list_destroy(handle_); }
+CEndpointListHelper::~CEndpointListHelper() {
+  hxf_endpoint_list_destroy(handle_);
+}
 
 hxf_error CEndpointListHelper::Push(void* endpoint, hxf_error error) {
   return hxf_endpoint_list_push_endpoint(handle_, endpoint, error);
@@ -32,8 +34,14 @@ void* CEndpointListHelper::Find(const std::string& device_id) {
   return hxf_endpoint_list_find(handle_, AsCommonString(device_id));
 }
 
-void* CEndpointListHelper::GetFirst() { return hxf_endpoint_list_get_first(handle_); }
-void* CEndpointListHelper::GetNext(void* item) { return hxf_endpoint_list_get_next(handle_, item); }
-bool CEndpointListHelper::Empty() { return hxf_endpoint_list_empty(handle_); }
+void* CEndpointListHelper::GetFirst() {
+  return hxf_endpoint_list_get_first(handle_);
+}
+void* CEndpointListHelper::GetNext(void* item) {
+  return hxf_endpoint_list_get_next(handle_, item);
+}
+bool CEndpointListHelper::Empty() {
+  return hxf_endpoint_list_empty(handle_);
+}
 
 }  // namespace HXFramework::Core

@@ -11,7 +11,9 @@ using HXFramework::Common::Guarded;
 using HXFramework::Common::ToStdString;
 
 namespace {
-CEndpointList* AsList(hxf_endpoint_list_h handle) { return static_cast<CEndpointList*>(handle); }
+CEndpointList* AsList(hxf_endpoint_list_h handle) {
+  return static_cast<CEndpointList*>(handle);
+}
 }  // namespace
 
 extern "C" {
@@ -25,7 +27,9 @@ hxf_endpoint_list_h hxf_endpoint_list_copy(hxf_endpoint_list_h list) {
   return Guarded<hxf_endpoint_list_h>(nullptr, [&] { return new CEndpointList(*AsList(list)); });
 }
 
-void hxf_endpoint_list_destroy(hxf_endpoint_list_h list) { delete AsList(list); }
+void hxf_endpoint_list_destroy(hxf_endpoint_list_h list) {
+  delete AsList(list);
+}
 
 hxf_error hxf_endpoint_list_push_endpoint(hxf_endpoint_list_h list, hxf_endpoint_h endpoint,
                                           hxf_error error) {

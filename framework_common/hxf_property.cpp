@@ -13,7 +13,9 @@ using HXFramework::Common::ToStdString;
 
 namespace {
 
-CProperty* AsProperty(hxf_property_h handle) { return static_cast<CProperty*>(handle); }
+CProperty* AsProperty(hxf_property_h handle) {
+  return static_cast<CProperty*>(handle);
+}
 
 template <typename Value>
 hxf_property_h Create(hxf_string name, Value&& value) {
@@ -38,9 +40,15 @@ hxf_error Get(hxf_property_h handle, Value* out) {
 
 extern "C" {
 
-hxf_property_h hxf_property_create_int(hxf_string name, int64_t value) { return Create(name, value); }
-hxf_property_h hxf_property_create_double(hxf_string name, double value) { return Create(name, value); }
-hxf_property_h hxf_property_create_bool(hxf_string name, bool value) { return Create(name, value); }
+hxf_property_h hxf_property_create_int(hxf_string name, int64_t value) {
+  return Create(name, value);
+}
+hxf_property_h hxf_property_create_double(hxf_string name, double value) {
+  return Create(name, value);
+}
+hxf_property_h hxf_property_create_bool(hxf_string name, bool value) {
+  return Create(name, value);
+}
 
 hxf_property_h hxf_property_create_string(hxf_string name, hxf_string value) {
   std::string text;
@@ -53,7 +61,9 @@ hxf_property_h hxf_property_copy(hxf_property_h property) {
   return Guarded<hxf_property_h>(nullptr, [&] { return new CProperty(*AsProperty(property)); });
 }
 
-void hxf_property_destroy(hxf_property_h property) { delete AsProperty(property); }
+void hxf_property_destroy(hxf_property_h property) {
+  delete AsProperty(property);
+}
 
 const char* hxf_property_get_name(hxf_property_h property) {
   return property == nullptr ? nullptr : AsProperty(property)->name.c_str();
@@ -63,9 +73,15 @@ hxf_property_type hxf_property_get_type(hxf_property_h property) {
   return property == nullptr ? HXF_PROPERTY_TYPE_NONE : AsProperty(property)->Type();
 }
 
-hxf_error hxf_property_get_int(hxf_property_h property, int64_t* value) { return Get(property, value); }
-hxf_error hxf_property_get_double(hxf_property_h property, double* value) { return Get(property, value); }
-hxf_error hxf_property_get_bool(hxf_property_h property, bool* value) { return Get(property, value); }
+hxf_error hxf_property_get_int(hxf_property_h property, int64_t* value) {
+  return Get(property, value);
+}
+hxf_error hxf_property_get_double(hxf_property_h property, double* value) {
+  return Get(property, value);
+}
+hxf_error hxf_property_get_bool(hxf_property_h property, bool* value) {
+  return Get(property, value);
+}
 
 hxf_error hxf_property_get_string(hxf_property_h property, const char** value, uint32_t* length) {
   if (property == nullptr || value == nullptr) return HXF_ERROR_INVALID_PARAMETER;

@@ -12,7 +12,9 @@ using HXFramework::Common::Guarded;
 using HXFramework::Common::ToStdString;
 
 namespace {
-CPropertyList* AsList(hxf_property_list_h handle) { return static_cast<CPropertyList*>(handle); }
+CPropertyList* AsList(hxf_property_list_h handle) {
+  return static_cast<CPropertyList*>(handle);
+}
 }  // namespace
 
 extern "C" {
@@ -30,7 +32,9 @@ hxf_property_list_h hxf_property_list_copy(hxf_property_list_h list) {
   return Guarded<hxf_property_list_h>(nullptr, [&] { return new CPropertyList(*AsList(list)); });
 }
 
-void hxf_property_list_destroy(hxf_property_list_h list) { delete AsList(list); }
+void hxf_property_list_destroy(hxf_property_list_h list) {
+  delete AsList(list);
+}
 
 const char* hxf_property_list_get_name(hxf_property_list_h list) {
   return list == nullptr ? nullptr : AsList(list)->name.c_str();

@@ -2,7 +2,9 @@
 
 #include "hxf_common.h"
 
-extern "C" hxf_string hxf_string_new(const char* str, uint32_t len) { return hxf_string{str, len}; }
+extern "C" hxf_string hxf_string_new(const char* str, uint32_t len) {
+  return hxf_string{str, len};
+}
 
 extern "C" hxf_string hxf_string_from_cstr(const char* str) {
   if (str == nullptr) return hxf_string{"", 0};

@@ -123,7 +123,8 @@ HXF_COMMON_API hxf_error hxf_endpoint_list_push_endpoint(hxf_endpoint_list_h lis
 HXF_COMMON_API hxf_error hxf_endpoint_list_pop(hxf_endpoint_list_h list, hxf_endpoint_h* endpoint,
                                                hxf_error* error);
 /* First endpoint whose device id equals `device_id` (borrowed), or NULL. */
-HXF_COMMON_API hxf_endpoint_h hxf_endpoint_list_find(hxf_endpoint_list_h list, hxf_string device_id);
+HXF_COMMON_API hxf_endpoint_h hxf_endpoint_list_find(hxf_endpoint_list_h list,
+                                                     hxf_string device_id);
 HXF_COMMON_API hxf_endpoint_h hxf_endpoint_list_get_first(hxf_endpoint_list_h list);
 HXF_COMMON_API hxf_endpoint_h hxf_endpoint_list_get_next(hxf_endpoint_list_h list,
                                                          hxf_endpoint_h item);

@@ -117,10 +117,10 @@ HXF_CORE_API hxf_error_e hxf_core_service_handler_set_request_service_callback(
     hxf_service_handler_h handler, hxf_service_handler_set_request_service_cb cb, void* user_data);
 HXF_CORE_API hxf_error_e hxf_core_service_handler_subscribe_service(hxf_service_handler_h handler,
                                                                     hxf_string_t service_name);
-HXF_CORE_API hxf_error_e hxf_core_service_handler_unsubscribe_service(
-    hxf_service_handler_h handler, hxf_string_t service_name);
-HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_found(
-    hxf_service_handler_h handler, hxf_endpoint_h endpoint);
+HXF_CORE_API hxf_error_e hxf_core_service_handler_unsubscribe_service(hxf_service_handler_h handler,
+                                                                      hxf_string_t service_name);
+HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_found(hxf_service_handler_h handler,
+                                                                      hxf_endpoint_h endpoint);
 HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_list(
     hxf_service_handler_h handler, hxf_endpoint_list_h endpoint_list);
 HXF_CORE_API hxf_error_e hxf_core_service_handler_send_request_result(
@@ -132,21 +132,24 @@ HXF_CORE_API hxf_error_e hxf_core_service_handler_notify(hxf_service_handler_h h
                                                          hxf_transaction_h transaction,
                                                          hxf_error_e error);
 HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy(hxf_service_handler_h handler);
-HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(
-    hxf_service_handler_h handler, hxf_service_handler_destroyed_cb cb, void* user_data);
+HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(hxf_service_handler_h handler,
+                                                                hxf_service_handler_destroyed_cb cb,
+                                                                void* user_data);
 
 /* ---- clients (consumers) ---- */
 
 HXF_CORE_API hxf_client_h hxf_core_client_create(hxf_string_t name);
-HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(
-    hxf_client_h client, hxf_string_t service_name, hxf_client_endpoint_discovered_cb cb,
-    void* user_data);
+HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(hxf_client_h client,
+                                                              hxf_string_t service_name,
+                                                              hxf_client_endpoint_discovered_cb cb,
+                                                              void* user_data);
 HXF_CORE_API hxf_error_e hxf_core_client_stop_passive_search(hxf_client_h client,
                                                              hxf_string_t service_name);
 /* timeout in milliseconds */
-HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(
-    hxf_client_h client, hxf_string_t service_name, hxf_client_endpoint_discovered_cb cb,
-    uint32_t timeout, void* user_data);
+HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(hxf_client_h client,
+                                                             hxf_string_t service_name,
+                                                             hxf_client_endpoint_discovered_cb cb,
+                                                             uint32_t timeout, void* user_data);
 HXF_CORE_API hxf_error_e hxf_core_client_stop_active_search(hxf_client_h client,
                                                             hxf_string_t service_name);
 HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client,
@@ -156,9 +159,9 @@ HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client,
 HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(
     hxf_client_h client, hxf_string_t service_name, hxf_client_device_list_discovered_cb cb,
     void* user_data);
-HXF_CORE_API hxf_service_session_h hxf_core_client_subscribe_service(
-    hxf_client_h client, hxf_string_t service_name, hxf_client_service_notification_cb cb,
-    void* user_data);
+HXF_CORE_API hxf_service_session_h
+hxf_core_client_subscribe_service(hxf_client_h client, hxf_string_t service_name,
+                                  hxf_client_service_notification_cb cb, void* user_data);
 HXF_CORE_API hxf_error_e hxf_core_client_set_service_notification_callback(
     hxf_client_h client, hxf_client_service_notification_cb cb, void* user_data);
 /* The new transaction's handle is written to *transaction before the request is sent. */
@@ -171,8 +174,7 @@ HXF_CORE_API hxf_error_e hxf_core_client_add_device(hxf_client_h client,
                                                     hxf_endpoint_h endpoint);
 HXF_CORE_API hxf_error_e hxf_core_client_destroy(hxf_client_h client);
 HXF_CORE_API hxf_error_e hxf_core_client_destroy_async(hxf_client_h client,
-                                                       hxf_client_destroyed_cb cb,
-                                                       void* user_data);
+                                                       hxf_client_destroyed_cb cb, void* user_data);
 
 #ifdef __cplusplus
 }

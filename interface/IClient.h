@@ -27,7 +27,8 @@ class IClient : private CNoncopyable {
   virtual void Init() = 0;
   virtual void Termi() = 0;
   virtual void TermiAsync(const ClientDestroyedHandler_t& destroyed) = 0;
-  virtual void AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
+  virtual void AddDevice(hxf_service_session_h session,
+                         const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
   virtual void SetDiscoveredCallback(const DiscoveredHandler_t& handler) = 0;
   virtual void SetServiceNotificationCallback(const ServiceNotificationHandler_t& handler) = 0;
   virtual void StartPassiveSearch(const std::string& name, const DiscoveredHandler_t& handler) = 0;
@@ -43,12 +44,16 @@ class IClient : private CNoncopyable {
                           const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
   virtual void DeviceListDiscovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                                     std::shared_ptr<IEndpointListHelper> list) = 0;
-  virtual void GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                  const GetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
-  virtual void RequestService(hxf_service_session_h session, const std::shared_ptr<IPropertyListHelper>& list,
+  virtual void GetServiceProperty(const std::string& name,
+                                  const std::shared_ptr<IPropertyListHelper>& list,
+                                  const GetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
+  virtual void RequestService(hxf_service_session_h session,
+                              const std::shared_ptr<IPropertyListHelper>& list,
                               const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                               const std::shared_ptr<ITransaction>& transaction) = 0;
-  virtual void SendRequestResult(const std::shared_ptr<IServiceSession>& session, const std::string& name,
+  virtual void SendRequestResult(const std::shared_ptr<IServiceSession>& session,
+                                 const std::string& name,
                                  const std::shared_ptr<ITransaction>& transaction,
                                  const std::shared_ptr<ITransactionResult>& result) = 0;
   virtual void SubscribeService(const std::shared_ptr<IServiceSession>& session) = 0;

@@ -41,13 +41,15 @@ class IClientMgr : private CNoncopyable {
                                  const ServiceNotificationHandler_t& handler) = 0;
   virtual void GetServiceProperty(hxf_client_h client, const std::string& name,
                                   const std::shared_ptr<IPropertyListHelper>& list,
-                                  const GetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
+                                  const GetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
   virtual void RequestService(hxf_client_h client, hxf_service_session_h session,
                               const std::shared_ptr<IPropertyListHelper>& list,
                               const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                               void** transaction) = 0;
   virtual void DestroyClient(hxf_client_h client) = 0;
-  virtual void DestroyClientAsync(hxf_client_h client, const ClientDestroyedHandler_t& destroyed) = 0;
+  virtual void DestroyClientAsync(hxf_client_h client,
+                                  const ClientDestroyedHandler_t& destroyed) = 0;
   virtual void SetDeviceListDiscoveredCallback(hxf_client_h client, const std::string& name,
                                                const DeviceListDiscoveredHandler_t& handler) = 0;
 };

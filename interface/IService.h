@@ -34,13 +34,16 @@ class IService : private CNoncopyable {
   virtual void GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t timeout) = 0;
   virtual void HandleSearchingTimerExpired(hxf_client_h client) = 0;
   virtual void HandleListSearchingTimerExpired(hxf_client_h client) = 0;
-  virtual void Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
+  virtual void Discovered(hxf_service_handler_h handle,
+                          const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
   virtual void DeviceListDiscovered(hxf_service_handler_h handle,
                                     const std::shared_ptr<IEndpointListHelper>& list) = 0;
   virtual void GetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
-                                  const GetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
+                                  const GetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
   virtual void SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
-                                  const SetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
+                                  const SetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
   virtual std::shared_ptr<IServiceHandler> GetServiceHandler() = 0;
   virtual void SetSearchClient(const std::shared_ptr<IClient>& client) = 0;
 };

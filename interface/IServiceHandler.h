@@ -34,10 +34,12 @@ class IServiceHandler : private CNoncopyable {
   virtual void GetDeviceList(const std::string& service_name) = 0;
   virtual void StartPassiveSearch(const std::string& service_name) = 0;
   virtual void StopPassiveSearch(const std::string& service_name) = 0;
-  virtual void AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
+  virtual void AddDevice(hxf_service_session_h session,
+                         const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
   virtual void RequestService(const std::shared_ptr<ITransaction>& transaction,
                               const std::shared_ptr<IPropertyListHelper>& list) = 0;
-  virtual void Notify(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
+  virtual void Notify(const std::string& service_name,
+                      const std::shared_ptr<IPropertyListHelper>& list,
                       hxf_transaction_h transaction, hxf_error_e error) = 0;
   virtual void SetAddDeviceCallback(const AddDeviceHandler_t& handler) = 0;
   virtual void SetRequestServiceCallback(const SetServicePropertyHandler_t& handler) = 0;

@@ -28,10 +28,13 @@ class IServiceMgr : private CNoncopyable {
   virtual void Finalize() = 0;
   virtual void* CreateServiceHandler(const std::string& name, void* user_data) = 0;
   virtual void SetSearchCallback(hxf_service_handler_h handle, const SearchHandler_t& handler) = 0;
-  virtual void SetSearchStopCallback(hxf_service_handler_h handle, const SearchStopHandler_t& handler) = 0;
-  virtual void SetGetDeviceListCallback(hxf_service_handler_h handle, const GetDeviceListHandler_t& handler) = 0;
+  virtual void SetSearchStopCallback(hxf_service_handler_h handle,
+                                     const SearchStopHandler_t& handler) = 0;
+  virtual void SetGetDeviceListCallback(hxf_service_handler_h handle,
+                                        const GetDeviceListHandler_t& handler) = 0;
   virtual void SetListenCallback(hxf_service_handler_h handle, const ListenHandler_t& handler) = 0;
-  virtual void SetListenStopCallback(hxf_service_handler_h handle, const ListenStopHandler_t& handler) = 0;
+  virtual void SetListenStopCallback(hxf_service_handler_h handle,
+                                     const ListenStopHandler_t& handler) = 0;
   virtual void SubscribeService(hxf_service_handler_h handle, const std::string& name) = 0;
   virtual void UnsubscribeService(hxf_service_handler_h handle, const std::string& name) = 0;
   virtual void StartActiveSearch(const std::string& name, const std::shared_ptr<IClient>& client,
@@ -39,23 +42,30 @@ class IServiceMgr : private CNoncopyable {
   virtual void StopActiveSearch(const std::string& name, hxf_client_h client) = 0;
   virtual void GetDeviceList(const std::string& name, const std::shared_ptr<IClient>& client,
                              uint32_t timeout) = 0;
-  virtual void StartPassiveSearch(const std::string& name, const std::shared_ptr<IClient>& client) = 0;
+  virtual void StartPassiveSearch(const std::string& name,
+                                  const std::shared_ptr<IClient>& client) = 0;
   virtual void StopPassiveSearch(const std::string& name, hxf_client_h client) = 0;
   virtual void HandleSearchingTimerExpired(const std::string& name) = 0;
-  virtual void Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
+  virtual void Discovered(hxf_service_handler_h handle,
+                          const std::shared_ptr<IEndpointHelper>& endpoint) = 0;
   virtual void DeviceListDiscovered(hxf_service_handler_h handle,
                                     const std::shared_ptr<IEndpointListHelper>& list) = 0;
   virtual void DestroyServiceHandler(hxf_service_handler_h handle) = 0;
   virtual void DestroyServiceHandlerAsync(hxf_service_handler_h handle,
                                           const ServiceHandlerDestroyedHandler_t& destroyed) = 0;
-  virtual void GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                  const GetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
-  virtual void SetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                  const SetServicePropertyResultHandler_t& handler, uint32_t timeout) = 0;
+  virtual void GetServiceProperty(const std::string& name,
+                                  const std::shared_ptr<IPropertyListHelper>& list,
+                                  const GetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
+  virtual void SetServiceProperty(const std::string& name,
+                                  const std::shared_ptr<IPropertyListHelper>& list,
+                                  const SetServicePropertyResultHandler_t& handler,
+                                  uint32_t timeout) = 0;
   virtual void Notify(hxf_service_handler_h handle, const std::string& name,
-                      const std::shared_ptr<IPropertyListHelper>& list, hxf_transaction_h transaction,
-                      hxf_error_e error) = 0;
-  virtual void SetAddDeviceCallback(hxf_service_handler_h handle, const AddDeviceHandler_t& handler) = 0;
+                      const std::shared_ptr<IPropertyListHelper>& list,
+                      hxf_transaction_h transaction, hxf_error_e error) = 0;
+  virtual void SetAddDeviceCallback(hxf_service_handler_h handle,
+                                    const AddDeviceHandler_t& handler) = 0;
   virtual void SetServiceSessionCreatedCallback(hxf_service_handler_h handle,
                                                 const ServiceSessionCreatedHandler_t& handler) = 0;
   virtual void SetRequestServiceCallback(hxf_service_handler_h handle,

@@ -22,12 +22,18 @@ int LevelFromEnvironment() {
 
 char PriorityLetter(int priority) {
   switch (priority) {
-    case DLOG_DEBUG: return 'D';
-    case DLOG_INFO: return 'I';
-    case DLOG_WARN: return 'W';
-    case DLOG_ERROR: return 'E';
-    case DLOG_FATAL: return 'F';
-    default: return 'V';
+    case DLOG_DEBUG:
+      return 'D';
+    case DLOG_INFO:
+      return 'I';
+    case DLOG_WARN:
+      return 'W';
+    case DLOG_ERROR:
+      return 'E';
+    case DLOG_FATAL:
+      return 'F';
+    default:
+      return 'V';
   }
 }
 

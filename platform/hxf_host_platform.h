@@ -69,8 +69,7 @@ HXF_HOST_API int package_info_get_version(package_info_h package_info, char** ve
 /* Receives every dlog_print line fully formatted. NULL restores the default sink. The sink is
  * called on the logging thread, possibly from many threads at once; it must not set a sink.
  * After hxf_host_log_set_sink returns, the previous sink is no longer running or called. */
-typedef void (*hxf_host_log_sink)(int priority, const char* tag, const char* text,
-                                  void* user_data);
+typedef void (*hxf_host_log_sink)(int priority, const char* tag, const char* text, void* user_data);
 HXF_HOST_API void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data);
 
 /* A non-NULL sink enables the scope-trace facility and receives every line written to it

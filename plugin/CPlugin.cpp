@@ -31,7 +31,9 @@ thread_local const CPlugin* t_running_plugin = nullptr;
 // Marks the calling thread as running a job of `plugin` for the job's duration.
 class CRunningJob {
  public:
-  explicit CRunningJob(const CPlugin* plugin) : previous_(t_running_plugin) { t_running_plugin = plugin; }
+  explicit CRunningJob(const CPlugin* plugin) : previous_(t_running_plugin) {
+    t_running_plugin = plugin;
+  }
   ~CRunningJob() { t_running_plugin = previous_; }
   CRunningJob(const CRunningJob&) = delete;
   CRunningJob& operator=(const CRunningJob&) = delete;
@@ -40,7 +42,9 @@ class CRunningJob {
   const CPlugin* previous_;
 };
 
-void Fail(const std::string& message) { throw CException(message, HXF_ERROR_OPERATION_FAILED); }
+void Fail(const std::string& message) {
+  throw CException(message, HXF_ERROR_OPERATION_FAILED);
+}
 }  // namespace
 
 std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name) {
@@ -51,7 +55,9 @@ std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name) {
 
 CPlugin::CPlugin(const std::string& name) : plugin_name_(name) {}
 
-CPlugin::~CPlugin() { HXLOG(DLOG_ERROR, "plugin destroyed: %s\n", plugin_name_.c_str()); }
+CPlugin::~CPlugin() {
+  HXLOG(DLOG_ERROR, "plugin destroyed: %s\n", plugin_name_.c_str());
+}
 
 void CPlugin::Init() {
   HXF_CALLTRACE_OBJ(this);
@@ -103,7 +109,8 @@ std::string CPlugin::_GetFilePath() {
 }
 
 void CPlugin::_ReportLoadResult(hxf_plugin_load_result_e result) {
-  loaded_cb_(hxf_string_new(plugin_name_.data(), static_cast<uint32_t>(plugin_name_.size())), result);
+  loaded_cb_(hxf_string_new(plugin_name_.data(), static_cast<uint32_t>(plugin_name_.size())),
+             result);
 }
 
 void CPlugin::_Load(const PluginLoadHandler_t& handler) {
@@ -112,10 +119,13 @@ void CPlugin::_Load(const PluginLoadHandler_t& handler) {
   loaded_cb_ = handler;
   HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),
         static_cast<void*>(&loaded_cb_));
-  const bool loaded = RunLogged(HXF_LOG_SITE, OnException::kSwallow, [this] {
-    _LoadDelegate();
-    _InitLibrary();
-  }, kPluginStdSuffix);
+  const bool loaded = RunLogged(
+      HXF_LOG_SITE, OnException::kSwallow,
+      [this] {
+        _LoadDelegate();
+        _InitLibrary();
+      },
+      kPluginStdSuffix);
   // On success the plugin reports its own result later, when it is ready.
   if (!loaded) _ReportLoadResult(HXF_PLUGIN_LOAD_RESULT_FAILED);
 }
@@ -145,10 +155,13 @@ void CPlugin::_Unload() {
   CRunningJob running(this);
   loaded_cb_ = nullptr;  // the application is never told about an unload
   HXLOG(DLOG_INFO, "plugin_name : %s\n", plugin_name_.c_str());
-  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [this] {
-    _TermiLibrary();
-    _UnloadDelegate();
-  }, kPluginStdSuffix);
+  RunLogged(
+      HXF_LOG_SITE, OnException::kSwallow,
+      [this] {
+        _TermiLibrary();
+        _UnloadDelegate();
+      },
+      kPluginStdSuffix);
 }
 
 void CPlugin::_TermiLibrary() {
@@ -173,8 +186,8 @@ void CPlugin::_SendLoadResult(hxf_plugin_load_result_e result) {
     HXLOG(DLOG_ERROR, "plugin callback is null!\n");
     return;
   }
-  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { _ReportLoadResult(result); },
-            kPluginStdSuffix);
+  RunLogged(
+      HXF_LOG_SITE, OnException::kSwallow, [&] { _ReportLoadResult(result); }, kPluginStdSuffix);
 }
 
 }  // namespace HXFramework::Core

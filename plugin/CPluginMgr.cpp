@@ -9,7 +9,9 @@
 namespace HXFramework::Core {
 
 namespace {
-void Fail(const std::string& message) { throw CException(message, HXF_ERROR_OPERATION_FAILED); }
+void Fail(const std::string& message) {
+  throw CException(message, HXF_ERROR_OPERATION_FAILED);
+}
 
 // Set while this thread holds the exclusive lock. A plugin that calls back into the manager
 // from "DestroyPlugin" (which runs under the lock) must get an error, not a deadlock.
@@ -120,7 +122,8 @@ void CPluginMgr::UnloadAllPlugin() {
 void CPluginMgr::SendLoadResult(const std::string& name, hxf_plugin_load_result_e result) {
   HXF_CALLTRACE_OBJ(this);
   // Logged and swallowed: a report for an unknown plugin is not the reporter's error.
-  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { _FindPlugin(name)->SendLoadResult(result); });
+  RunLogged(HXF_LOG_SITE, OnException::kSwallow,
+            [&] { _FindPlugin(name)->SendLoadResult(result); });
 }
 
 std::shared_ptr<IPlugin> CPluginMgr::_FindPlugin(const std::string& name) {

@@ -12,7 +12,9 @@ CPropertyDescription::CPropertyDescription(const std::string& name, const std::s
   HXF_CALLTRACE();
 }
 
-CPropertyDescription::~CPropertyDescription() { HXF_CALLTRACE(); }
+CPropertyDescription::~CPropertyDescription() {
+  HXF_CALLTRACE();
+}
 
 std::string CPropertyDescription::GetPropertyName() const {
   HXF_CALLTRACE();

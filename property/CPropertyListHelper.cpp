@@ -32,7 +32,9 @@ void CPropertyListHelper::SetName(const std::string& name) {
   if (result != HXF_ERROR_NONE) throw CException("CPropertyListHelper::SetName is failed", result);
 }
 
-std::string CPropertyListHelper::GetName() { return CommonText(hxf_property_list_get_name(handle_)); }
+std::string CPropertyListHelper::GetName() {
+  return CommonText(hxf_property_list_get_name(handle_));
+}
 
 void CPropertyListHelper::Push(void* property, hxf_error error) {
   const hxf_error result = hxf_property_list_push_property(handle_, property, error);
@@ -47,8 +49,14 @@ void* CPropertyListHelper::Find(const std::string& name) {
   return hxf_property_list_find(handle_, AsCommonString(name));
 }
 
-void* CPropertyListHelper::GetFirst() { return hxf_property_list_get_first(handle_); }
-void* CPropertyListHelper::GetNext(void* item) { return hxf_property_list_get_next(handle_, item); }
-bool CPropertyListHelper::Empty() { return hxf_property_list_empty(handle_); }
+void* CPropertyListHelper::GetFirst() {
+  return hxf_property_list_get_first(handle_);
+}
+void* CPropertyListHelper::GetNext(void* item) {
+  return hxf_property_list_get_next(handle_, item);
+}
+bool CPropertyListHelper::Empty() {
+  return hxf_property_list_empty(handle_);
+}
 
 }  // namespace HXFramework::Core

@@ -18,8 +18,12 @@ using TPL::CDirectInvoker;
 using TPL::CThreadPoolInvoker;
 
 namespace {
-auto& Direct() { return CDirectInvoker::GetInstance(); }
-auto& Pool() { return CThreadPoolInvoker::GetInstance(); }
+auto& Direct() {
+  return CDirectInvoker::GetInstance();
+}
+auto& Pool() {
+  return CThreadPoolInvoker::GetInstance();
+}
 constexpr auto kFound = static_cast<hxf_endpoint_discovery_result_e>(0);
 }  // namespace
 
@@ -62,20 +66,51 @@ std::shared_ptr<IServiceHandler> CService::GetServiceHandler() {
 
 // ---- posting: the invoker of each operation is fixed ----
 
-void CService::Subscribe(const std::shared_ptr<IServiceHandler>& h) { InvokeTask(std::bind(&CService::_Subscribe, _1, h), Direct()); }
-void CService::Unsubscribe(hxf_service_handler_h h) { InvokeTask(std::bind(&CService::_Unsubscribe, _1, h), Direct()); }
-void CService::SetSearchClient(const std::shared_ptr<IClient>& c) { InvokeTask(std::bind(&CService::_SetSearchClient, _1, c), Direct()); }
-void CService::HandleSearchingTimerExpired(hxf_client_h c) { InvokeTask(std::bind(&CService::_HandleSearchingTimerExpired, _1, c), Direct()); }
-void CService::HandleListSearchingTimerExpired(hxf_client_h c) { InvokeTask(std::bind(&CService::_HandleListSearchingTimerExpired, _1, c), Direct()); }
-void CService::GetServiceProperty(const std::shared_ptr<IPropertyListHelper>& l, const GetServicePropertyResultHandler_t& h, uint32_t t) { InvokeTask(std::bind(&CService::_GetServiceProperty, _1, l, h, t), Direct()); }
-void CService::SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& l, const SetServicePropertyResultHandler_t& h, uint32_t t) { InvokeTask(std::bind(&CService::_SetServiceProperty, _1, l, h, t), Direct()); }
-void CService::StartActiveSearch(const std::shared_ptr<IClient>& c, uint32_t t) { InvokeTask(std::bind(&CService::_StartActiveSearch, _1, c, t), Pool()); }
-void CService::StopActiveSearch(hxf_client_h c) { InvokeTask(std::bind(&CService::_StopActiveSearch, _1, c), Pool()); }
-void CService::GetDeviceList(const std::shared_ptr<IClient>& c, uint32_t t) { InvokeTask(std::bind(&CService::_GetDeviceList, _1, c, t), Pool()); }
-void CService::StartPassiveSearch(const std::shared_ptr<IClient>& c) { InvokeTask(std::bind(&CService::_StartPassiveSearch, _1, c), Pool()); }
-void CService::StopPassiveSearch(hxf_client_h c) { InvokeTask(std::bind(&CService::_StopPassiveSearch, _1, c), Pool()); }
-void CService::Discovered(hxf_service_handler_h h, const std::shared_ptr<IEndpointHelper>& e) { InvokeTask(std::bind(&CService::_Discovered, _1, h, e), Pool()); }
-void CService::DeviceListDiscovered(hxf_service_handler_h h, const std::shared_ptr<IEndpointListHelper>& l) { InvokeTask(std::bind(&CService::_DeviceListDiscovered, _1, h, l), Pool()); }
+void CService::Subscribe(const std::shared_ptr<IServiceHandler>& h) {
+  InvokeTask(std::bind(&CService::_Subscribe, _1, h), Direct());
+}
+void CService::Unsubscribe(hxf_service_handler_h h) {
+  InvokeTask(std::bind(&CService::_Unsubscribe, _1, h), Direct());
+}
+void CService::SetSearchClient(const std::shared_ptr<IClient>& c) {
+  InvokeTask(std::bind(&CService::_SetSearchClient, _1, c), Direct());
+}
+void CService::HandleSearchingTimerExpired(hxf_client_h c) {
+  InvokeTask(std::bind(&CService::_HandleSearchingTimerExpired, _1, c), Direct());
+}
+void CService::HandleListSearchingTimerExpired(hxf_client_h c) {
+  InvokeTask(std::bind(&CService::_HandleListSearchingTimerExpired, _1, c), Direct());
+}
+void CService::GetServiceProperty(const std::shared_ptr<IPropertyListHelper>& l,
+                                  const GetServicePropertyResultHandler_t& h, uint32_t t) {
+  InvokeTask(std::bind(&CService::_GetServiceProperty, _1, l, h, t), Direct());
+}
+void CService::SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& l,
+                                  const SetServicePropertyResultHandler_t& h, uint32_t t) {
+  InvokeTask(std::bind(&CService::_SetServiceProperty, _1, l, h, t), Direct());
+}
+void CService::StartActiveSearch(const std::shared_ptr<IClient>& c, uint32_t t) {
+  InvokeTask(std::bind(&CService::_StartActiveSearch, _1, c, t), Pool());
+}
+void CService::StopActiveSearch(hxf_client_h c) {
+  InvokeTask(std::bind(&CService::_StopActiveSearch, _1, c), Pool());
+}
+void CService::GetDeviceList(const std::shared_ptr<IClient>& c, uint32_t t) {
+  InvokeTask(std::bind(&CService::_GetDeviceList, _1, c, t), Pool());
+}
+void CService::StartPassiveSearch(const std::shared_ptr<IClient>& c) {
+  InvokeTask(std::bind(&CService::_StartPassiveSearch, _1, c), Pool());
+}
+void CService::StopPassiveSearch(hxf_client_h c) {
+  InvokeTask(std::bind(&CService::_StopPassiveSearch, _1, c), Pool());
+}
+void CService::Discovered(hxf_service_handler_h h, const std::shared_ptr<IEndpointHelper>& e) {
+  InvokeTask(std::bind(&CService::_Discovered, _1, h, e), Pool());
+}
+void CService::DeviceListDiscovered(hxf_service_handler_h h,
+                                    const std::shared_ptr<IEndpointListHelper>& l) {
+  InvokeTask(std::bind(&CService::_DeviceListDiscovered, _1, h, l), Pool());
+}
 
 // ---- helpers (context) ----
 
@@ -160,14 +195,16 @@ std::function<void()> CService::_GetSearchTimerHandler(hxf_client_h client) {
   // Holds the service alive until the timer drops the handler.
   std::shared_ptr<CService> self(weak_this_);
   return [self, client] {
-    RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { self->HandleSearchingTimerExpired(client); });
+    RunLogged(HXF_LOG_SITE, OnException::kSwallow,
+              [&] { self->HandleSearchingTimerExpired(client); });
   };
 }
 
 std::function<void()> CService::_GetListSearchTimerHandler(hxf_client_h client) {
   std::shared_ptr<CService> self(weak_this_);
   return [self, client] {
-    RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { self->HandleListSearchingTimerExpired(client); });
+    RunLogged(HXF_LOG_SITE, OnException::kSwallow,
+              [&] { self->HandleListSearchingTimerExpired(client); });
   };
 }
 
@@ -178,7 +215,8 @@ void CService::_StartActiveSearch(const std::shared_ptr<IClient>& client, uint32
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StartSearchTimer(client->GetHandle(), timeout);
     _InsertClientIfNotExist(search_client_map_, client);
-    _ForEachServiceHandler([this](const std::shared_ptr<IServiceHandler>& h) { h->StartActiveSearch(name); });
+    _ForEachServiceHandler(
+        [this](const std::shared_ptr<IServiceHandler>& h) { h->StartActiveSearch(name); });
   });
 }
 
@@ -187,7 +225,8 @@ void CService::_GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t t
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StartListSearchTimer(client->GetHandle(), timeout);
     _InsertClientIfNotExist(search_client_map_, client);
-    _ForEachServiceHandler([this](const std::shared_ptr<IServiceHandler>& h) { h->GetDeviceList(name); });
+    _ForEachServiceHandler(
+        [this](const std::shared_ptr<IServiceHandler>& h) { h->GetDeviceList(name); });
   });
 }
 
@@ -195,7 +234,8 @@ void CService::_StartPassiveSearch(const std::shared_ptr<IClient>& client) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _InsertClientIfNotExist(passive_client_map_, client);
-    _ForEachServiceHandler([this](const std::shared_ptr<IServiceHandler>& h) { h->StartPassiveSearch(name); });
+    _ForEachServiceHandler(
+        [this](const std::shared_ptr<IServiceHandler>& h) { h->StartPassiveSearch(name); });
   });
 }
 
@@ -205,7 +245,8 @@ void CService::_StopActiveSearch(hxf_client_h client) {
     _StopSearchTimer();  // whichever client started it
     _RemoveClient(search_client_map_, client);
     // Every handler is told, even if other clients still search.
-    _ForEachServiceHandler([this](const std::shared_ptr<IServiceHandler>& h) { h->StopActiveSearch(name); });
+    _ForEachServiceHandler(
+        [this](const std::shared_ptr<IServiceHandler>& h) { h->StopActiveSearch(name); });
   });
 }
 
@@ -213,20 +254,25 @@ void CService::_StopPassiveSearch(hxf_client_h client) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _RemoveClient(passive_client_map_, client);
-    _ForEachServiceHandler([this](const std::shared_ptr<IServiceHandler>& h) { h->StopPassiveSearch(name); });
+    _ForEachServiceHandler(
+        [this](const std::shared_ptr<IServiceHandler>& h) { h->StopPassiveSearch(name); });
   });
 }
 
 void CService::_SetSearchClient(const std::shared_ptr<IClient>& client) {
   HXF_CALLTRACE_OBJ(this);
-  RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] { _InsertClientIfNotExist(search_client_map_, client); });
+  RunLogged(HXF_LOG_SITE, OnException::kRethrow,
+            [&] { _InsertClientIfNotExist(search_client_map_, client); });
 }
 
-void CService::_Discovered(hxf_service_handler_h /*handle*/, const std::shared_ptr<IEndpointHelper>& endpoint) {
+void CService::_Discovered(hxf_service_handler_h /*handle*/,
+                           const std::shared_ptr<IEndpointHelper>& endpoint) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopSearchTimer();  // the first device found ends the active-search time-out
-    const auto tell = [&](const std::shared_ptr<IClient>& client) { client->Discovered(name, kFound, endpoint); };
+    const auto tell = [&](const std::shared_ptr<IClient>& client) {
+      client->Discovered(name, kFound, endpoint);
+    };
     // A client in both maps is told twice: kept so.
     _ForEachClient(tell, passive_client_map_);
     _ForEachClient(tell, search_client_map_);
@@ -239,8 +285,11 @@ void CService::_DeviceListDiscovered(hxf_service_handler_h /*handle*/,
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopListSearchTimer();
     // Only searching clients hear of lists; listeners do not.
-    _ForEachClient([&](const std::shared_ptr<IClient>& client) { client->DeviceListDiscovered(name, kFound, list); },
-                   search_client_map_);
+    _ForEachClient(
+        [&](const std::shared_ptr<IClient>& client) {
+          client->DeviceListDiscovered(name, kFound, list);
+        },
+        search_client_map_);
   });
 }
 
@@ -265,7 +314,8 @@ void CService::_HandleListSearchingTimerExpired(hxf_client_h client) {
 void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    if (handler == nullptr) throw CException("nullptr == service_handler!!", HXF_ERROR_INVALID_PARAMETER);
+    if (handler == nullptr)
+      throw CException("nullptr == service_handler!!", HXF_ERROR_INVALID_PARAMETER);
     {
       std::unique_lock<std::shared_mutex> lock(handler_lock_);
       if (!handler_map_.emplace(handler->GetHandle(), handler).second) {
@@ -286,7 +336,8 @@ void CService::_Unsubscribe(hxf_service_handler_h handle) {
       throw CException("unable to find service_handler in map!", HXF_ERROR_OPERATION_FAILED);
     }
     if (passive_searching_) {
-      if (std::shared_ptr<IServiceHandler> handler = entry->second.lock()) handler->StopPassiveSearch(name);
+      if (std::shared_ptr<IServiceHandler> handler = entry->second.lock())
+        handler->StopPassiveSearch(name);
     }
     handler_map_.erase(entry);
   });
@@ -301,7 +352,8 @@ std::shared_ptr<IServiceHandler> CService::_GetServiceHandler() {
       throw CException("no service handler(weak) in map!", HXF_ERROR_OPERATION_FAILED);
     }
     handler = handler_map_.begin()->second.lock();  // with several, the map's first entry
-    if (handler == nullptr) throw CException("service handler expired!", HXF_ERROR_OPERATION_FAILED);
+    if (handler == nullptr)
+      throw CException("service handler expired!", HXF_ERROR_OPERATION_FAILED);
   });
   return handler;
 }

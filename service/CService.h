@@ -31,13 +31,16 @@ class CService : public IService, TPL::CContext<CService> {
   void GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t timeout) override;
   void HandleSearchingTimerExpired(hxf_client_h client) override;
   void HandleListSearchingTimerExpired(hxf_client_h client) override;
-  void Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) override;
+  void Discovered(hxf_service_handler_h handle,
+                  const std::shared_ptr<IEndpointHelper>& endpoint) override;
   void DeviceListDiscovered(hxf_service_handler_h handle,
                             const std::shared_ptr<IEndpointListHelper>& list) override;
   void GetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
-                          const GetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+                          const GetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
   void SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
-                          const SetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+                          const SetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
   std::shared_ptr<IServiceHandler> GetServiceHandler() override;
   void SetSearchClient(const std::shared_ptr<IClient>& client) override;
 
@@ -47,8 +50,10 @@ class CService : public IService, TPL::CContext<CService> {
 
   void _InsertClientIfNotExist(ClientMap& map, const std::shared_ptr<IClient>& client);
   void _RemoveClient(ClientMap& map, hxf_client_h client);
-  void _ForEachClient(const std::function<void(const std::shared_ptr<IClient>&)>& operation, ClientMap& map);
-  void _ForEachServiceHandler(const std::function<void(const std::shared_ptr<IServiceHandler>&)>& operation);
+  void _ForEachClient(const std::function<void(const std::shared_ptr<IClient>&)>& operation,
+                      ClientMap& map);
+  void _ForEachServiceHandler(
+      const std::function<void(const std::shared_ptr<IServiceHandler>&)>& operation);
   std::shared_ptr<IClient> _FindSearchingClient(hxf_client_h client);
   void _StartSearchTimer(hxf_client_h client, uint32_t timeout);
   void _StartListSearchTimer(hxf_client_h client, uint32_t timeout);
@@ -64,7 +69,8 @@ class CService : public IService, TPL::CContext<CService> {
   void _StopPassiveSearch(hxf_client_h client);
   void _SetSearchClient(const std::shared_ptr<IClient>& client);
   void _Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint);
-  void _DeviceListDiscovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointListHelper>& list);
+  void _DeviceListDiscovered(hxf_service_handler_h handle,
+                             const std::shared_ptr<IEndpointListHelper>& list);
   void _HandleSearchingTimerExpired(hxf_client_h client);
   void _HandleListSearchingTimerExpired(hxf_client_h client);
   void _Subscribe(const std::shared_ptr<IServiceHandler>& handler);
@@ -79,7 +85,8 @@ class CService : public IService, TPL::CContext<CService> {
   std::string name;
   ClientMap passive_client_map_;  // context only
   ClientMap search_client_map_;   // context only: active searches and device lists alike
-  std::unordered_map<hxf_service_handler_h, std::weak_ptr<IServiceHandler>> handler_map_;  // handler_lock_
+  std::unordered_map<hxf_service_handler_h, std::weak_ptr<IServiceHandler>>
+      handler_map_;  // handler_lock_
   // Atomic because Termi stops the timers from the manager's thread, outside the context.
   std::atomic<uint32_t> search_timer_id_{0};
   std::atomic<uint32_t> list_search_timer_id_{0};

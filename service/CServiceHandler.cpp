@@ -20,11 +20,16 @@ using TPL::CDirectInvoker;
 using TPL::CThreadPoolInvoker;
 
 namespace {
-auto& Direct() { return CDirectInvoker::GetInstance(); }
-auto& Pool() { return CThreadPoolInvoker::GetInstance(); }
+auto& Direct() {
+  return CDirectInvoker::GetInstance();
+}
+auto& Pool() {
+  return CThreadPoolInvoker::GetInstance();
+}
 }  // namespace
 
-std::shared_ptr<IServiceHandler> IServiceHandler::Create(const std::string& name, void* /*user_data*/) {
+std::shared_ptr<IServiceHandler> IServiceHandler::Create(const std::string& name,
+                                                         void* /*user_data*/) {
   // The plugin's user data is deliberately not kept: each callback carries its own.
   auto handler = CHandleQuarantine<CServiceHandler>::Make(name);
   handler->weak_this_ = handler;
@@ -61,23 +66,50 @@ void CServiceHandler::TermiAsync(const ServiceHandlerDestroyedHandler_t& destroy
 
 // ---- posting: the invoker of each operation is fixed ----
 
-void CServiceHandler::SetSearchCallback(const SearchHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetSearchCallback, _1, h), Pool()); }
-void CServiceHandler::SetSearchStopCallback(const SearchStopHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetSearchStopCallback, _1, h), Pool()); }
-void CServiceHandler::SetGetDeviceListCallback(const GetDeviceListHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetGetDeviceListCallback, _1, h), Pool()); }
-void CServiceHandler::SetListenCallback(const ListenHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetListenCallback, _1, h), Pool()); }
-void CServiceHandler::SetListenStopCallback(const ListenStopHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetListenStopCallback, _1, h), Pool()); }
-void CServiceHandler::SetAddDeviceCallback(const AddDeviceHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetAddDeviceCallback, _1, h), Pool()); }
-void CServiceHandler::SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetServiceSessionCreatedCallback, _1, h), Pool()); }
+void CServiceHandler::SetSearchCallback(const SearchHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetSearchCallback, _1, h), Pool());
+}
+void CServiceHandler::SetSearchStopCallback(const SearchStopHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetSearchStopCallback, _1, h), Pool());
+}
+void CServiceHandler::SetGetDeviceListCallback(const GetDeviceListHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetGetDeviceListCallback, _1, h), Pool());
+}
+void CServiceHandler::SetListenCallback(const ListenHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetListenCallback, _1, h), Pool());
+}
+void CServiceHandler::SetListenStopCallback(const ListenStopHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetListenStopCallback, _1, h), Pool());
+}
+void CServiceHandler::SetAddDeviceCallback(const AddDeviceHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetAddDeviceCallback, _1, h), Pool());
+}
+void CServiceHandler::SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetServiceSessionCreatedCallback, _1, h), Pool());
+}
 // Alone among the setters on the direct invoker: a request may follow at once.
-void CServiceHandler::SetRequestServiceCallback(const SetServicePropertyHandler_t& h) { InvokeTask(std::bind(&CServiceHandler::_SetRequestServiceCallback, _1, h), Direct()); }
+void CServiceHandler::SetRequestServiceCallback(const SetServicePropertyHandler_t& h) {
+  InvokeTask(std::bind(&CServiceHandler::_SetRequestServiceCallback, _1, h), Direct());
+}
 
-void CServiceHandler::StartActiveSearch(const std::string& n) { InvokeTask(std::bind(&CServiceHandler::_StartActiveSearch, _1, n), Pool()); }
-void CServiceHandler::StopActiveSearch(const std::string& n) { InvokeTask(std::bind(&CServiceHandler::_StopActiveSearch, _1, n), Pool()); }
-void CServiceHandler::GetDeviceList(const std::string& n) { InvokeTask(std::bind(&CServiceHandler::_GetDeviceList, _1, n), Pool()); }
-void CServiceHandler::StartPassiveSearch(const std::string& n) { InvokeTask(std::bind(&CServiceHandler::_StartPassiveSearch, _1, n), Pool()); }
-void CServiceHandler::StopPassiveSearch(const std::string& n) { InvokeTask(std::bind(&CServiceHandler::_StopPassiveSearch, _1, n), Pool()); }
+void CServiceHandler::StartActiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CServiceHandler::_StartActiveSearch, _1, n), Pool());
+}
+void CServiceHandler::StopActiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CServiceHandler::_StopActiveSearch, _1, n), Pool());
+}
+void CServiceHandler::GetDeviceList(const std::string& n) {
+  InvokeTask(std::bind(&CServiceHandler::_GetDeviceList, _1, n), Pool());
+}
+void CServiceHandler::StartPassiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CServiceHandler::_StartPassiveSearch, _1, n), Pool());
+}
+void CServiceHandler::StopPassiveSearch(const std::string& n) {
+  InvokeTask(std::bind(&CServiceHandler::_StopPassiveSearch, _1, n), Pool());
+}
 
-void CServiceHandler::AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) {
+void CServiceHandler::AddDevice(hxf_service_session_h session,
+                                const std::shared_ptr<IEndpointHelper>& endpoint) {
   InvokeTask(std::bind(&CServiceHandler::_AddDevice, _1, session, endpoint), Direct());
 }
 
@@ -93,12 +125,16 @@ void CServiceHandler::ServiceSessionCreated(const std::shared_ptr<IServiceSessio
 void CServiceHandler::SendRequestResult(const std::string& service_name,
                                         const std::shared_ptr<IPropertyListHelper>& list,
                                         hxf_transaction_h transaction, hxf_error_e error) {
-  InvokeTask(std::bind(&CServiceHandler::_SendRequestResult, _1, service_name, list, transaction, error), Pool());
+  InvokeTask(
+      std::bind(&CServiceHandler::_SendRequestResult, _1, service_name, list, transaction, error),
+      Pool());
 }
 
-void CServiceHandler::Notify(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
+void CServiceHandler::Notify(const std::string& service_name,
+                             const std::shared_ptr<IPropertyListHelper>& list,
                              hxf_transaction_h transaction, hxf_error_e error) {
-  InvokeTask(std::bind(&CServiceHandler::_Notify, _1, service_name, list, transaction, error), Pool());
+  InvokeTask(std::bind(&CServiceHandler::_Notify, _1, service_name, list, transaction, error),
+             Pool());
 }
 
 // ---- the work, on the context ----
@@ -111,32 +147,73 @@ void CServiceHandler::_SetSlot(Slot& slot, const Slot& handler, const char* kind
   }
 }
 
-void CServiceHandler::_SetSearchCallback(const SearchHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(search_cb_, h, "search"); }
-void CServiceHandler::_SetSearchStopCallback(const SearchStopHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(search_stop_cb_, h, "search stop"); }
-void CServiceHandler::_SetGetDeviceListCallback(const GetDeviceListHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(get_device_list_cb_, h, "get device list"); }
-void CServiceHandler::_SetListenCallback(const ListenHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(listen_cb_, h, "listen"); }
-void CServiceHandler::_SetListenStopCallback(const ListenStopHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(listen_stop_cb_, h, "listen stop"); }
+void CServiceHandler::_SetSearchCallback(const SearchHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(search_cb_, h, "search");
+}
+void CServiceHandler::_SetSearchStopCallback(const SearchStopHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(search_stop_cb_, h, "search stop");
+}
+void CServiceHandler::_SetGetDeviceListCallback(const GetDeviceListHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(get_device_list_cb_, h, "get device list");
+}
+void CServiceHandler::_SetListenCallback(const ListenHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(listen_cb_, h, "listen");
+}
+void CServiceHandler::_SetListenStopCallback(const ListenStopHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(listen_stop_cb_, h, "listen stop");
+}
 // The add-device setter writes no message, only its trace.
-void CServiceHandler::_SetAddDeviceCallback(const AddDeviceHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(add_device_cb_, h, nullptr); }
-void CServiceHandler::_SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(service_session_created_cb_, h, "session created"); }
-void CServiceHandler::_SetRequestServiceCallback(const SetServicePropertyHandler_t& h) { HXF_CALLTRACE_OBJ(this); _SetSlot(request_service_cb_, h, "set request service"); }
+void CServiceHandler::_SetAddDeviceCallback(const AddDeviceHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(add_device_cb_, h, nullptr);
+}
+void CServiceHandler::_SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(service_session_created_cb_, h, "session created");
+}
+void CServiceHandler::_SetRequestServiceCallback(const SetServicePropertyHandler_t& h) {
+  HXF_CALLTRACE_OBJ(this);
+  _SetSlot(request_service_cb_, h, "set request service");
+}
 
-void CServiceHandler::_CallSearchSlot(const SearchHandler_t& slot, const std::string& service_name) {
+void CServiceHandler::_CallSearchSlot(const SearchHandler_t& slot,
+                                      const std::string& service_name) {
   // Rethrown: a failing search reaches the context that runs it.
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     if (!slot) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    slot(GetHandle(), hxf_string_new(service_name.data(), static_cast<uint32_t>(service_name.size())));
+    slot(GetHandle(),
+         hxf_string_new(service_name.data(), static_cast<uint32_t>(service_name.size())));
   });
 }
 
-void CServiceHandler::_StartActiveSearch(const std::string& n) { HXF_CALLTRACE_OBJ(this); _CallSearchSlot(search_cb_, n); }
-void CServiceHandler::_StopActiveSearch(const std::string& n) { HXF_CALLTRACE_OBJ(this); _CallSearchSlot(search_stop_cb_, n); }
-void CServiceHandler::_GetDeviceList(const std::string& n) { HXF_CALLTRACE_OBJ(this); _CallSearchSlot(get_device_list_cb_, n); }
-void CServiceHandler::_StartPassiveSearch(const std::string& n) { HXF_CALLTRACE_OBJ(this); _CallSearchSlot(listen_cb_, n); }
-void CServiceHandler::_StopPassiveSearch(const std::string& n) { HXF_CALLTRACE_OBJ(this); _CallSearchSlot(listen_stop_cb_, n); }
+void CServiceHandler::_StartActiveSearch(const std::string& n) {
+  HXF_CALLTRACE_OBJ(this);
+  _CallSearchSlot(search_cb_, n);
+}
+void CServiceHandler::_StopActiveSearch(const std::string& n) {
+  HXF_CALLTRACE_OBJ(this);
+  _CallSearchSlot(search_stop_cb_, n);
+}
+void CServiceHandler::_GetDeviceList(const std::string& n) {
+  HXF_CALLTRACE_OBJ(this);
+  _CallSearchSlot(get_device_list_cb_, n);
+}
+void CServiceHandler::_StartPassiveSearch(const std::string& n) {
+  HXF_CALLTRACE_OBJ(this);
+  _CallSearchSlot(listen_cb_, n);
+}
+void CServiceHandler::_StopPassiveSearch(const std::string& n) {
+  HXF_CALLTRACE_OBJ(this);
+  _CallSearchSlot(listen_stop_cb_, n);
+}
 
 void CServiceHandler::_AddDevice(hxf_service_session_h /*session*/,
                                  const std::shared_ptr<IEndpointHelper>& endpoint) {
@@ -195,12 +272,14 @@ void CServiceHandler::_SendRequestResult(const std::string& service_name,
   // Offered to every live session: only the one holding the transaction takes it.
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     _ForEachLiveSession([&](const std::shared_ptr<IServiceSession>& session) {
-      session->SendRequestResult(service_name, transaction, ITransactionResult::Create(list, error));
+      session->SendRequestResult(service_name, transaction,
+                                 ITransactionResult::Create(list, error));
     });
   });
 }
 
-void CServiceHandler::_Notify(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
+void CServiceHandler::_Notify(const std::string& service_name,
+                              const std::shared_ptr<IPropertyListHelper>& list,
                               hxf_transaction_h transaction, hxf_error_e error) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
@@ -220,9 +299,8 @@ void CServiceHandler::_TermiAsync(const ServiceHandlerDestroyedHandler_t& destro
     return;
   }
   // Runs when the context terminates, after every earlier task of this handler.
-  _SetTerminateHandler([destroyed](const std::shared_ptr<CServiceHandler>& self) {
-    destroyed(self->GetHandle());
-  });
+  _SetTerminateHandler(
+      [destroyed](const std::shared_ptr<CServiceHandler>& self) { destroyed(self->GetHandle()); });
 }
 
 }  // namespace HXFramework::Core

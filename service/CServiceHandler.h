@@ -31,7 +31,8 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
   void GetDeviceList(const std::string& service_name) override;
   void StartPassiveSearch(const std::string& service_name) override;
   void StopPassiveSearch(const std::string& service_name) override;
-  void AddDevice(hxf_service_session_h session, const std::shared_ptr<IEndpointHelper>& endpoint) override;
+  void AddDevice(hxf_service_session_h session,
+                 const std::shared_ptr<IEndpointHelper>& endpoint) override;
   void RequestService(const std::shared_ptr<ITransaction>& transaction,
                       const std::shared_ptr<IPropertyListHelper>& list) override;
   void Notify(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
@@ -40,7 +41,8 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
   void SetRequestServiceCallback(const SetServicePropertyHandler_t& handler) override;
   void SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& handler) override;
   void ServiceSessionCreated(const std::shared_ptr<IServiceSession>& session) override;
-  void SendRequestResult(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
+  void SendRequestResult(const std::string& service_name,
+                         const std::shared_ptr<IPropertyListHelper>& list,
                          hxf_transaction_h transaction, hxf_error_e error) override;
 
  private:
@@ -69,7 +71,8 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
   void _RequestService(const std::shared_ptr<ITransaction>& transaction,
                        const std::shared_ptr<IPropertyListHelper>& list);
   void _ServiceSessionCreated(const std::shared_ptr<IServiceSession>& session);
-  void _SendRequestResult(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
+  void _SendRequestResult(const std::string& service_name,
+                          const std::shared_ptr<IPropertyListHelper>& list,
                           hxf_transaction_h transaction, hxf_error_e error);
   void _Notify(const std::string& service_name, const std::shared_ptr<IPropertyListHelper>& list,
                hxf_transaction_h transaction, hxf_error_e error);

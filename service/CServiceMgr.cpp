@@ -51,19 +51,20 @@ std::shared_ptr<IServiceHandler> CServiceMgr::_CreateServiceHandler(const std::s
   return handler;
 }
 
-std::shared_ptr<IServiceHandler> CServiceMgr::_FindServiceHandler(hxf_service_handler_h handle) const {
+std::shared_ptr<IServiceHandler> CServiceMgr::_FindServiceHandler(
+    hxf_service_handler_h handle) const {
   HXF_CALLTRACE_OBJ(this);
   auto found = service_handler_map_.find(handle);
-  Require(found != service_handler_map_.end(), "service_handler not found in service_handler_map_!!",
-          HXF_ERROR_INVALID_HANDLE);
+  Require(found != service_handler_map_.end(),
+          "service_handler not found in service_handler_map_!!", HXF_ERROR_INVALID_HANDLE);
   return found->second;
 }
 
 std::shared_ptr<IServiceHandler> CServiceMgr::_ReleaseServiceHandler(hxf_service_handler_h handle) {
   HXF_CALLTRACE_OBJ(this);
   auto found = service_handler_map_.find(handle);
-  Require(found != service_handler_map_.end(), "service_handler not found in service_handler_map_!!",
-          HXF_ERROR_INVALID_HANDLE);
+  Require(found != service_handler_map_.end(),
+          "service_handler not found in service_handler_map_!!", HXF_ERROR_INVALID_HANDLE);
   std::shared_ptr<IServiceHandler> handler = std::move(found->second);
   service_handler_map_.erase(found);
   HXLOG(DLOG_INFO, "service_handler[%p] deleted from service_handler map\n", handle);
@@ -76,7 +77,8 @@ std::shared_ptr<IService> CServiceMgr::_CreateService(const std::string& name) {
   Require(service_map_.emplace(name, service).second, "Unable to insert service to service_map_!!",
           HXF_ERROR_CREATE_FAILED);
   service->Init();
-  HXLOG(DLOG_INFO, " [%s] service has been created & inserted into service_map_ : [%p], ref_count:[%ld]\n",
+  HXLOG(DLOG_INFO,
+        " [%s] service has been created & inserted into service_map_ : [%p], ref_count:[%ld]\n",
         name.c_str(), static_cast<void*>(service.get()), service.use_count());
   return service;
 }
@@ -118,7 +120,9 @@ void CServiceMgr::_ForNamedOrEveryService(const std::string& name, Operation&& o
 
 // ---- lifecycle ----
 
-void CServiceMgr::Initialize() { HXF_CALLTRACE_OBJ(this); }
+void CServiceMgr::Initialize() {
+  HXF_CALLTRACE_OBJ(this);
+}
 
 void CServiceMgr::Finalize() {
   HXF_CALLTRACE_OBJ(this);
@@ -163,7 +167,8 @@ void CServiceMgr::SetSearchStopCallback(hxf_service_handler_h h, const SearchSto
   _FindServiceHandler(h)->SetSearchStopCallback(cb);
 }
 
-void CServiceMgr::SetGetDeviceListCallback(hxf_service_handler_h h, const GetDeviceListHandler_t& cb) {
+void CServiceMgr::SetGetDeviceListCallback(hxf_service_handler_h h,
+                                           const GetDeviceListHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
   ReadLock guard(lock);
   _FindServiceHandler(h)->SetGetDeviceListCallback(cb);
@@ -194,7 +199,8 @@ void CServiceMgr::SetServiceSessionCreatedCallback(hxf_service_handler_h h,
   _FindServiceHandler(h)->SetServiceSessionCreatedCallback(cb);
 }
 
-void CServiceMgr::SetRequestServiceCallback(hxf_service_handler_h h, const SetServicePropertyHandler_t& cb) {
+void CServiceMgr::SetRequestServiceCallback(hxf_service_handler_h h,
+                                            const SetServicePropertyHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
   ReadLock guard(lock);
   _FindServiceHandler(h)->SetRequestServiceCallback(cb);
@@ -257,7 +263,8 @@ void CServiceMgr::StartActiveSearch(const std::string& name, const std::shared_p
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
-  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->StartActiveSearch(client, timeout); });
+  _ForNamedOrEveryService(
+      name, [&](const std::shared_ptr<IService>& s) { s->StartActiveSearch(client, timeout); });
 }
 
 void CServiceMgr::GetDeviceList(const std::string& name, const std::shared_ptr<IClient>& client,
@@ -265,14 +272,17 @@ void CServiceMgr::GetDeviceList(const std::string& name, const std::shared_ptr<I
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
-  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->GetDeviceList(client, timeout); });
+  _ForNamedOrEveryService(
+      name, [&](const std::shared_ptr<IService>& s) { s->GetDeviceList(client, timeout); });
 }
 
-void CServiceMgr::StartPassiveSearch(const std::string& name, const std::shared_ptr<IClient>& client) {
+void CServiceMgr::StartPassiveSearch(const std::string& name,
+                                     const std::shared_ptr<IClient>& client) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
-  _ForNamedOrEveryService(name, [&](const std::shared_ptr<IService>& s) { s->StartPassiveSearch(client); });
+  _ForNamedOrEveryService(
+      name, [&](const std::shared_ptr<IService>& s) { s->StartPassiveSearch(client); });
 }
 
 void CServiceMgr::SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) {
@@ -300,7 +310,9 @@ void CServiceMgr::StopPassiveSearch(const std::string& name, hxf_client_h client
   _FindService(name)->StopPassiveSearch(client);
 }
 
-void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) { HXF_CALLTRACE_OBJ(this); }
+void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) {
+  HXF_CALLTRACE_OBJ(this);
+}
 
 std::shared_ptr<IServiceHandler> CServiceMgr::GetServiceHandler(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
@@ -309,16 +321,20 @@ std::shared_ptr<IServiceHandler> CServiceMgr::GetServiceHandler(const std::strin
   return _GetService(name)->GetServiceHandler();
 }
 
-void CServiceMgr::GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                     const GetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+void CServiceMgr::GetServiceProperty(const std::string& name,
+                                     const std::shared_ptr<IPropertyListHelper>& list,
+                                     const GetServicePropertyResultHandler_t& handler,
+                                     uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
   ReadLock guard(lock);
   _FindService(name)->GetServiceProperty(list, handler, timeout);
 }
 
-void CServiceMgr::SetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                                     const SetServicePropertyResultHandler_t& handler, uint32_t timeout) {
+void CServiceMgr::SetServiceProperty(const std::string& name,
+                                     const std::shared_ptr<IPropertyListHelper>& list,
+                                     const SetServicePropertyResultHandler_t& handler,
+                                     uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
   ReadLock guard(lock);
@@ -328,7 +344,8 @@ void CServiceMgr::SetServiceProperty(const std::string& name, const std::shared_
 // ---- reports from plugins ----
 
 // Routed by the endpoint's own service name; the reporting handler is only passed along.
-void CServiceMgr::Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) {
+void CServiceMgr::Discovered(hxf_service_handler_h handle,
+                             const std::shared_ptr<IEndpointHelper>& endpoint) {
   HXF_CALLTRACE_OBJ(this);
   Require(handle != nullptr, "service_handler_h is invalid!!", HXF_ERROR_INVALID_PARAMETER);
   Require(endpoint != nullptr, "endpoint is invalid!!", HXF_ERROR_INVALID_PARAMETER);
@@ -362,8 +379,8 @@ void CServiceMgr::SendRequestResult(hxf_service_handler_h handle, const std::str
 }
 
 void CServiceMgr::Notify(hxf_service_handler_h handle, const std::string& name,
-                         const std::shared_ptr<IPropertyListHelper>& list, hxf_transaction_h transaction,
-                         hxf_error_e error) {
+                         const std::shared_ptr<IPropertyListHelper>& list,
+                         hxf_transaction_h transaction, hxf_error_e error) {
   HXF_CALLTRACE_OBJ(this);
   ReadLock guard(lock);
   _FindServiceHandler(handle)->Notify(name, list, transaction, error);

@@ -20,39 +20,49 @@ class CServiceMgr : public IServiceMgr {
   void Finalize() override;
   void* CreateServiceHandler(const std::string& name, void* user_data) override;
   void SetSearchCallback(hxf_service_handler_h handle, const SearchHandler_t& handler) override;
-  void SetSearchStopCallback(hxf_service_handler_h handle, const SearchStopHandler_t& handler) override;
-  void SetGetDeviceListCallback(hxf_service_handler_h handle, const GetDeviceListHandler_t& handler) override;
+  void SetSearchStopCallback(hxf_service_handler_h handle,
+                             const SearchStopHandler_t& handler) override;
+  void SetGetDeviceListCallback(hxf_service_handler_h handle,
+                                const GetDeviceListHandler_t& handler) override;
   void SetListenCallback(hxf_service_handler_h handle, const ListenHandler_t& handler) override;
-  void SetListenStopCallback(hxf_service_handler_h handle, const ListenStopHandler_t& handler) override;
+  void SetListenStopCallback(hxf_service_handler_h handle,
+                             const ListenStopHandler_t& handler) override;
   void SubscribeService(hxf_service_handler_h handle, const std::string& name) override;
   void UnsubscribeService(hxf_service_handler_h handle, const std::string& name) override;
   void StartActiveSearch(const std::string& name, const std::shared_ptr<IClient>& client,
                          uint32_t timeout) override;
   void StopActiveSearch(const std::string& name, hxf_client_h client) override;
-  void GetDeviceList(const std::string& name, const std::shared_ptr<IClient>& client, uint32_t timeout) override;
+  void GetDeviceList(const std::string& name, const std::shared_ptr<IClient>& client,
+                     uint32_t timeout) override;
   void StartPassiveSearch(const std::string& name, const std::shared_ptr<IClient>& client) override;
   void StopPassiveSearch(const std::string& name, hxf_client_h client) override;
   void HandleSearchingTimerExpired(const std::string& name) override;
-  void Discovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointHelper>& endpoint) override;
-  void DeviceListDiscovered(hxf_service_handler_h handle, const std::shared_ptr<IEndpointListHelper>& list) override;
+  void Discovered(hxf_service_handler_h handle,
+                  const std::shared_ptr<IEndpointHelper>& endpoint) override;
+  void DeviceListDiscovered(hxf_service_handler_h handle,
+                            const std::shared_ptr<IEndpointListHelper>& list) override;
   void DestroyServiceHandler(hxf_service_handler_h handle) override;
   void DestroyServiceHandlerAsync(hxf_service_handler_h handle,
                                   const ServiceHandlerDestroyedHandler_t& destroyed) override;
   void GetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                          const GetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+                          const GetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
   void SetServiceProperty(const std::string& name, const std::shared_ptr<IPropertyListHelper>& list,
-                          const SetServicePropertyResultHandler_t& handler, uint32_t timeout) override;
+                          const SetServicePropertyResultHandler_t& handler,
+                          uint32_t timeout) override;
   void Notify(hxf_service_handler_h handle, const std::string& name,
               const std::shared_ptr<IPropertyListHelper>& list, hxf_transaction_h transaction,
               hxf_error_e error) override;
-  void SetAddDeviceCallback(hxf_service_handler_h handle, const AddDeviceHandler_t& handler) override;
+  void SetAddDeviceCallback(hxf_service_handler_h handle,
+                            const AddDeviceHandler_t& handler) override;
   void SetServiceSessionCreatedCallback(hxf_service_handler_h handle,
                                         const ServiceSessionCreatedHandler_t& handler) override;
-  void SetRequestServiceCallback(hxf_service_handler_h handle, const SetServicePropertyHandler_t& handler) override;
+  void SetRequestServiceCallback(hxf_service_handler_h handle,
+                                 const SetServicePropertyHandler_t& handler) override;
   std::shared_ptr<IServiceHandler> GetServiceHandler(const std::string& name) override;
   void SendRequestResult(hxf_service_handler_h handle, const std::string& name,
-                         const std::shared_ptr<IPropertyListHelper>& list, hxf_transaction_h transaction,
-                         hxf_error_e error) override;
+                         const std::shared_ptr<IPropertyListHelper>& list,
+                         hxf_transaction_h transaction, hxf_error_e error) override;
   void SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) override;
 
  private:

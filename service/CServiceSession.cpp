@@ -18,7 +18,9 @@ using std::placeholders::_1;
 using TPL::CDirectInvoker;
 
 namespace {
-auto& Direct() { return CDirectInvoker::GetInstance(); }
+auto& Direct() {
+  return CDirectInvoker::GetInstance();
+}
 }  // namespace
 
 std::shared_ptr<IServiceSession> IServiceSession::Create() {
@@ -32,7 +34,8 @@ CServiceSession::~CServiceSession() {
   HXLOG(DLOG_INFO, "session_session destroyed: %p\n", static_cast<void*>(this));
 }
 
-void CServiceSession::Initiate(const std::shared_ptr<IClient>& client, const std::string& service_name,
+void CServiceSession::Initiate(const std::shared_ptr<IClient>& client,
+                               const std::string& service_name,
                                const std::shared_ptr<IServiceHandler>& handler,
                                const ServiceNotificationHandler_t& notification) {
   HXF_CALLTRACE_OBJ(this);
@@ -42,7 +45,8 @@ void CServiceSession::Initiate(const std::shared_ptr<IClient>& client, const std
   notification_handler_ = notification;
   // When the context ends, the outstanding transactions and the handler go, in the
   // context's own order: after the jobs queued before the end.
-  _SetTerminateHandler([](const std::shared_ptr<CServiceSession>& self) { self->_ForgetEverything(); });
+  _SetTerminateHandler(
+      [](const std::shared_ptr<CServiceSession>& self) { self->_ForgetEverything(); });
   TPL::CContext<CServiceSession>::Initiate(Direct());
 }
 
@@ -60,11 +64,25 @@ void CServiceSession::Terminate() {
 
 // ---- posting: every task through the direct invoker ----
 
-void CServiceSession::RequestService(const std::shared_ptr<IPropertyListHelper>& l, const SetServicePropertyResultHandler_t& h, uint32_t t, const std::shared_ptr<ITransaction>& tr) { InvokeTask(std::bind(&CServiceSession::_RequestService, _1, l, h, t, tr), Direct()); }
-void CServiceSession::SendRequestResult(const std::string& n, hxf_transaction_h t, const std::shared_ptr<ITransactionResult>& r) { InvokeTask(std::bind(&CServiceSession::_SendRequestResult, _1, n, t, r), Direct()); }
-void CServiceSession::Notify(const std::string& n, hxf_transaction_h t, const std::shared_ptr<ITransactionResult>& r) { InvokeTask(std::bind(&CServiceSession::_Notify, _1, n, t, r), Direct()); }
-void CServiceSession::ServiceSessionCreated() { InvokeTask(std::bind(&CServiceSession::_ServiceSessionCreated, _1), Direct()); }
-void CServiceSession::AddDevice(const std::shared_ptr<IEndpointHelper>& e) { InvokeTask(std::bind(&CServiceSession::_AddDevice, _1, e), Direct()); }
+void CServiceSession::RequestService(const std::shared_ptr<IPropertyListHelper>& l,
+                                     const SetServicePropertyResultHandler_t& h, uint32_t t,
+                                     const std::shared_ptr<ITransaction>& tr) {
+  InvokeTask(std::bind(&CServiceSession::_RequestService, _1, l, h, t, tr), Direct());
+}
+void CServiceSession::SendRequestResult(const std::string& n, hxf_transaction_h t,
+                                        const std::shared_ptr<ITransactionResult>& r) {
+  InvokeTask(std::bind(&CServiceSession::_SendRequestResult, _1, n, t, r), Direct());
+}
+void CServiceSession::Notify(const std::string& n, hxf_transaction_h t,
+                             const std::shared_ptr<ITransactionResult>& r) {
+  InvokeTask(std::bind(&CServiceSession::_Notify, _1, n, t, r), Direct());
+}
+void CServiceSession::ServiceSessionCreated() {
+  InvokeTask(std::bind(&CServiceSession::_ServiceSessionCreated, _1), Direct());
+}
+void CServiceSession::AddDevice(const std::shared_ptr<IEndpointHelper>& e) {
+  InvokeTask(std::bind(&CServiceSession::_AddDevice, _1, e), Direct());
+}
 
 // ---- helpers ----
 
@@ -98,14 +116,16 @@ std::function<void(hxf_transaction_h)> CServiceSession::_GetTransactionTimeoutHa
     std::shared_ptr<CServiceSession> self = weak.lock();
     if (self == nullptr) return;
     // The time-out takes the result path, with no list: first come, first served.
-    self->SendRequestResult(self->service_name_, transaction, ITransactionResult::Create(nullptr, HXF_ERROR_TIMED_OUT));
+    self->SendRequestResult(self->service_name_, transaction,
+                            ITransactionResult::Create(nullptr, HXF_ERROR_TIMED_OUT));
   };
 }
 
 // ---- the work, on the context ----
 
 void CServiceSession::_RequestService(const std::shared_ptr<IPropertyListHelper>& list,
-                                      const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
+                                      const SetServicePropertyResultHandler_t& handler,
+                                      uint32_t timeout,
                                       const std::shared_ptr<ITransaction>& transaction) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
@@ -119,7 +139,8 @@ void CServiceSession::_RequestService(const std::shared_ptr<IPropertyListHelper>
   });
 }
 
-void CServiceSession::_SendRequestResult(const std::string& service_name, hxf_transaction_h transaction,
+void CServiceSession::_SendRequestResult(const std::string& service_name,
+                                         hxf_transaction_h transaction,
                                          const std::shared_ptr<ITransactionResult>& result) {
   HXF_CALLTRACE_OBJ(this);
   try {
@@ -144,13 +165,16 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
     // A notification naming an outstanding request completes it: no result will follow.
     _ReleaseTransaction(transaction)->StopTimer();
   } catch (const CException&) {
-    HXLOG(DLOG_INFO, "[Notify] transaction NOT Found. But Not Error case. keep going with null transaction\n");
+    HXLOG(DLOG_INFO,
+          "[Notify] transaction NOT Found. But Not Error case. keep going with null transaction\n");
   }
-  std::shared_ptr<IPropertyListHelper> list = result != nullptr ? result->GetPropertyList() : nullptr;
+  std::shared_ptr<IPropertyListHelper> list =
+      result != nullptr ? result->GetPropertyList() : nullptr;
   // The session's own service name, not the argument; the transaction exactly as given.
-  notification_handler_(hxf_string_new(service_name_.data(), static_cast<uint32_t>(service_name_.size())),
-                        GetHandle(), list != nullptr ? list->GetHandle() : nullptr, transaction,
-                        result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
+  notification_handler_(
+      hxf_string_new(service_name_.data(), static_cast<uint32_t>(service_name_.size())),
+      GetHandle(), list != nullptr ? list->GetHandle() : nullptr, transaction,
+      result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
 }
 
 void CServiceSession::_ServiceSessionCreated() {
@@ -162,7 +186,8 @@ void CServiceSession::_ServiceSessionCreated() {
 
 void CServiceSession::_AddDevice(const std::shared_ptr<IEndpointHelper>& endpoint) {
   HXF_CALLTRACE_OBJ(this);
-  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { _GetServiceHandler()->AddDevice(GetHandle(), endpoint); });
+  RunLogged(HXF_LOG_SITE, OnException::kSwallow,
+            [&] { _GetServiceHandler()->AddDevice(GetHandle(), endpoint); });
 }
 
 }  // namespace HXFramework::Core

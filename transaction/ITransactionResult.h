@@ -12,8 +12,8 @@ class IPropertyListHelper;
 // request result or a notification; shared freely between threads.
 class ITransactionResult {
  public:
-  static std::shared_ptr<ITransactionResult> Create(const std::shared_ptr<IPropertyListHelper>& property_list,
-                                                    hxf_error_e error);
+  static std::shared_ptr<ITransactionResult> Create(
+      const std::shared_ptr<IPropertyListHelper>& property_list, hxf_error_e error);
 
   virtual ~ITransactionResult() = default;
   virtual hxf_error_e GetErrorCode() const = 0;

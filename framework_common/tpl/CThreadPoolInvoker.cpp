@@ -24,6 +24,8 @@ CThreadPoolInvoker& CThreadPoolInvoker::GetInstance() {
 
 CThreadPoolInvoker::CThreadPoolInvoker() : impl_(new CThreadPoolInvokerImpl(PoolSize())) {}
 
-void CThreadPoolInvoker::Invoke(std::function<void()>&& fn) { impl_->Invoke(std::move(fn)); }
+void CThreadPoolInvoker::Invoke(std::function<void()>&& fn) {
+  impl_->Invoke(std::move(fn));
+}
 
 }  // namespace HXFramework::TPL

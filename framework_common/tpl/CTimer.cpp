@@ -4,15 +4,21 @@
 
 namespace HXFramework::TPL {
 
-ITimer* ITimer::Create(const std::string& name) { return new CTimer(name); }
+ITimer* ITimer::Create(const std::string& name) {
+  return new CTimer(name);
+}
 
-CTimer::~CTimer() { CTimerService::GetInstance().StopAll(&armed_); }
+CTimer::~CTimer() {
+  CTimerService::GetInstance().StopAll(&armed_);
+}
 
 uint32_t CTimer::Start(std::function<void()> handler, uint32_t timeout_ms) {
   if (!handler) throw std::bad_function_call();
   return CTimerService::GetInstance().Start(&armed_, std::move(handler), timeout_ms);
 }
 
-void CTimer::Stop(uint32_t id) { CTimerService::GetInstance().Stop(&armed_, id); }
+void CTimer::Stop(uint32_t id) {
+  CTimerService::GetInstance().Stop(&armed_, id);
+}
 
 }  // namespace HXFramework::TPL

@@ -18,7 +18,7 @@ class CTimer : public ITimer {
   const std::string& GetName() const { return name_; }
 
  private:
-  std::string name_;               // labels the timer only
+  std::string name_;              // labels the timer only
   CTimerService::ShotSet armed_;  // guarded by the service's lock
 };
 

@@ -38,8 +38,7 @@ uint32_t CTimerService::_NextId() {
   return last_id_;
 }
 
-uint32_t CTimerService::Start(ShotSet* owner, std::function<void()> handler,
-                              uint32_t timeout_ms) {
+uint32_t CTimerService::Start(ShotSet* owner, std::function<void()> handler, uint32_t timeout_ms) {
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   bool earliest = false;
   uint32_t id = 0;

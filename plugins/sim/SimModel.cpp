@@ -35,13 +35,21 @@ Device* Model::First(const std::string& service) {
 
 namespace {
 
-Property Bool(const char* name, bool value) { return Property{name, value, std::nullopt, std::nullopt}; }
-Property Int(const char* name, int64_t value, double min, double max) { return Property{name, value, min, max}; }
-Property Real(const char* name, double value, double min, double max) { return Property{name, value, min, max}; }
-Property Text(const char* name, const char* value) { return Property{name, std::string(value), std::nullopt, std::nullopt}; }
+Property Bool(const char* name, bool value) {
+  return Property{name, value, std::nullopt, std::nullopt};
+}
+Property Int(const char* name, int64_t value, double min, double max) {
+  return Property{name, value, min, max};
+}
+Property Real(const char* name, double value, double min, double max) {
+  return Property{name, value, min, max};
+}
+Property Text(const char* name, const char* value) {
+  return Property{name, std::string(value), std::nullopt, std::nullopt};
+}
 
-Device MakeDevice(const char* id, const char* service, const char* name, const char* address, const char* icon,
-                  std::vector<Property> properties) {
+Device MakeDevice(const char* id, const char* service, const char* name, const char* address,
+                  const char* icon, std::vector<Property> properties) {
   Device device;
   device.id = id;
   device.service = service;
@@ -58,19 +66,23 @@ Device MakeDevice(const char* id, const char* service, const char* name, const c
 
 Model DefaultModel() {
   Model model;
-  model.devices.push_back(MakeDevice("lamp-1", "lights", "Desk lamp", "192.168.1.21", "lamp",
-                                     {Bool("power", true), Int("brightness", 70, 0, 100), Text("color", "warm")}));
-  model.devices.push_back(MakeDevice("ceiling-1", "lights", "Ceiling light", "192.168.1.22", "ceiling",
+  model.devices.push_back(
+      MakeDevice("lamp-1", "lights", "Desk lamp", "192.168.1.21", "lamp",
+                 {Bool("power", true), Int("brightness", 70, 0, 100), Text("color", "warm")}));
+  model.devices.push_back(MakeDevice("ceiling-1", "lights", "Ceiling light", "192.168.1.22",
+                                     "ceiling",
                                      {Bool("power", false), Int("brightness", 100, 0, 100)}));
   Device porch = MakeDevice("porch-1", "lights", "Porch light", "192.168.1.23", "porch",
                             {Bool("power", false), Int("brightness", 40, 0, 100)});
   porch.arrive_after_ms = 1500;  // comes online while someone listens...
   porch.depart_after_ms = 4000;  // ...and drops off again
   model.devices.push_back(porch);
-  model.devices.push_back(MakeDevice("speaker-1", "audio", "Living room speaker", "192.168.1.31", "speaker",
-                                     {Bool("power", true), Int("volume", 25, 0, 100), Bool("muted", false)}));
-  Device soundbar = MakeDevice("soundbar-1", "audio", "Soundbar", "192.168.1.32", "soundbar",
-                               {Bool("power", true), Int("volume", 40, 0, 100), Text("input", "hdmi")});
+  model.devices.push_back(
+      MakeDevice("speaker-1", "audio", "Living room speaker", "192.168.1.31", "speaker",
+                 {Bool("power", true), Int("volume", 25, 0, 100), Bool("muted", false)}));
+  Device soundbar =
+      MakeDevice("soundbar-1", "audio", "Soundbar", "192.168.1.32", "soundbar",
+                 {Bool("power", true), Int("volume", 40, 0, 100), Text("input", "hdmi")});
   soundbar.response = Response::kSlow;
   soundbar.response_ms = 1200;
   model.devices.push_back(soundbar);
@@ -78,9 +90,9 @@ Model DefaultModel() {
                              {Bool("power", false), Int("volume", 10, 0, 100)});
   sleepy.response = Response::kNever;  // never answers: requests to it time out
   model.devices.push_back(sleepy);
-  model.devices.push_back(MakeDevice("thermostat-1", "climate", "Hall thermostat", "192.168.1.41", "thermostat",
-                                     {Bool("power", true), Real("target_temperature", 21.5, 5.0, 30.0),
-                                      Text("mode", "heat")}));
+  model.devices.push_back(MakeDevice(
+      "thermostat-1", "climate", "Hall thermostat", "192.168.1.41", "thermostat",
+      {Bool("power", true), Real("target_temperature", 21.5, 5.0, 30.0), Text("mode", "heat")}));
   model.devices.push_back(MakeDevice("fan-1", "climate", "Bedroom fan", "192.168.1.42", "fan",
                                      {Bool("power", false), Int("speed", 2, 0, 5)}));
   return model;
@@ -95,7 +107,8 @@ struct ConfigError {
 };
 
 size_t LineOf(const std::string& text, size_t offset) {
-  return 1 + static_cast<size_t>(std::count(text.begin(), text.begin() + std::min(offset, text.size()), '\n'));
+  return 1 + static_cast<size_t>(
+                 std::count(text.begin(), text.begin() + std::min(offset, text.size()), '\n'));
 }
 
 Value ReadValue(const json& value, const std::string& type, const std::string& where) {
@@ -120,7 +133,8 @@ std::string Text(const json& object, const char* key, const std::string& where, 
 uint32_t Millis(const json& object, const char* key, const std::string& where) {
   if (!object.contains(key)) return 0;
   const json& value = object.at(key);
-  if (!value.is_number_unsigned()) throw ConfigError{where + ": \"" + key + "\" must be a number of milliseconds", ""};
+  if (!value.is_number_unsigned())
+    throw ConfigError{where + ": \"" + key + "\" must be a number of milliseconds", ""};
   return value.get<uint32_t>();
 }
 
@@ -190,13 +204,15 @@ std::optional<Model> LoadModel(const std::string& path, std::string* error) {
     document = json::parse(text);
   } catch (const json::parse_error& e) {
     // e.byte is the offset where parsing stopped.
-    *error = path + ":" + std::to_string(LineOf(text, e.byte == 0 ? 0 : e.byte - 1)) + ": " + e.what();
+    *error =
+        path + ":" + std::to_string(LineOf(text, e.byte == 0 ? 0 : e.byte - 1)) + ": " + e.what();
     return std::nullopt;
   }
   try {
     if (!document.is_object()) throw ConfigError{"the file must hold a JSON object", ""};
     Model model;
-    if (document.contains("search_latency_ms")) model.search_latency_ms = Millis(document, "search_latency_ms", "top");
+    if (document.contains("search_latency_ms"))
+      model.search_latency_ms = Millis(document, "search_latency_ms", "top");
     if (!document.contains("devices") || !document.at("devices").is_array()) {
       throw ConfigError{"\"devices\" must be an array of devices", "\"devices\""};
     }
@@ -206,8 +222,9 @@ std::optional<Model> LoadModel(const std::string& path, std::string* error) {
     return model;
   } catch (const ConfigError& e) {
     const size_t at = e.needle.empty() ? std::string::npos : text.find(e.needle);
-    *error = path + ":" + (at == std::string::npos ? std::string("1") : std::to_string(LineOf(text, at))) + ": " +
-             e.problem;
+    *error = path + ":" +
+             (at == std::string::npos ? std::string("1") : std::to_string(LineOf(text, at))) +
+             ": " + e.problem;
     return std::nullopt;
   }
 }
@@ -230,22 +247,26 @@ std::string ToText(const Value& value) {
 }
 
 std::string Validate(const Property& property, const Value& value) {
-  const bool numeric_target = std::holds_alternative<int64_t>(property.value) || std::holds_alternative<double>(property.value);
+  const bool numeric_target = std::holds_alternative<int64_t>(property.value) ||
+                              std::holds_alternative<double>(property.value);
   double number = 0;
   if (property.value.index() == value.index()) {
-    if (std::holds_alternative<int64_t>(value)) number = static_cast<double>(std::get<int64_t>(value));
+    if (std::holds_alternative<int64_t>(value))
+      number = static_cast<double>(std::get<int64_t>(value));
     if (std::holds_alternative<double>(value)) number = std::get<double>(value);
-  } else if (std::holds_alternative<double>(property.value) && std::holds_alternative<int64_t>(value)) {
+  } else if (std::holds_alternative<double>(property.value) &&
+             std::holds_alternative<int64_t>(value)) {
     number = static_cast<double>(std::get<int64_t>(value));
   } else {
     static const char* const kNames[] = {"bool", "int", "double", "string"};
-    return property.name + " takes a " + kNames[property.value.index()] + ", not a " + kNames[value.index()];
+    return property.name + " takes a " + kNames[property.value.index()] + ", not a " +
+           kNames[value.index()];
   }
   if (numeric_target) {
     if ((property.min && number < *property.min) || (property.max && number > *property.max)) {
       std::ostringstream out;
-      out << property.name << " " << ToText(value) << " is out of range " << property.min.value_or(number) << ".."
-          << property.max.value_or(number);
+      out << property.name << " " << ToText(value) << " is out of range "
+          << property.min.value_or(number) << ".." << property.max.value_or(number);
       return out.str();
     }
   }

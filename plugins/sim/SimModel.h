@@ -30,9 +30,9 @@ struct Device {
   std::string ui_meta;  // JSON text
   std::vector<Property> properties;
   Response response = Response::kNormal;
-  uint32_t response_ms = 0;       // delay of a slow device's answers
-  uint32_t arrive_after_ms = 0;   // 0: present from the start; else appears while listening
-  uint32_t depart_after_ms = 0;   // 0: never leaves; else leaves while listening
+  uint32_t response_ms = 0;      // delay of a slow device's answers
+  uint32_t arrive_after_ms = 0;  // 0: present from the start; else appears while listening
+  uint32_t depart_after_ms = 0;  // 0: never leaves; else leaves while listening
 };
 
 struct Model {

@@ -13,9 +13,15 @@ namespace {
 constexpr const char* kTag = "HXF_SIM";
 constexpr auto kDestroyWait = std::chrono::seconds(10);
 
-hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
-std::string Copy(hxf_string text) { return text.str != nullptr ? std::string(text.str, text.len) : std::string(); }
-Plugin* Self(void* user_data) { return static_cast<Plugin*>(user_data); }
+hxf_string View(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
+std::string Copy(hxf_string text) {
+  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
+}
+Plugin* Self(void* user_data) {
+  return static_cast<Plugin*>(user_data);
+}
 
 hxf_property_h MakeProperty(const std::string& name, const Value& value) {
   return std::visit(
@@ -24,7 +30,8 @@ hxf_property_h MakeProperty(const std::string& name, const Value& value) {
         if constexpr (std::is_same_v<T, bool>) return hxf_property_create_bool(View(name), v);
         if constexpr (std::is_same_v<T, int64_t>) return hxf_property_create_int(View(name), v);
         if constexpr (std::is_same_v<T, double>) return hxf_property_create_double(View(name), v);
-        if constexpr (std::is_same_v<T, std::string>) return hxf_property_create_string(View(name), View(v));
+        if constexpr (std::is_same_v<T, std::string>)
+          return hxf_property_create_string(View(name), View(v));
       },
       value);
 }
@@ -116,11 +123,13 @@ void Plugin::Setup() {
     hxf_core_service_handler_set_listen_callback(handler, &Plugin::OnListen, this);
     hxf_core_service_handler_set_listen_stop_callback(handler, &Plugin::OnListenStop, this);
     hxf_core_service_handler_set_add_device_callback(handler, &Plugin::OnAddDevice, this);
-    hxf_core_service_handler_set_service_session_created_callback(handler, &Plugin::OnSessionCreated, this);
+    hxf_core_service_handler_set_service_session_created_callback(handler,
+                                                                  &Plugin::OnSessionCreated, this);
     hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
     hxf_core_service_handler_subscribe_service(handler, View(name));
   }
-  dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(), services_.size());
+  dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(),
+             services_.size());
   hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
 }
 
@@ -128,7 +137,8 @@ void Plugin::Stop() {
   worker_.Stop();  // from here on no plugin task runs, and callbacks post into the void
   int handlers = 0;
   for (auto& [name, service] : services_) {
-    if (hxf_core_service_handler_destroy_async(service.handler, &Plugin::OnDestroyed, this) == HXF_ERROR_NONE) {
+    if (hxf_core_service_handler_destroy_async(service.handler, &Plugin::OnDestroyed, this) ==
+        HXF_ERROR_NONE) {
       ++handlers;
     }
   }
@@ -158,7 +168,9 @@ void Plugin::Report(const std::string& service, const Device& device, const char
   hxf_endpoint_set_address(endpoint, View(device.address));
   // The core delivers every report as "found"; a departure travels in the UI meta data.
   std::string meta = device.ui_meta;
-  if (presence != nullptr) meta = std::string("{\"presence\":\"") + presence + "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
+  if (presence != nullptr)
+    meta = std::string("{\"presence\":\"") + presence +
+           "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
   hxf_endpoint_set_ui_meta(endpoint, View(meta));
   hxf_core_service_handler_report_device_found(services_[service].handler, endpoint);
   hxf_endpoint_destroy(endpoint);
@@ -195,7 +207,8 @@ void Plugin::DeviceList(const std::string& service) {
     hxf_endpoint_destroy(endpoint);
   }
   // An empty list cannot be reported: the consumer then sees its request time out.
-  if (!hxf_endpoint_list_empty(list)) hxf_core_service_handler_report_device_list(services_[service].handler, list);
+  if (!hxf_endpoint_list_empty(list))
+    hxf_core_service_handler_report_device_list(services_[service].handler, list);
   hxf_endpoint_list_destroy(list);
 }
 
@@ -209,11 +222,13 @@ void Plugin::Listen(const std::string& service) {
     if (device.service != service) continue;
     const std::string id = device.id;
     const bool arrives_later = device.arrive_after_ms != 0;
-    const uint32_t arrive = arrives_later ? device.arrive_after_ms : (delay += model_.search_latency_ms);
+    const uint32_t arrive =
+        arrives_later ? device.arrive_after_ms : (delay += model_.search_latency_ms);
     worker_.Post(
         [this, service, id, still_listening, arrives_later] {
           if (!still_listening()) return;
-          if (const Device* found = model_.Find(service, id)) Report(service, *found, arrives_later ? "arrived" : nullptr);
+          if (const Device* found = model_.Find(service, id))
+            Report(service, *found, arrives_later ? "arrived" : nullptr);
         },
         arrive);
     if (device.depart_after_ms != 0) {
@@ -229,37 +244,44 @@ void Plugin::Listen(const std::string& service) {
 
 void Plugin::AddDevice(Device device) {
   if (model_.Find(device.service, device.id) != nullptr) return;
-  dlog_print(DLOG_INFO, kTag, "sim: device %s added to %s\n", device.id.c_str(), device.service.c_str());
+  dlog_print(DLOG_INFO, kTag, "sim: device %s added to %s\n", device.id.c_str(),
+             device.service.c_str());
   model_.devices.push_back(std::move(device));
 }
 
 // ---- requests ----
 
-void Plugin::Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
-                    hxf_error_e error) {
-  hxf_core_service_handler_send_request_result(services_[service].handler, View(service), result, transaction, error);
+void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
+                    hxf_property_list_h result, hxf_error_e error) {
+  hxf_core_service_handler_send_request_result(services_[service].handler, View(service), result,
+                                               transaction, error);
   hxf_property_list_destroy(result);
 }
 
-void Plugin::Request(const std::string& service, hxf_transaction_h transaction, const List& request_copy) {
+void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
+                     const List& request_copy) {
   hxf_property_list_h request = request_copy.get();
   const std::string operation = hxf_property_list_get_name(request);
   std::string device_id;
   Value id_value;
   if (hxf_property_h id = hxf_property_list_find(request, hxf_string_from_cstr("device_id"))) {
-    if (ReadProperty(id, &id_value) && std::holds_alternative<std::string>(id_value)) device_id = std::get<std::string>(id_value);
+    if (ReadProperty(id, &id_value) && std::holds_alternative<std::string>(id_value))
+      device_id = std::get<std::string>(id_value);
   }
   Device* device = device_id.empty() ? model_.First(service) : model_.Find(service, device_id);
   if (device == nullptr) {
-    Answer(service, transaction, ErrorList(operation, "unknown device " + device_id), HXF_ERROR_INVALID_PARAMETER);
+    Answer(service, transaction, ErrorList(operation, "unknown device " + device_id),
+           HXF_ERROR_INVALID_PARAMETER);
     return;
   }
-  if (device->response == Response::kNever) return;  // an unresponsive device: the request times out
+  if (device->response == Response::kNever)
+    return;  // an unresponsive device: the request times out
   const std::string id = device->id;
   auto respond = [this, service, transaction, request_copy, request, operation, id] {
     Device* target = model_.Find(service, id);
     if (target == nullptr) {
-      Answer(service, transaction, ErrorList(operation, "device " + id + " is gone"), HXF_ERROR_OPERATION_FAILED);
+      Answer(service, transaction, ErrorList(operation, "device " + id + " is gone"),
+             HXF_ERROR_OPERATION_FAILED);
     } else if (operation == "get") {
       Answer(service, transaction, DeviceState("get", *target), HXF_ERROR_NONE);
     } else if (operation == "set") {
@@ -282,7 +304,8 @@ void Plugin::Request(const std::string& service, hxf_transaction_h transaction, 
         } else {
           problem = Validate(*property, value);
           if (problem.empty()) {
-            if (std::holds_alternative<double>(property->value) && std::holds_alternative<int64_t>(value)) {
+            if (std::holds_alternative<double>(property->value) &&
+                std::holds_alternative<int64_t>(value)) {
               value = static_cast<double>(std::get<int64_t>(value));
             }
             changes.emplace_back(property, value);
@@ -296,11 +319,13 @@ void Plugin::Request(const std::string& service, hxf_transaction_h transaction, 
         Answer(service, transaction, DeviceState("set", *target), HXF_ERROR_NONE);
         // Everyone subscribed hears the new state; no transaction: the request is answered.
         hxf_property_list_h state = DeviceState("state", *target);
-        hxf_core_service_handler_notify(services_[service].handler, View(service), state, nullptr, HXF_ERROR_NONE);
+        hxf_core_service_handler_notify(services_[service].handler, View(service), state, nullptr,
+                                        HXF_ERROR_NONE);
         hxf_property_list_destroy(state);
       }
     } else {
-      Answer(service, transaction, ErrorList(operation, "unknown operation " + operation + " (get or set)"),
+      Answer(service, transaction,
+             ErrorList(operation, "unknown operation " + operation + " (get or set)"),
              HXF_ERROR_INVALID_PARAMETER);
     }
   };
@@ -314,11 +339,14 @@ void Plugin::Request(const std::string& service, hxf_transaction_h transaction, 
 // ---- callbacks (core threads): copy, post, return ----
 
 void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
+  Self(self)->worker_.Post(
+      [plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
 }
 
 void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { ++plugin->services_[service].search_generation; });
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] {
+    ++plugin->services_[service].search_generation;
+  });
 }
 
 void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
@@ -327,11 +355,14 @@ void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
 }
 
 void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
+  Self(self)->worker_.Post(
+      [plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
 }
 
 void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] { ++plugin->services_[service].listen_generation; });
+  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] {
+    ++plugin->services_[service].listen_generation;
+  });
 }
 
 void Plugin::OnAddDevice(hxf_service_handler_h, hxf_endpoint_h endpoint, void* self) {
@@ -346,8 +377,8 @@ void Plugin::OnAddDevice(hxf_service_handler_h, hxf_endpoint_h endpoint, void* s
   Self(self)->worker_.Post([plugin = Self(self), device] { plugin->AddDevice(device); });
 }
 
-void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h properties,
-                       void* self) {
+void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
+                       hxf_property_list_h properties, void* self) {
   Plugin* plugin = Self(self);
   // The list is borrowed for this call only: keep a copy for the worker.
   List request(hxf_property_list_copy(properties), &hxf_property_list_destroy);

@@ -40,7 +40,8 @@ class Plugin {
   void Request(const std::string& service, hxf_transaction_h transaction, const List& request);
   void AddDevice(Device device);
   void Report(const std::string& service, const Device& device, const char* presence);
-  void Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result, hxf_error_e error);
+  void Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
+              hxf_error_e error);
 
   // The core's callbacks: each copies what it needs and posts to the worker.
   static void OnSearch(hxf_service_handler_h, hxf_string name, void* self);
@@ -49,14 +50,15 @@ class Plugin {
   static void OnListen(hxf_service_handler_h, hxf_string name, void* self);
   static void OnListenStop(hxf_service_handler_h, hxf_string name, void* self);
   static void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h endpoint, void* self);
-  static void OnRequest(hxf_service_handler_h, hxf_transaction_h transaction, hxf_property_list_h properties,
-                        void* self);
+  static void OnRequest(hxf_service_handler_h, hxf_transaction_h transaction,
+                        hxf_property_list_h properties, void* self);
   static void OnSessionCreated(hxf_service_handler_h, hxf_service_session_h, void*) {}
   static void OnDestroyed(hxf_service_handler_h, void* self);
 
   Worker worker_;
-  Model model_;                               // worker only
-  std::map<std::string, Service> services_;   // worker only (handlers are read by Stop after the join)
+  Model model_;  // worker only
+  std::map<std::string, Service>
+      services_;  // worker only (handlers are read by Stop after the join)
 
   std::mutex destroyed_mutex_;
   std::condition_variable destroyed_cv_;

@@ -22,7 +22,8 @@ void Worker::Stop() {
 void Worker::Post(Task task, uint32_t delay_ms) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (stopping_) return;
-  tasks_.emplace(std::make_pair(Clock::now() + std::chrono::milliseconds(delay_ms), sequence_++), std::move(task));
+  tasks_.emplace(std::make_pair(Clock::now() + std::chrono::milliseconds(delay_ms), sequence_++),
+                 std::move(task));
   wake_.notify_all();
 }
 

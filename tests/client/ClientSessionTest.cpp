@@ -34,17 +34,19 @@ TEST(Client, AResultWithoutResultObjectReachesTheHandlerWithError2) {
   EventLog seen;
   auto transaction = ITransaction::Create();
   transaction->SetHandler(
-      [&](hxf_client_h c, hxf_service_session_h s, hxf_property_list_h l, hxf_transaction_h t, hxf_error_e e) {
-        seen.Add(FakeSession::Pointer(c) + " " + FakeSession::Pointer(s) + " " + FakeSession::Pointer(l) + " " +
-                 FakeSession::Pointer(t) + " " + std::to_string(e));
+      [&](hxf_client_h c, hxf_service_session_h s, hxf_property_list_h l, hxf_transaction_h t,
+          hxf_error_e e) {
+        seen.Add(FakeSession::Pointer(c) + " " + FakeSession::Pointer(s) + " " +
+                 FakeSession::Pointer(l) + " " + FakeSession::Pointer(t) + " " + std::to_string(e));
       },
       nullptr);
   auto session = std::make_shared<FakeSession>();
   client->SendRequestResult(session, "lights", transaction, nullptr);  // direct: done on return
-  EXPECT_EQ(seen.Get(), std::vector<std::string>{FakeSession::Pointer(client->GetHandle()) + " " +
-                                                 FakeSession::Pointer(session.get()) + " " +
-                                                 FakeSession::Pointer(nullptr) + " " +
-                                                 FakeSession::Pointer(transaction->GetHandle()) + " 2"});
+  EXPECT_EQ(seen.Get(),
+            std::vector<std::string>{FakeSession::Pointer(client->GetHandle()) + " " +
+                                     FakeSession::Pointer(session.get()) + " " +
+                                     FakeSession::Pointer(nullptr) + " " +
+                                     FakeSession::Pointer(transaction->GetHandle()) + " 2"});
   client->Termi();
 }
 
@@ -57,7 +59,8 @@ TEST(Client, DestructionLogsNameAndAddress) {
     client->Init();
     client->Termi();
   }
-  EXPECT_TRUE(capture.Contains(")  client destroyed: short-lived[" + FakeSession::Pointer(address) + "]\n"));
+  EXPECT_TRUE(capture.Contains(")  client destroyed: short-lived[" + FakeSession::Pointer(address) +
+                               "]\n"));
 }
 
 namespace {
@@ -71,11 +74,12 @@ struct Wired {
   EventLog notifications;
   Wired() {
     handler->Init();
-    handler->SetRequestServiceCallback([this](void*, void* t, void*) { requests.Add(FakeSession::Pointer(t)); });
+    handler->SetRequestServiceCallback(
+        [this](void*, void* t, void*) { requests.Add(FakeSession::Pointer(t)); });
     session->Initiate(client, "lights", handler,
                       [this](hxf_string name, void*, void*, void* t, hxf_error_e e) {
-                        notifications.Add(std::string(name.str, name.len) + " " + FakeSession::Pointer(t) + " " +
-                                          std::to_string(e));
+                        notifications.Add(std::string(name.str, name.len) + " " +
+                                          FakeSession::Pointer(t) + " " + std::to_string(e));
                       });
   }
   ~Wired() {
@@ -99,7 +103,8 @@ TEST(ServiceSession, ReusingAnOutstandingTransactionFailsAndIsLogged) {
   wired.session->RequestService(List("get"), nullptr, 10000, transaction);
   LogCapture capture;
   wired.session->RequestService(List("get"), nullptr, 10000, transaction);
-  EXPECT_TRUE(capture.Contains("Exception !! - unable to insert transacio to map!(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(capture.Contains(
+      "Exception !! - unable to insert transacio to map!(error:2)(error_code:2)\n"));
   EXPECT_TRUE(wired.requests.WaitCount(FakeSession::Pointer(transaction->GetHandle()), 1));
 }
 
@@ -107,7 +112,8 @@ TEST(ServiceSession, AResultForAnUnknownTransactionIsDroppedAsNotAnError) {
   Wired wired;
   LogCapture capture;
   int unknown = 0;
-  wired.session->SendRequestResult("lights", &unknown, ITransactionResult::Create(nullptr, HXF_ERROR_NONE));
+  wired.session->SendRequestResult("lights", &unknown,
+                                   ITransactionResult::Create(nullptr, HXF_ERROR_NONE));
   auto line = capture.Find("[RequestResult] transaction NOT Found. But Not Error case.");
   EXPECT_EQ(line.priority, DLOG_INFO);
   EXPECT_FALSE(capture.Contains("Exception !!"));
@@ -117,8 +123,10 @@ TEST(ServiceSession, ANotificationUsesTheSessionsOwnServiceNameAndTheGivenTransa
   Wired wired;
   LogCapture capture;
   int unknown = 0;
-  wired.session->Notify("another-name", &unknown, ITransactionResult::Create(nullptr, HXF_ERROR_INVALID_PARAMETER));
-  EXPECT_EQ(wired.notifications.Get(), std::vector<std::string>{"lights " + FakeSession::Pointer(&unknown) + " 4"});
+  wired.session->Notify("another-name", &unknown,
+                        ITransactionResult::Create(nullptr, HXF_ERROR_INVALID_PARAMETER));
+  EXPECT_EQ(wired.notifications.Get(),
+            std::vector<std::string>{"lights " + FakeSession::Pointer(&unknown) + " 4"});
   EXPECT_TRUE(capture.Contains(
       ")  [Notify] transaction NOT Found. But Not Error case. keep going with null transaction\n"));
 }
@@ -127,10 +135,15 @@ TEST(ServiceSession, ANotificationNamingAnOutstandingRequestStopsItsTimer) {
   Wired wired;
   auto transaction = ITransaction::Create();
   EventLog results;
-  wired.session->RequestService(List("get"), [&](void*, void*, void*, void*, hxf_error_e e) { results.Add(std::to_string(e)); },
-                                30, transaction);
-  wired.session->Notify("lights", transaction->GetHandle(), ITransactionResult::Create(nullptr, HXF_ERROR_NONE));
-  EXPECT_EQ(wired.notifications.Count("lights " + FakeSession::Pointer(transaction->GetHandle()) + " 0"), 1);
+  wired.session->RequestService(
+      List("get"),
+      [&](void*, void*, void*, void*, hxf_error_e e) { results.Add(std::to_string(e)); }, 30,
+      transaction);
+  wired.session->Notify("lights", transaction->GetHandle(),
+                        ITransactionResult::Create(nullptr, HXF_ERROR_NONE));
+  EXPECT_EQ(
+      wired.notifications.Count("lights " + FakeSession::Pointer(transaction->GetHandle()) + " 0"),
+      1);
   // The client double records nothing either way: the time-out would go through it.
   std::weak_ptr<ITransaction> watch = transaction;
   transaction.reset();

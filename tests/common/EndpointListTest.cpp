@@ -7,7 +7,9 @@
 
 namespace {
 
-hxf_string S(const char* text) { return hxf_string_from_cstr(text); }
+hxf_string S(const char* text) {
+  return hxf_string_from_cstr(text);
+}
 
 hxf_endpoint_h Device(const char* id) {
   hxf_endpoint_h e = hxf_endpoint_create(S("lights"));
@@ -113,8 +115,10 @@ TEST(EndpointList, NullArgumentsGiveErrorsNotCrashes) {
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   EXPECT_EQ(hxf_endpoint_list_copy(nullptr), nullptr);
   hxf_endpoint_list_destroy(nullptr);
-  EXPECT_EQ(hxf_endpoint_list_push_endpoint(nullptr, e, HXF_ERROR_NONE), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(hxf_endpoint_list_push_endpoint(list, nullptr, HXF_ERROR_NONE), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_endpoint_list_push_endpoint(nullptr, e, HXF_ERROR_NONE),
+            HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_endpoint_list_push_endpoint(list, nullptr, HXF_ERROR_NONE),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(hxf_endpoint_list_pop(nullptr, &popped, nullptr), HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(hxf_endpoint_list_pop(list, nullptr, nullptr), HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(hxf_endpoint_list_find(nullptr, S("a")), nullptr);

@@ -7,7 +7,9 @@
 
 namespace {
 
-hxf_string S(const char* text) { return hxf_string_from_cstr(text); }
+hxf_string S(const char* text) {
+  return hxf_string_from_cstr(text);
+}
 
 hxf_property_list_h MakeList(const char* name, std::initializer_list<const char*> props) {
   hxf_property_list_h list = hxf_property_list_create(S(name));
@@ -93,9 +95,12 @@ TEST(PropertyList, NullArgumentsGiveErrorsNotCrashes) {
   hxf_property_list_destroy(nullptr);
   EXPECT_EQ(hxf_property_list_get_name(nullptr), nullptr);
   EXPECT_EQ(hxf_property_list_set_name(nullptr, S("a")), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(hxf_property_list_set_name(list, hxf_string_new(nullptr, 1)), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(hxf_property_list_push_property(nullptr, p, HXF_ERROR_NONE), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(hxf_property_list_push_property(list, nullptr, HXF_ERROR_NONE), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_property_list_set_name(list, hxf_string_new(nullptr, 1)),
+            HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_property_list_push_property(nullptr, p, HXF_ERROR_NONE),
+            HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_property_list_push_property(list, nullptr, HXF_ERROR_NONE),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(hxf_property_list_pop(nullptr, &popped, nullptr), HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(hxf_property_list_find(nullptr, S("x")), nullptr);
   EXPECT_EQ(hxf_property_list_get_first(nullptr), nullptr);

@@ -5,7 +5,9 @@
 #include "hxf_common.h"
 
 namespace {
-hxf_string S(const char* text) { return hxf_string_from_cstr(text); }
+hxf_string S(const char* text) {
+  return hxf_string_from_cstr(text);
+}
 }  // namespace
 
 TEST(Property, EachTypeKeepsNameTypeAndValue) {

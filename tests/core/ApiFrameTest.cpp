@@ -43,9 +43,8 @@ TEST(CException, MessageCarriesCodeSuffixAndCodeIsReadable) {
 
 TEST_F(ApiFrameTest, CExceptionBecomesItsCodeAndIsLoggedWithBothSuffixes) {
   LogCapture capture;
-  hxf_error_e result = ApiFrame(kSite, [] {
-    throw CException("service_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
-  });
+  hxf_error_e result = ApiFrame(
+      kSite, [] { throw CException("service_name is empty!!", HXF_ERROR_INVALID_PARAMETER); });
   EXPECT_EQ(result, HXF_ERROR_INVALID_PARAMETER);
   auto line = capture.Find("Exception !!");
   EXPECT_EQ(line.text,
@@ -54,14 +53,16 @@ TEST_F(ApiFrameTest, CExceptionBecomesItsCodeAndIsLoggedWithBothSuffixes) {
   EXPECT_EQ(line.priority, DLOG_ERROR);
   bool traced = false;
   for (const auto& trace : capture.Traces()) {
-    traced |= trace.text == "[HXFW] Exception !! - service_name is empty!!(error:4)(error_code:4)\n";
+    traced |=
+        trace.text == "[HXFW] Exception !! - service_name is empty!!(error:4)(error_code:4)\n";
   }
   EXPECT_TRUE(traced);
 }
 
 TEST_F(ApiFrameTest, StandardExceptionBecomesOperationFailed) {
   LogCapture capture;
-  hxf_error_e result = ApiFrame(kSite, [] { throw std::invalid_argument("failed to create list"); });
+  hxf_error_e result =
+      ApiFrame(kSite, [] { throw std::invalid_argument("failed to create list"); });
   EXPECT_EQ(result, HXF_ERROR_OPERATION_FAILED);
   EXPECT_EQ(capture.Find("Exception !!").text,
             "hxf_core_export : hxf_core_client_create(99)  Exception !! - failed to create list\n");

@@ -39,11 +39,10 @@ TEST_F(Lifecycle, InitializeReadsNameAndVersionAndLogsEachStep) {
   EXPECT_EQ(hxf_core_initialize(), HXF_ERROR_NONE);
   EXPECT_EQ(HXFramework::Core::g_caller_name, HXF_HOST_DEFAULT_APP_NAME);
   EXPECT_EQ(HXFramework::Core::g_app_version, HXF_HOST_DEFAULT_APP_VERSION);
-  EXPECT_EQ(Messages(capture), (std::vector<std::string>{
-                                   "hxf_core_initialize Entered\n",
-                                   "app name : " HXF_HOST_DEFAULT_APP_NAME "\n",
-                                   "app_version : " HXF_HOST_DEFAULT_APP_VERSION "\n",
-                                   "hxf_core_initialize Left\n"}));
+  EXPECT_EQ(Messages(capture),
+            (std::vector<std::string>{
+                "hxf_core_initialize Entered\n", "app name : " HXF_HOST_DEFAULT_APP_NAME "\n",
+                "app_version : " HXF_HOST_DEFAULT_APP_VERSION "\n", "hxf_core_initialize Left\n"}));
   EXPECT_TRUE(capture.Contains("hxf_core_export : hxf_core_initialize("));
   bool traced_entry = false;
   for (const auto& trace : capture.Traces()) {
@@ -117,8 +116,8 @@ TEST_F(Lifecycle, NullVersionIsLoggedAndKeepsInvalidVersion) {
 TEST_F(Lifecycle, FinalizeWithoutInitializeReturnsNone) {
   LogCapture capture;
   EXPECT_EQ(hxf_core_finalize(), HXF_ERROR_NONE);
-  EXPECT_EQ(Messages(capture), (std::vector<std::string>{"hxf_core_finalize Entered\n",
-                                                         "hxf_core_finalize Left\n"}));
+  EXPECT_EQ(Messages(capture),
+            (std::vector<std::string>{"hxf_core_finalize Entered\n", "hxf_core_finalize Left\n"}));
   EXPECT_TRUE(capture.Contains("client map size: 0\n"));
   EXPECT_TRUE(capture.Contains("service_map_size: 0, service_handler_map_ size: 0\n"));
 }

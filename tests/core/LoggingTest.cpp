@@ -13,8 +13,11 @@ using HXFramework::Test::LogCapture;
 
 namespace {
 
-constexpr int kNamedFunctionLogLine = __LINE__ + 1;
-void LogFromNamedFunction(int value) { HXLOG(DLOG_ERROR, "value is %d\n", value); }
+int g_named_function_log_line = 0;
+void LogFromNamedFunction(int value) {
+  g_named_function_log_line = __LINE__ + 1;
+  HXLOG(DLOG_ERROR, "value is %d\n", value);
+}
 
 void LeaveThroughException() {
   HXF_CALLTRACE();
@@ -39,8 +42,8 @@ TEST(Logging, MacroWritesPlatformLineWithFileFunctionLineAndTwoBlanks) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].priority, DLOG_ERROR);
   EXPECT_EQ(lines[0].tag, "HXF_FW");
-  EXPECT_EQ(lines[0].text,
-            "LoggingTest : LogFromNamedFunction(" + std::to_string(kNamedFunctionLogLine) + ")  value is 7\n");
+  EXPECT_EQ(lines[0].text, "LoggingTest : LogFromNamedFunction(" +
+                               std::to_string(g_named_function_log_line) + ")  value is 7\n");
 }
 
 TEST(Logging, MacroWritesPrefixedLineToTraceFacilityForItsLocation) {
@@ -111,8 +114,8 @@ TEST(Logging, ObjectCallTraceKeepsItsAsymmetricSpacing) {
   { HXFramework::Core::HXCALLTRACE_OBJ trace(DLOG_INFO, "CPluginMgr", "LoadPlugin", 40, &object); }
   char expected_entry[128];
   char expected_exit[128];
-  std::snprintf(expected_entry, sizeof expected_entry, "CPluginMgr :[%p]  LoadPlugin(40) > Entered\n",
-                static_cast<void*>(&object));
+  std::snprintf(expected_entry, sizeof expected_entry,
+                "CPluginMgr :[%p]  LoadPlugin(40) > Entered\n", static_cast<void*>(&object));
   std::snprintf(expected_exit, sizeof expected_exit, "CPluginMgr :[%p] LoadPlugin(40) > Left\n",
                 static_cast<void*>(&object));
   auto lines = capture.Lines();
@@ -127,8 +130,8 @@ TEST(Logging, ContextCallTraceUsesContextTagDebugAndNoBlankBeforeExitArrow) {
   { HXFramework::Core::TPLCALLTRACE trace(DLOG_DEBUG, "TPLContext", "_ProcessJob", 9, &object); }
   char expected_entry[128];
   char expected_exit[128];
-  std::snprintf(expected_entry, sizeof expected_entry, "TPLContext : _ProcessJob(9) [%p] > Entered\n",
-                static_cast<void*>(&object));
+  std::snprintf(expected_entry, sizeof expected_entry,
+                "TPLContext : _ProcessJob(9) [%p] > Entered\n", static_cast<void*>(&object));
   std::snprintf(expected_exit, sizeof expected_exit, "TPLContext : _ProcessJob(9) [%p]> Left\n",
                 static_cast<void*>(&object));
   auto lines = capture.Lines();

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <map>
 #include <memory>
-#include <cstdio>
 #include <mutex>
 #include <random>
 #include <string>
@@ -23,8 +23,12 @@ using HXFramework::Test::LogCapture;
 
 namespace {
 
-hxf_string Str(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
-std::string S(hxf_string s) { return std::string(s.str, s.len); }
+hxf_string Str(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
+std::string S(hxf_string s) {
+  return std::string(s.str, s.len);
+}
 std::string P(const void* p) {
   char text[32];
   std::snprintf(text, sizeof text, "%p", p);
@@ -47,11 +51,12 @@ struct Consumer {
     Consumer* self = Of(ud);
     if (endpoint != nullptr) {
       std::lock_guard<std::mutex> lock(self->mutex);
-      self->endpoint_fields = std::string(hxf_endpoint_get_service_name(endpoint)) + "|" +
-                              hxf_endpoint_get_device_id(endpoint) + "|" + hxf_endpoint_get_device_name(endpoint) +
-                              "|" + hxf_endpoint_get_interface_name(endpoint) + "|" +
-                              hxf_endpoint_get_interface_type(endpoint) + "|" + hxf_endpoint_get_address(endpoint) +
-                              "|" + hxf_endpoint_get_ui_meta(endpoint);
+      self->endpoint_fields =
+          std::string(hxf_endpoint_get_service_name(endpoint)) + "|" +
+          hxf_endpoint_get_device_id(endpoint) + "|" + hxf_endpoint_get_device_name(endpoint) +
+          "|" + hxf_endpoint_get_interface_name(endpoint) + "|" +
+          hxf_endpoint_get_interface_type(endpoint) + "|" + hxf_endpoint_get_address(endpoint) +
+          "|" + hxf_endpoint_get_ui_meta(endpoint);
     }
     self->events.Add("found " + S(service) + " " + std::to_string(result) + " " +
                      (endpoint != nullptr ? hxf_endpoint_get_device_id(endpoint) : "null"));
@@ -71,14 +76,18 @@ struct Consumer {
       self->result_thread = std::this_thread::get_id();
     }
     self->events.Add("result " + std::to_string(error) + " " +
-                     (list != nullptr ? hxf_property_list_get_name(list) : "null") + " " + P(transaction));
+                     (list != nullptr ? hxf_property_list_get_name(list) : "null") + " " +
+                     P(transaction));
   }
   static void OnNotify(hxf_string service, hxf_service_session_h, hxf_property_list_h list,
                        hxf_transaction_h transaction, hxf_error_e error, void* ud) {
-    Of(ud)->events.Add("notify " + S(service) + " " + (list != nullptr ? hxf_property_list_get_name(list) : "null") +
-                       " " + P(transaction) + " " + std::to_string(error));
+    Of(ud)->events.Add("notify " + S(service) + " " +
+                       (list != nullptr ? hxf_property_list_get_name(list) : "null") + " " +
+                       P(transaction) + " " + std::to_string(error));
   }
-  static void OnDestroyed(hxf_client_h client, void* ud) { Of(ud)->events.Add("destroyed " + P(client)); }
+  static void OnDestroyed(hxf_client_h client, void* ud) {
+    Of(ud)->events.Add("destroyed " + P(client));
+  }
   static void OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* ud) {
     Of(ud)->events.Add("loaded " + S(name) + " " + std::to_string(result));
   }
@@ -92,12 +101,15 @@ struct PluginHooks {
   int (*requests)() = nullptr;
   hxf_error_e (*notify)(hxf_transaction_h) = nullptr;
   bool Open() {
-    lib = dlopen((std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-e2e.so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+    lib = dlopen((std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-e2e.so").c_str(),
+                 RTLD_NOW | RTLD_NOLOAD);
     if (lib == nullptr) return false;
     answer_pending = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_test_e2e_answer_pending"));
-    last_transaction = reinterpret_cast<hxf_transaction_h (*)()>(dlsym(lib, "hxf_test_e2e_last_transaction"));
+    last_transaction =
+        reinterpret_cast<hxf_transaction_h (*)()>(dlsym(lib, "hxf_test_e2e_last_transaction"));
     requests = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_test_e2e_requests"));
-    notify = reinterpret_cast<hxf_error_e (*)(hxf_transaction_h)>(dlsym(lib, "hxf_test_e2e_notify"));
+    notify =
+        reinterpret_cast<hxf_error_e (*)(hxf_transaction_h)>(dlsym(lib, "hxf_test_e2e_notify"));
     return answer_pending && last_transaction && requests && notify;
   }
   // The plugin handles requests on pool threads: wait (bounded) until it has seen `n`.
@@ -133,15 +145,16 @@ class EndToEnd : public ::testing::Test {
   }
 
   hxf_service_session_h Subscribe(const std::string& service = "lights") {
-    return hxf_core_client_subscribe_service(client_, Str(service), &Consumer::OnNotify, &consumer_);
+    return hxf_core_client_subscribe_service(client_, Str(service), &Consumer::OnNotify,
+                                             &consumer_);
   }
   // Sends a request whose property list is named `operation`; returns its transaction.
-  hxf_transaction_h Request(hxf_service_session_h session, const std::string& operation, uint32_t timeout,
-                            hxf_error_e* code = nullptr) {
+  hxf_transaction_h Request(hxf_service_session_h session, const std::string& operation,
+                            uint32_t timeout, hxf_error_e* code = nullptr) {
     hxf_property_list_h list = hxf_property_list_create(Str(operation));
     hxf_transaction_h transaction = nullptr;
-    hxf_error_e result = hxf_core_client_request_service(client_, session, list, &Consumer::OnResult, timeout,
-                                                         &transaction, &consumer_);
+    hxf_error_e result = hxf_core_client_request_service(
+        client_, session, list, &Consumer::OnResult, timeout, &transaction, &consumer_);
     hxf_property_list_destroy(list);  // right after the call: the core has its copy
     if (code != nullptr) *code = result;
     return transaction;
@@ -160,27 +173,32 @@ class EndToEnd : public ::testing::Test {
 }  // namespace
 
 TEST_F(EndToEnd, ActiveSearchIsAnsweredByADeviceWithItsFieldsIntact) {
-  ASSERT_EQ(hxf_core_client_start_active_search(client_, Str("lights"), &Consumer::OnFound, 10000, &consumer_),
+  ASSERT_EQ(hxf_core_client_start_active_search(client_, Str("lights"), &Consumer::OnFound, 10000,
+                                                &consumer_),
             HXF_ERROR_NONE);
   ASSERT_TRUE(consumer_.events.WaitCount("found lights 0 lamp-1", 1));
   std::lock_guard<std::mutex> lock(consumer_.mutex);
-  EXPECT_EQ(consumer_.endpoint_fields, "lights|lamp-1|Desk lamp|wlan0|wifi|192.168.1.20|{\"icon\":\"lamp\"}");
+  EXPECT_EQ(consumer_.endpoint_fields,
+            "lights|lamp-1|Desk lamp|wlan0|wifi|192.168.1.20|{\"icon\":\"lamp\"}");
 }
 
 TEST_F(EndToEnd, ActiveSearchWithoutDeviceEndsWithTimeoutAndNullEndpointNotBefore) {
   const auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(hxf_core_client_start_active_search(client_, Str("quiet"), &Consumer::OnFound, 100, &consumer_),
+  ASSERT_EQ(hxf_core_client_start_active_search(client_, Str("quiet"), &Consumer::OnFound, 100,
+                                                &consumer_),
             HXF_ERROR_NONE);
   ASSERT_TRUE(consumer_.events.WaitCount("found quiet 2 null", 1));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
 }
 
 TEST_F(EndToEnd, DeviceListArrivesWholeAndTimesOutWhenNobodyAnswers) {
-  ASSERT_EQ(hxf_core_client_get_device_list(client_, Str("lights"), &Consumer::OnList, 10000, &consumer_),
-            HXF_ERROR_NONE);
+  ASSERT_EQ(
+      hxf_core_client_get_device_list(client_, Str("lights"), &Consumer::OnList, 10000, &consumer_),
+      HXF_ERROR_NONE);
   EXPECT_TRUE(consumer_.events.WaitCount("list lights 0 2", 1));
-  ASSERT_EQ(hxf_core_client_get_device_list(client_, Str("quiet"), &Consumer::OnList, 50, &consumer_),
-            HXF_ERROR_NONE);
+  ASSERT_EQ(
+      hxf_core_client_get_device_list(client_, Str("quiet"), &Consumer::OnList, 50, &consumer_),
+      HXF_ERROR_NONE);
   EXPECT_TRUE(consumer_.events.WaitCount("list quiet 2 null", 1));
 }
 
@@ -192,8 +210,12 @@ TEST_F(EndToEnd, SubscribingToAServiceWithoutHandlerReturnsNull) {
 
 TEST_F(EndToEnd, SubscribeOnAnUnknownClientReturnsNull) {
   int unknown = 0;
-  EXPECT_EQ(hxf_core_client_subscribe_service(&unknown, Str("lights"), &Consumer::OnNotify, &consumer_), nullptr);
-  EXPECT_EQ(hxf_core_client_subscribe_service(nullptr, Str("lights"), &Consumer::OnNotify, &consumer_), nullptr);
+  EXPECT_EQ(
+      hxf_core_client_subscribe_service(&unknown, Str("lights"), &Consumer::OnNotify, &consumer_),
+      nullptr);
+  EXPECT_EQ(
+      hxf_core_client_subscribe_service(nullptr, Str("lights"), &Consumer::OnNotify, &consumer_),
+      nullptr);
 }
 
 TEST_F(EndToEnd, ARequestIsAnsweredOnceWithTheSameTransactionEverywhere) {
@@ -250,7 +272,9 @@ TEST_F(EndToEnd, ANotificationWithANullTransactionIsDelivered) {
 
 TEST_F(EndToEnd, TheNotificationSetterHasNoEffect) {
   Subscribe();
-  ASSERT_EQ(hxf_core_client_set_service_notification_callback(client_, &Consumer::OnNotify, &first_), HXF_ERROR_NONE);
+  ASSERT_EQ(
+      hxf_core_client_set_service_notification_callback(client_, &Consumer::OnNotify, &first_),
+      HXF_ERROR_NONE);
   hooks_.notify(nullptr);
   ASSERT_TRUE(consumer_.events.WaitCount("notify lights state " + P(nullptr) + " 0", 1));
   EXPECT_EQ(first_.events.Get().size(), 0u);
@@ -268,7 +292,8 @@ TEST_F(EndToEnd, AClientDestroyedWithARequestOutstandingNeverGetsAResult) {
       hxf_core_client_subscribe_service(other, Str("lights"), &Consumer::OnNotify, &first_);
   hxf_property_list_h list = hxf_property_list_create(Str("never"));
   hxf_transaction_h other_transaction = nullptr;
-  hxf_core_client_request_service(other, other_session, list, &Consumer::OnResult, 200, &other_transaction, &first_);
+  hxf_core_client_request_service(other, other_session, list, &Consumer::OnResult, 200,
+                                  &other_transaction, &first_);
   hxf_property_list_destroy(list);
   ASSERT_TRUE(first_.events.WaitCount("result 1 null " + P(other_transaction), 1));
   EXPECT_EQ(consumer_.events.Get().size(), 0u);
@@ -280,12 +305,14 @@ TEST_F(EndToEnd, DestroyOfADestroyedHandleIsInvalidHandleAndOfNullInvalidClient)
   EXPECT_EQ(hxf_core_client_destroy(client), HXF_ERROR_NONE);
   EXPECT_EQ(hxf_core_client_destroy(client), HXF_ERROR_INVALID_HANDLE);
   EXPECT_EQ(hxf_core_client_destroy(nullptr), HXF_ERROR_INVALID_CLIENT);
-  EXPECT_EQ(hxf_core_client_destroy_async(client, &Consumer::OnDestroyed, &consumer_), HXF_ERROR_INVALID_HANDLE);
+  EXPECT_EQ(hxf_core_client_destroy_async(client, &Consumer::OnDestroyed, &consumer_),
+            HXF_ERROR_INVALID_HANDLE);
 }
 
 TEST_F(EndToEnd, DestroyAsyncCallsTheDestroyedCallbackWithTheHandle) {
   hxf_client_h client = hxf_core_client_create(Str("async"));
-  EXPECT_EQ(hxf_core_client_destroy_async(client, &Consumer::OnDestroyed, &consumer_), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_client_destroy_async(client, &Consumer::OnDestroyed, &consumer_),
+            HXF_ERROR_NONE);
   EXPECT_TRUE(consumer_.events.WaitCount("destroyed " + P(client), 1));
 }
 
@@ -304,7 +331,8 @@ TEST_F(EndToEnd, ARequestWithANullResultCallbackIsStillForwarded) {
   LogCapture capture;
   hxf_property_list_h list = hxf_property_list_create(Str("hold"));
   hxf_transaction_h transaction = nullptr;
-  EXPECT_EQ(hxf_core_client_request_service(client_, session, list, nullptr, 10000, &transaction, nullptr),
+  EXPECT_EQ(hxf_core_client_request_service(client_, session, list, nullptr, 10000, &transaction,
+                                            nullptr),
             HXF_ERROR_NONE);
   hxf_property_list_destroy(list);
   EXPECT_TRUE(capture.Contains("hxf_core_export : hxf_core_client_request_service("));
@@ -318,8 +346,8 @@ TEST_F(EndToEnd, RequestWritesTheTransactionHandleEvenWhenTheClientIsUnknown) {
   hxf_property_list_h list = hxf_property_list_create(Str("answer"));
   hxf_transaction_h transaction = nullptr;
   int session = 0;
-  EXPECT_EQ(hxf_core_client_request_service(&unknown, &session, list, &Consumer::OnResult, 100, &transaction,
-                                            &consumer_),
+  EXPECT_EQ(hxf_core_client_request_service(&unknown, &session, list, &Consumer::OnResult, 100,
+                                            &transaction, &consumer_),
             HXF_ERROR_INVALID_HANDLE);
   EXPECT_NE(transaction, nullptr);
   hxf_property_list_destroy(list);
@@ -332,12 +360,14 @@ TEST_F(EndToEnd, ClientManagerChecksCarryTheirCodes) {
   hxf_client_h twin = hxf_core_client_create(Str("ui"));  // same name, another client
   EXPECT_NE(twin, nullptr);
   EXPECT_NE(twin, client_);
-  EXPECT_EQ(hxf_core_client_start_active_search(nullptr, Str("lights"), &Consumer::OnFound, 1, nullptr),
-            HXF_ERROR_INVALID_CLIENT);
+  EXPECT_EQ(
+      hxf_core_client_start_active_search(nullptr, Str("lights"), &Consumer::OnFound, 1, nullptr),
+      HXF_ERROR_INVALID_CLIENT);
   EXPECT_EQ(hxf_core_client_start_active_search(client_, Str(""), &Consumer::OnFound, 1, nullptr),
             HXF_ERROR_INVALID_SERVICE_NAME);
-  EXPECT_EQ(hxf_core_client_set_service_notification_callback(nullptr, &Consumer::OnNotify, nullptr),
-            HXF_ERROR_INVALID_HANDLE);
+  EXPECT_EQ(
+      hxf_core_client_set_service_notification_callback(nullptr, &Consumer::OnNotify, nullptr),
+      HXF_ERROR_INVALID_HANDLE);
   hxf_property_list_h list = hxf_property_list_create(Str("x"));
   EXPECT_EQ(hxf_core_client_request_service(nullptr, nullptr, list, nullptr, 1, nullptr, nullptr),
             HXF_ERROR_INVALID_PARAMETER);
@@ -345,8 +375,9 @@ TEST_F(EndToEnd, ClientManagerChecksCarryTheirCodes) {
   EXPECT_EQ(hxf_core_client_request_service(client_, nullptr, list, nullptr, 1, nullptr, nullptr),
             HXF_ERROR_INVALID_PARAMETER);
   EXPECT_TRUE(capture.Contains("invalid service session handle(error:4)"));
-  EXPECT_EQ(hxf_core_client_request_service(client_, nullptr, nullptr, nullptr, 1, nullptr, nullptr),
-            HXF_ERROR_OPERATION_FAILED);  // the null list fails first
+  EXPECT_EQ(
+      hxf_core_client_request_service(client_, nullptr, nullptr, nullptr, 1, nullptr, nullptr),
+      HXF_ERROR_OPERATION_FAILED);  // the null list fails first
   hxf_endpoint_h endpoint = hxf_endpoint_create(Str("lights"));
   EXPECT_EQ(hxf_core_client_add_device(client_, nullptr, endpoint), HXF_ERROR_INVALID_PARAMETER);
   EXPECT_TRUE(capture.Contains("invalid service_session handle(error:4)"));
@@ -369,13 +400,15 @@ TEST_F(EndToEnd, OneDiscoveredSlotPerClientTheLastSearchsHandlerHearsEveryServic
 TEST_F(EndToEnd, OneDeviceListSlotPerClientTheLastSettersHandlerGetsTheList) {
   hxf_core_client_get_device_list(client_, Str("quiet"), &Consumer::OnList, 60, &first_);
   hxf_core_set_device_list_discovered_callback(client_, Str("lights"), &Consumer::OnList, &second_);
-  ASSERT_TRUE(second_.events.WaitCount("list quiet 2 null", 1));  // quiet's time-out, to the new slot
+  ASSERT_TRUE(
+      second_.events.WaitCount("list quiet 2 null", 1));  // quiet's time-out, to the new slot
   EXPECT_EQ(first_.events.Get().size(), 0u);
 }
 
 TEST_F(EndToEnd, RequestOnASessionThisClientNeverSubscribedIsOnlyLogged) {
   hxf_client_h other = hxf_core_client_create(Str("other"));
-  hxf_service_session_h foreign = hxf_core_client_subscribe_service(other, Str("lights"), &Consumer::OnNotify, nullptr);
+  hxf_service_session_h foreign =
+      hxf_core_client_subscribe_service(other, Str("lights"), &Consumer::OnNotify, nullptr);
   LogCapture capture;
   hxf_error_e code = HXF_ERROR_NONE;
   Request(foreign, "answer", 10000, &code);
@@ -424,13 +457,13 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
     Outcome* outcome;
     std::string prefix;  // its own tags start with this
   };
-  auto on_result = [](hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h, hxf_error_e,
-                      void* ud) {
+  auto on_result = [](hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h,
+                      hxf_error_e, void* ud) {
     auto* request = static_cast<Request*>(ud);
     request->outcome->Record(request->tag, false);
   };
-  auto on_notify = [](hxf_string, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
-                      void* ud) {
+  auto on_notify = [](hxf_string, hxf_service_session_h, hxf_property_list_h list,
+                      hxf_transaction_h, hxf_error_e, void* ud) {
     auto* subscriber = static_cast<Subscriber*>(ud);
     const std::string name = list != nullptr ? hxf_property_list_get_name(list) : "";
     if (name.rfind(subscriber->prefix, 0) == 0) subscriber->outcome->Record(name, true);
@@ -445,26 +478,27 @@ TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   std::vector<hxf_client_h> clients(kThreads);
   std::vector<std::unique_ptr<Subscriber>> subscribers;
   for (int t = 0; t < kThreads; ++t) {
-    subscribers.push_back(std::make_unique<Subscriber>(Subscriber{&outcome, "notify#" + std::to_string(t) + "."}));
+    subscribers.push_back(
+        std::make_unique<Subscriber>(Subscriber{&outcome, "notify#" + std::to_string(t) + "."}));
   }
   std::vector<std::vector<std::unique_ptr<Request>>> requests(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       clients[t] = hxf_core_client_create(Str("consumer-" + std::to_string(t)));
-      hxf_service_session_h session =
-          hxf_core_client_subscribe_service(clients[t], Str("lights"), on_notify, subscribers[t].get());
+      hxf_service_session_h session = hxf_core_client_subscribe_service(
+          clients[t], Str("lights"), on_notify, subscribers[t].get());
       std::mt19937 random(static_cast<unsigned>(t));
       const char* operations[] = {"answer", "hold", "notify", "never"};
       for (int i = 0; i < kRequests; ++i) {
-        const std::string tag =
-            std::string(operations[random() % 4]) + "#" + std::to_string(t) + "." + std::to_string(i);
+        const std::string tag = std::string(operations[random() % 4]) + "#" + std::to_string(t) +
+                                "." + std::to_string(i);
         requests[t].push_back(std::make_unique<Request>(Request{&outcome, tag}));
         hxf_property_list_h list = hxf_property_list_create(Str(tag));
         hxf_transaction_h transaction = nullptr;
         const uint32_t timeout = 20 + static_cast<uint32_t>(random() % 40);
-        const hxf_error_e code = hxf_core_client_request_service(clients[t], session, list, on_result, timeout,
-                                                                 &transaction, requests[t].back().get());
+        const hxf_error_e code = hxf_core_client_request_service(
+            clients[t], session, list, on_result, timeout, &transaction, requests[t].back().get());
         hxf_property_list_destroy(list);
         ASSERT_EQ(code, HXF_ERROR_NONE);
       }
@@ -519,7 +553,8 @@ TEST_F(EndToEnd, AStaleClientHandleIsNotFoundEvenAfterNewClientsAreMade) {
   ASSERT_EQ(hxf_core_client_destroy(old_client), HXF_ERROR_NONE);
   hxf_client_h new_client = hxf_core_client_create(Str("new"));
   EXPECT_NE(new_client, old_client);
-  EXPECT_EQ(hxf_core_client_start_active_search(old_client, Str("lights"), &Consumer::OnFound, 1, &consumer_),
+  EXPECT_EQ(hxf_core_client_start_active_search(old_client, Str("lights"), &Consumer::OnFound, 1,
+                                                &consumer_),
             HXF_ERROR_INVALID_HANDLE);
   hxf_core_client_destroy(new_client);
 }

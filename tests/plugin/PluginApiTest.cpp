@@ -108,7 +108,8 @@ TEST_F(PluginApi, LoadingTheSameNameTwiceFailsAndLeavesTheFirstUntouched) {
   LoadResults second;
   EXPECT_EQ(hxf_core_plugin_load(Name("async"), &LoadResults::Callback, &second),
             HXF_ERROR_OPERATION_FAILED);
-  EXPECT_TRUE(capture.Contains("Exception !! - requested plugin has already loaded!(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(capture.Contains(
+      "Exception !! - requested plugin has already loaded!(error:2)(error_code:2)\n"));
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   EXPECT_TRUE(IsOpen("async"));
 }
@@ -129,7 +130,8 @@ TEST_F(PluginApi, UnloadRunsDestroyPluginAndClosesTheLibraryBeforeReturning) {
 TEST_F(PluginApi, UnloadOfAnUnknownNameFails) {
   LogCapture capture;
   EXPECT_EQ(hxf_core_plugin_unload(Name("never-loaded")), HXF_ERROR_OPERATION_FAILED);
-  EXPECT_TRUE(capture.Contains("Exception !! - No plugin exist to unload!!(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(
+      capture.Contains("Exception !! - No plugin exist to unload!!(error:2)(error_code:2)\n"));
 }
 
 TEST_F(PluginApi, LoadResultForAnUnknownNameIsOnlyLogged) {
@@ -162,7 +164,7 @@ TEST_F(PluginApi, NameWithAnEmbeddedNulIsKeptWhole) {
   const std::string name("async\0x", 7);
   EXPECT_EQ(Load(name), HXF_ERROR_NONE);
   auto result = results_.WaitFirst();
-  EXPECT_EQ(result.name, name);  // all seven bytes
+  EXPECT_EQ(result.name, name);                             // all seven bytes
   EXPECT_EQ(result.result, HXF_PLUGIN_LOAD_RESULT_FAILED);  // names no file
   EXPECT_FALSE(IsOpen("async"));
   EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_OPERATION_FAILED);
@@ -180,7 +182,8 @@ TEST_F(PluginApi, LibraryWithoutDestroyPluginIsReportedFailedAndStaysOpen) {
   LogCapture capture;
   ASSERT_EQ(Load("nodestroy"), HXF_ERROR_NONE);
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_FAILED);
-  EXPECT_TRUE(capture.Contains("Exception !! - failed to load a DestroyPlugin symbol !(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(capture.Contains(
+      "Exception !! - failed to load a DestroyPlugin symbol !(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("nodestroy"));
 }
 
@@ -188,7 +191,8 @@ TEST_F(PluginApi, CreatePluginReturningFalseReportsFailedAndUnloadKeepsTheLibrar
   LogCapture capture;
   ASSERT_EQ(Load("createfails"), HXF_ERROR_NONE);
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_FAILED);
-  EXPECT_TRUE(capture.Contains("Exception !! - failed to initialize plugin !(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(
+      capture.Contains("Exception !! - failed to initialize plugin !(error:2)(error_code:2)\n"));
   EXPECT_EQ(hxf_core_plugin_unload(Name("createfails")), HXF_ERROR_NONE);
   EXPECT_TRUE(capture.Contains("Exception !! - No plugin to destroy(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("createfails"));  // the close step is skipped
@@ -203,6 +207,7 @@ TEST_F(PluginApi, DestroyPluginReturningFalseIsLoggedAndTheLibraryStaysOpen) {
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   LogCapture capture;
   EXPECT_EQ(hxf_core_plugin_unload(Name("destroyfails")), HXF_ERROR_NONE);
-  EXPECT_TRUE(capture.Contains("Exception !! - failed to finalize plugin !(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(
+      capture.Contains("Exception !! - failed to finalize plugin !(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("destroyfails"));
 }

@@ -47,6 +47,7 @@ TEST(Plugin, DestructionLogsThePluginName) {
   auto line = capture.Find("plugin destroyed: short-lived");
   EXPECT_EQ(line.priority, DLOG_ERROR);
   bool traced = false;
-  for (const auto& trace : capture.Traces()) traced |= trace.text == "[HXFW] plugin destroyed: short-lived\n";
+  for (const auto& trace : capture.Traces())
+    traced |= trace.text == "[HXFW] plugin destroyed: short-lived\n";
   EXPECT_TRUE(traced);
 }

@@ -10,12 +10,15 @@ using HXFramework::Test::EventLog;
 
 namespace {
 
-hxf_string Str(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+hxf_string Str(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
 
 std::string Render(hxf_property_list_h list) {
   if (list == nullptr) return "null";
   std::string text = hxf_property_list_get_name(list);
-  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr; p = hxf_property_list_get_next(list, p)) {
+  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
+       p = hxf_property_list_get_next(list, p)) {
     text += std::string(" ") + hxf_property_get_name(p) + "=";
     int64_t i = 0;
     bool b = false;
@@ -34,16 +37,18 @@ class SimPlugin : public ::testing::Test {
   static void OnLoaded(hxf_string, hxf_plugin_load_result_e result, void* ud) {
     static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
   }
-  static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e result, hxf_endpoint_h e, void* ud) {
-    static_cast<EventLog*>(ud)->Add(e != nullptr ? std::string("found ") + hxf_endpoint_get_device_id(e)
-                                                 : "ended " + std::to_string(result));
+  static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e result,
+                      hxf_endpoint_h e, void* ud) {
+    static_cast<EventLog*>(ud)->Add(e != nullptr
+                                        ? std::string("found ") + hxf_endpoint_get_device_id(e)
+                                        : "ended " + std::to_string(result));
   }
-  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h,
-                       hxf_error_e error, void* ud) {
+  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list,
+                       hxf_transaction_h, hxf_error_e error, void* ud) {
     static_cast<EventLog*>(ud)->Add("result " + std::to_string(error) + " " + Render(list));
   }
-  static void OnNotify(hxf_string, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
-                       void* ud) {
+  static void OnNotify(hxf_string, hxf_service_session_h, hxf_property_list_h list,
+                       hxf_transaction_h, hxf_error_e, void* ud) {
     static_cast<EventLog*>(ud)->Add("notify " + Render(list));
   }
 
@@ -67,10 +72,13 @@ class SimPlugin : public ::testing::Test {
       hxf_property_destroy(p);
     }
     hxf_transaction_h transaction = nullptr;
-    hxf_core_client_request_service(client_, session, list, &OnResult, timeout, &transaction, &events_);
+    hxf_core_client_request_service(client_, session, list, &OnResult, timeout, &transaction,
+                                    &events_);
     hxf_property_list_destroy(list);
   }
-  static hxf_property_h Id(const char* id) { return hxf_property_create_string(Str("device_id"), Str(id)); }
+  static hxf_property_h Id(const char* id) {
+    return hxf_property_create_string(Str("device_id"), Str(id));
+  }
 
   EventLog loaded_;
   EventLog events_;
@@ -86,33 +94,40 @@ TEST_F(SimPlugin, SearchReportsTheDevicesOfAServiceOneByOne) {
 }
 
 TEST_F(SimPlugin, ABadSetIsRefusedAndChangesNothing) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
   ASSERT_NE(session, nullptr);
   Send(session, "set", Id("lamp-1"), hxf_property_create_int(Str("brightness"), 150));
   ASSERT_TRUE(events_.WaitCount("result 4 set error=brightness 150 is out of range 0..100", 1));
   Send(session, "set", Id("lamp-1"), hxf_property_create_string(Str("brightness"), Str("dim")));
   ASSERT_TRUE(events_.WaitCount("result 4 set error=brightness takes a int, not a string", 1));
   Send(session, "get", Id("lamp-1"));
-  EXPECT_TRUE(events_.WaitCount("result 0 get device_id=lamp-1 power=true brightness=70 color=warm", 1));
+  EXPECT_TRUE(
+      events_.WaitCount("result 0 get device_id=lamp-1 power=true brightness=70 color=warm", 1));
 }
 
 TEST_F(SimPlugin, AGoodSetAnswersThenNotifiesTheNewState) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
   Send(session, "set", Id("lamp-1"), hxf_property_create_int(Str("brightness"), 30));
   // The notification goes straight to the subscriber and may overtake the result, which
   // passes through the client's context.
-  EXPECT_TRUE(events_.WaitCount("notify state device_id=lamp-1 power=true brightness=30 color=warm", 1));
-  EXPECT_TRUE(events_.WaitCount("result 0 set device_id=lamp-1 power=true brightness=30 color=warm", 1));
+  EXPECT_TRUE(
+      events_.WaitCount("notify state device_id=lamp-1 power=true brightness=30 color=warm", 1));
+  EXPECT_TRUE(
+      events_.WaitCount("result 0 set device_id=lamp-1 power=true brightness=30 color=warm", 1));
 }
 
 TEST_F(SimPlugin, AnUnresponsiveDeviceLetsTheRequestTimeOut) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("audio"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client_, Str("audio"), &OnNotify, &events_);
   Send(session, "get", Id("radio-1"), nullptr, 100);
   EXPECT_TRUE(events_.WaitCount("result 1 null", 1));
 }
 
 TEST_F(SimPlugin, AnUnknownDeviceOrOperationGetsAnErrorResult) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
   Send(session, "get", Id("nope"));
   EXPECT_TRUE(events_.WaitCount("result 4 get error=unknown device nope", 1));
   Send(session, "reboot", Id("lamp-1"));

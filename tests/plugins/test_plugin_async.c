@@ -29,5 +29,9 @@ EXPORT bool DestroyPlugin(void) {
 }
 
 /* Test hooks. */
-EXPORT pthread_t hxf_test_create_thread(void) { return g_create_thread; }
-EXPORT int hxf_test_destroyed(void) { return g_destroyed; }
+EXPORT pthread_t hxf_test_create_thread(void) {
+  return g_create_thread;
+}
+EXPORT int hxf_test_destroyed(void) {
+  return g_destroyed;
+}

@@ -8,4 +8,6 @@ __attribute__((visibility("default"))) bool CreatePlugin(void) {
                                    HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   return true;
 }
-__attribute__((visibility("default"))) bool DestroyPlugin(void) { return false; }
+__attribute__((visibility("default"))) bool DestroyPlugin(void) {
+  return false;
+}

@@ -25,7 +25,9 @@ static int g_pending_count;
 static hxf_transaction_h g_last_transaction;
 static int g_requests;
 
-static hxf_string S(const char* text) { return hxf_string_from_cstr(text); }
+static hxf_string S(const char* text) {
+  return hxf_string_from_cstr(text);
+}
 
 static hxf_endpoint_h Lamp(hxf_string service, const char* id) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(service);
@@ -38,7 +40,9 @@ static hxf_endpoint_h Lamp(hxf_string service, const char* id) {
   return endpoint;
 }
 
-static bool IsLights(hxf_string name) { return name.len == 6 && memcmp(name.str, "lights", 6) == 0; }
+static bool IsLights(hxf_string name) {
+  return name.len == 6 && memcmp(name.str, "lights", 6) == 0;
+}
 
 static void OnSearch(hxf_service_handler_h handler, hxf_string name, void* user_data) {
   (void)user_data;
@@ -77,8 +81,9 @@ static void Answer(hxf_transaction_h transaction, const char* list_name) {
   hxf_property_h brightness = hxf_property_create_int(S("brightness"), 42);
   hxf_property_list_push_property(result, brightness, HXF_ERROR_NONE);
   hxf_property_destroy(brightness);
-  hxf_core_service_handler_send_request_result(g_handler, S("lights"), result, transaction, HXF_ERROR_NONE);
-  hxf_property_list_destroy(result);  /* the core works on its copy */
+  hxf_core_service_handler_send_request_result(g_handler, S("lights"), result, transaction,
+                                               HXF_ERROR_NONE);
+  hxf_property_list_destroy(result); /* the core works on its copy */
 }
 
 static void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
@@ -90,7 +95,8 @@ static void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transacti
   g_last_transaction = transaction;
   ++g_requests;
   if (IsOperation(operation, "hold") && g_pending_count < MAX_PENDING) {
-    snprintf(g_pending_names[g_pending_count], sizeof g_pending_names[0], "%s", ReplyName(operation, "late"));
+    snprintf(g_pending_names[g_pending_count], sizeof g_pending_names[0], "%s",
+             ReplyName(operation, "late"));
     g_pending[g_pending_count++] = transaction;
   }
   pthread_mutex_unlock(&g_mutex);
@@ -132,7 +138,7 @@ EXPORT bool DestroyPlugin(void) {
 EXPORT int hxf_test_e2e_answer_pending(void) {
   static hxf_transaction_h pending[MAX_PENDING];
   static char names[MAX_PENDING][64];
-  static pthread_mutex_t answering = PTHREAD_MUTEX_INITIALIZER;  /* one answerer at a time */
+  static pthread_mutex_t answering = PTHREAD_MUTEX_INITIALIZER; /* one answerer at a time */
   pthread_mutex_lock(&answering);
   pthread_mutex_lock(&g_mutex);
   int count = g_pending_count;
@@ -162,7 +168,8 @@ EXPORT int hxf_test_e2e_requests(void) {
 /* Sends a notification naming `transaction` (may be NULL). */
 EXPORT hxf_error_e hxf_test_e2e_notify(hxf_transaction_h transaction) {
   hxf_property_list_h state = hxf_property_list_create(S("state"));
-  hxf_error_e result = hxf_core_service_handler_notify(g_handler, S("lights"), state, transaction, HXF_ERROR_NONE);
+  hxf_error_e result =
+      hxf_core_service_handler_notify(g_handler, S("lights"), state, transaction, HXF_ERROR_NONE);
   hxf_property_list_destroy(state);
   return result;
 }

@@ -1,4 +1,6 @@
 /* A plugin without "DestroyPlugin". */
 #include <stdbool.h>
 
-__attribute__((visibility("default"))) bool CreatePlugin(void) { return true; }
+__attribute__((visibility("default"))) bool CreatePlugin(void) {
+  return true;
+}

@@ -40,7 +40,8 @@ TEST(PropertyListHelper, CopiesOnCreationAndLogsCreationAndDestructionOfItsCopy)
   }
   auto created = capture.Find("pelnor (core)property list created for");
   EXPECT_EQ(created.priority, DLOG_ERROR);
-  EXPECT_NE(created.text.find(")  pelnor (core)property list created for set(" + P(copy) + ")\n"), std::string::npos);
+  EXPECT_NE(created.text.find(")  pelnor (core)property list created for set(" + P(copy) + ")\n"),
+            std::string::npos);
   EXPECT_TRUE(capture.Contains(")  pelnor (core)property list destroy for set(" + P(copy) + ")\n"));
 }
 
@@ -126,7 +127,8 @@ TEST(EndpointListHelper, WorksOnItsOwnCopy) {
   EXPECT_FALSE(wrapper->Empty());
   EXPECT_NE(wrapper->Find("lamp"), nullptr);
   EXPECT_EQ(wrapper->Push(endpoint, HXF_ERROR_NONE), HXF_ERROR_NONE);
-  EXPECT_EQ(wrapper->Push(nullptr, HXF_ERROR_NONE), HXF_ERROR_INVALID_PARAMETER);  // passed back, no throw
+  EXPECT_EQ(wrapper->Push(nullptr, HXF_ERROR_NONE),
+            HXF_ERROR_INVALID_PARAMETER);  // passed back, no throw
   EXPECT_EQ(wrapper->GetNext(wrapper->GetNext(wrapper->GetFirst())), nullptr);
   hxf_endpoint_destroy(endpoint);
 }

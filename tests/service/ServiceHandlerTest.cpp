@@ -34,13 +34,15 @@ void Noop(hxf_service_handler_h, hxf_string, void*) {}
 TEST_F(ServiceHandlerApi, CreateWithAnEmptyNameReturnsNullAndLogsTheException) {
   LogCapture capture;
   EXPECT_EQ(hxf_core_service_handler_create(Str(""), nullptr), nullptr);
-  EXPECT_TRUE(capture.Contains(")  Exception !! - service_handler_name is empty!!(error:4)(error_code:4)\n"));
+  EXPECT_TRUE(capture.Contains(
+      ")  Exception !! - service_handler_name is empty!!(error:4)(error_code:4)\n"));
 }
 
 TEST_F(ServiceHandlerApi, ANullEndpointInAReportReturns3BeforeTheManagerIsReached) {
   LogCapture capture;
   // A null handler would make the manager answer 4: getting 3 shows the copy failed first.
-  EXPECT_EQ(hxf_core_service_handler_report_device_found(nullptr, nullptr), HXF_ERROR_CREATE_FAILED);
+  EXPECT_EQ(hxf_core_service_handler_report_device_found(nullptr, nullptr),
+            HXF_ERROR_CREATE_FAILED);
   EXPECT_TRUE(capture.Contains("Exception !! - endpoint_h is invalid(error:3)(error_code:3)\n"));
   EXPECT_FALSE(capture.Contains("service_handler_h is invalid"));
 }
@@ -48,11 +50,13 @@ TEST_F(ServiceHandlerApi, ANullEndpointInAReportReturns3BeforeTheManagerIsReache
 TEST_F(ServiceHandlerApi, ANullListOrPropertyListFailsWithOperationFailed) {
   TestProvider provider("p");
   LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_report_device_list(provider.handle, nullptr), HXF_ERROR_OPERATION_FAILED);
-  EXPECT_EQ(hxf_core_service_handler_send_request_result(provider.handle, Str("lights"), nullptr, nullptr,
-                                                         HXF_ERROR_NONE),
+  EXPECT_EQ(hxf_core_service_handler_report_device_list(provider.handle, nullptr),
             HXF_ERROR_OPERATION_FAILED);
-  EXPECT_EQ(hxf_core_service_handler_notify(provider.handle, Str("lights"), nullptr, nullptr, HXF_ERROR_NONE),
+  EXPECT_EQ(hxf_core_service_handler_send_request_result(provider.handle, Str("lights"), nullptr,
+                                                         nullptr, HXF_ERROR_NONE),
+            HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_service_handler_notify(provider.handle, Str("lights"), nullptr, nullptr,
+                                            HXF_ERROR_NONE),
             HXF_ERROR_OPERATION_FAILED);
   EXPECT_EQ(capture.CountContaining(")  failed to copy list\n"), 3);
   EXPECT_TRUE(capture.Contains(")  Exception !! - failed to create list\n"));
@@ -62,7 +66,8 @@ TEST_F(ServiceHandlerApi, ADeviceListWithoutEndpointsIsAnInvalidParameter) {
   TestProvider provider("p");
   hxf_endpoint_list_h empty = hxf_endpoint_list_create();
   LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_report_device_list(provider.handle, empty), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(hxf_core_service_handler_report_device_list(provider.handle, empty),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_TRUE(capture.Contains("no endpoint in endpoint_list(error:4)(error_code:4)"));
   hxf_endpoint_list_destroy(empty);
 }
@@ -71,7 +76,8 @@ TEST_F(ServiceHandlerApi, AFoundDeviceNamingAnUnknownServiceFailsWithCode2) {
   TestProvider provider("p");
   hxf_endpoint_h endpoint = MakeEndpoint("ghost-service", "d");
   LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_report_device_found(provider.handle, endpoint), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_service_handler_report_device_found(provider.handle, endpoint),
+            HXF_ERROR_OPERATION_FAILED);
   EXPECT_TRUE(capture.Contains("Exception !! - service not found(error:2)(error_code:2)\n"));
   hxf_endpoint_destroy(endpoint);
 }
@@ -79,11 +85,14 @@ TEST_F(ServiceHandlerApi, AFoundDeviceNamingAnUnknownServiceFailsWithCode2) {
 TEST_F(ServiceHandlerApi, SubscribeChecksItsHandleAndName) {
   TestProvider provider("p");
   LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(nullptr, Str("x")), HXF_ERROR_INVALID_HANDLE);
+  EXPECT_EQ(hxf_core_service_handler_subscribe_service(nullptr, Str("x")),
+            HXF_ERROR_INVALID_HANDLE);
   EXPECT_TRUE(capture.Contains("service_handler handle is null(error:10)"));
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("")), HXF_ERROR_INVALID_SERVICE_NAME);
+  EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("")),
+            HXF_ERROR_INVALID_SERVICE_NAME);
   EXPECT_TRUE(capture.Contains("service name is empty(error:14)"));
-  EXPECT_EQ(hxf_core_service_handler_unsubscribe_service(nullptr, Str("x")), HXF_ERROR_INVALID_HANDLE);
+  EXPECT_EQ(hxf_core_service_handler_unsubscribe_service(nullptr, Str("x")),
+            HXF_ERROR_INVALID_HANDLE);
   EXPECT_TRUE(capture.Contains("service handler handle is null(error:10)"));
   int stale = 0;
   EXPECT_EQ(hxf_core_service_handler_subscribe_service(&stale, Str("x")), HXF_ERROR_INVALID_HANDLE);
@@ -92,11 +101,13 @@ TEST_F(ServiceHandlerApi, SubscribeChecksItsHandleAndName) {
 
 TEST_F(ServiceHandlerApi, SubscribingTheSameHandlerTwiceFails) {
   TestProvider provider("p");
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")),
+            HXF_ERROR_NONE);
   LogCapture capture;
   EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")),
             HXF_ERROR_OPERATION_FAILED);
-  EXPECT_TRUE(capture.Contains("Unable to insert service_handler to service_handler_map_!!(error:2)"));
+  EXPECT_TRUE(
+      capture.Contains("Unable to insert service_handler to service_handler_map_!!(error:2)"));
 }
 
 TEST_F(ServiceHandlerApi, DestroyOfAnUnknownOrDestroyedHandleIsInvalidHandle) {
@@ -104,8 +115,10 @@ TEST_F(ServiceHandlerApi, DestroyOfAnUnknownOrDestroyedHandleIsInvalidHandle) {
   EXPECT_EQ(hxf_core_service_handler_destroy(handle), HXF_ERROR_NONE);
   LogCapture capture;
   EXPECT_EQ(hxf_core_service_handler_destroy(handle), HXF_ERROR_INVALID_HANDLE);
-  EXPECT_TRUE(capture.Contains("service_handler not found in service_handler_map_!!(error:10)(error_code:10)"));
-  EXPECT_EQ(hxf_core_service_handler_set_search_callback(handle, &Noop, nullptr), HXF_ERROR_INVALID_HANDLE);
+  EXPECT_TRUE(capture.Contains(
+      "service_handler not found in service_handler_map_!!(error:10)(error_code:10)"));
+  EXPECT_EQ(hxf_core_service_handler_set_search_callback(handle, &Noop, nullptr),
+            HXF_ERROR_INVALID_HANDLE);
 }
 
 TEST_F(ServiceHandlerApi, DestroyAsyncCallsTheDestroyedCallbackWithTheHandle) {
@@ -134,7 +147,8 @@ TEST_F(ServiceHandlerApi, ASearchOnAHandlerWithoutSearchCallbackLogsCallbackIsNu
 TEST_F(ServiceHandlerApi, EverySetterButAddDeviceLogsThatItsCallbackHasBeenSet) {
   hxf_service_handler_h h = hxf_core_service_handler_create(Str("setters"), nullptr);
   LogCapture capture;
-  hxf_core_service_handler_set_add_device_callback(h, [](hxf_service_handler_h, hxf_endpoint_h, void*) {}, nullptr);
+  hxf_core_service_handler_set_add_device_callback(
+      h, [](hxf_service_handler_h, hxf_endpoint_h, void*) {}, nullptr);
   hxf_core_service_handler_set_search_callback(h, &Noop, nullptr);
   hxf_core_service_handler_set_search_stop_callback(h, &Noop, nullptr);
   hxf_core_service_handler_set_get_device_list_callback(h, &Noop, nullptr);
@@ -150,8 +164,9 @@ TEST_F(ServiceHandlerApi, EverySetterButAddDeviceLogsThatItsCallbackHasBeenSet) 
     EXPECT_TRUE(capture.WaitFor(std::string(")  ") + kind + " callback has been set[")) << kind;
   }
   int set_lines = 0;
-  for (const auto& line : capture.Lines()) set_lines += line.text.find("callback has been set[") != std::string::npos;
-  EXPECT_EQ(set_lines, 7);  // none for add device
+  for (const auto& line : capture.Lines())
+    set_lines += line.text.find("callback has been set[") != std::string::npos;
+  EXPECT_EQ(set_lines, 7);                                  // none for add device
   EXPECT_TRUE(capture.Contains("_SetAddDeviceCallback("));  // only its trace
   hxf_core_service_handler_destroy(h);
 }
@@ -167,7 +182,8 @@ TEST(ServiceHandler, AResultIsOfferedToEveryLiveSessionWhoeverOwnsTheTransaction
   handler->ServiceSessionCreated(second);
   hxf_property_list_h list = hxf_property_list_create(Str("get"));
   int unknown_transaction = 0;
-  handler->SendRequestResult("lights", IPropertyListHelper::Create(list), &unknown_transaction, HXF_ERROR_NONE);
+  handler->SendRequestResult("lights", IPropertyListHelper::Create(list), &unknown_transaction,
+                             HXF_ERROR_NONE);
   const std::string expected = "result lights " + FakeSession::Pointer(&unknown_transaction);
   EXPECT_TRUE(first->events.WaitCount(expected, 1));
   EXPECT_TRUE(second->events.WaitCount(expected, 1));
@@ -188,9 +204,11 @@ TEST(ServiceHandler, NotificationsReachEveryLiveSessionAndDeadOnesAreSkipped) {
   handler->Notify("lights", IPropertyListHelper::Create(list), nullptr, HXF_ERROR_NONE);
   EXPECT_TRUE(live->events.WaitCount("notify lights " + FakeSession::Pointer(nullptr), 1));
   EXPECT_TRUE(capture.Contains(")  IServiceSession expired!\n"));
-  EXPECT_TRUE(capture.Contains("service_name: lights, service_session: " + FakeSession::Pointer(live.get()) +
-                               ", service property name: state\n"));
-  EXPECT_TRUE(capture.Contains(")  pelnor service session map count : 2\n"));  // the dead entry stays
+  EXPECT_TRUE(capture.Contains(
+      "service_name: lights, service_session: " + FakeSession::Pointer(live.get()) +
+      ", service property name: state\n"));
+  EXPECT_TRUE(
+      capture.Contains(")  pelnor service session map count : 2\n"));  // the dead entry stays
   hxf_property_list_destroy(list);
   handler->Termi();
 }
@@ -202,11 +220,12 @@ TEST(ServiceHandler, ASecondSessionWithTheSameHandleFailsWithCode2AndTheFirstSta
   auto first = std::make_shared<FakeSession>(&shared_handle);
   auto second = std::make_shared<FakeSession>(&shared_handle);
   LogCapture capture;
-  handler->ServiceSessionCreated(first);   // direct: done on return
+  handler->ServiceSessionCreated(first);  // direct: done on return
   handler->ServiceSessionCreated(second);
   EXPECT_EQ(capture.CountContaining("pelnor service session map count : 1\n"), 1);
-  EXPECT_TRUE(capture.Contains(
-      "Exception !! - couldn't insert service session to service_session_map_!!(error:2)(error_code:2)\n"));
+  EXPECT_TRUE(
+      capture.Contains("Exception !! - couldn't insert service session to "
+                       "service_session_map_!!(error:2)(error_code:2)\n"));
   hxf_property_list_h list = hxf_property_list_create(Str("get"));
   handler->SendRequestResult("lights", IPropertyListHelper::Create(list), nullptr, HXF_ERROR_NONE);
   EXPECT_TRUE(first->events.WaitCount("result lights " + FakeSession::Pointer(nullptr), 1));
@@ -234,8 +253,9 @@ TEST(ServiceHandler, RequestsReachThePluginOnTheCallersThreadWithHandleTransacti
   } seen;
   auto handler = IServiceHandler::Create("h", nullptr);
   handler->Init();
-  handler->SetRequestServiceCallback(
-      [&](void* h, void* t, void* l) { seen = Seen{h, t, l, std::this_thread::get_id()}; });
+  handler->SetRequestServiceCallback([&](void* h, void* t, void* l) {
+    seen = Seen{h, t, l, std::this_thread::get_id()};
+  });
   auto transaction = ITransaction::Create();
   hxf_property_list_h list = hxf_property_list_create(Str("set"));
   auto wrapper = IPropertyListHelper::Create(list);
@@ -253,13 +273,16 @@ TEST(ServiceHandler, AddDeviceGivesThePluginTheHandlerAndTheEndpointButNotTheSes
   auto handler = IServiceHandler::Create("h", nullptr);
   handler->Init();
   EventLog seen;
-  handler->SetAddDeviceCallback([&](void* h, void* e) { seen.Add(FakeSession::Pointer(h) + " " + FakeSession::Pointer(e)); });
+  handler->SetAddDeviceCallback(
+      [&](void* h, void* e) { seen.Add(FakeSession::Pointer(h) + " " + FakeSession::Pointer(e)); });
   hxf_endpoint_h endpoint = MakeEndpoint("lights", "lamp");
   auto wrapper = HXFramework::Core::IEndpointHelper::Create(endpoint);
   int session = 0;
   // Direct, but queued behind the setter if that is still on the pool: either way in order.
   handler->AddDevice(&session, wrapper);
-  EXPECT_TRUE(seen.WaitCount(FakeSession::Pointer(handler->GetHandle()) + " " + FakeSession::Pointer(wrapper->GetHandle()), 1));
+  EXPECT_TRUE(seen.WaitCount(
+      FakeSession::Pointer(handler->GetHandle()) + " " + FakeSession::Pointer(wrapper->GetHandle()),
+      1));
   hxf_endpoint_destroy(endpoint);
   handler->Termi();
 }

@@ -18,12 +18,16 @@ using HXFramework::Core::IServiceMgr;
 
 namespace {
 
-IServiceMgr* Mgr() { return IServiceMgr::GetInstance(); }
+IServiceMgr* Mgr() {
+  return IServiceMgr::GetInstance();
+}
 
 class ServiceMgr : public ::testing::Test {
  protected:
   void TearDown() override { Mgr()->Finalize(); }
-  std::shared_ptr<FakeClient> Client(const std::string& name) { return std::make_shared<FakeClient>(name); }
+  std::shared_ptr<FakeClient> Client(const std::string& name) {
+    return std::make_shared<FakeClient>(name);
+  }
 };
 
 // Runs `call` and returns the code of the CException it throws (0 when none).
@@ -43,7 +47,8 @@ int CodeOf(Call&& call, std::string* what = nullptr) {
 TEST_F(ServiceMgr, ActiveSearchReachesTheSubscribedHandlerAndItsDeviceReachesTheClient) {
   TestProvider provider("lamp-provider");
   provider.devices = {"lamp-1"};
-  ASSERT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")), HXF_ERROR_NONE);
+  ASSERT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")),
+            HXF_ERROR_NONE);
   auto client = Client("ui");
   Mgr()->StartActiveSearch("lights", client, 10000);
   EXPECT_TRUE(client->events.WaitCount("found lights 0 lamp-1", 1));
@@ -126,7 +131,8 @@ TEST_F(ServiceMgr, DeviceListTimesOutToItsClient) {
 
 TEST_F(ServiceMgr, GetServiceHandlerOnAServiceWithoutHandlerThrows) {
   std::string what;
-  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceHandler("empty-service"); }, &what), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceHandler("empty-service"); }, &what),
+            HXF_ERROR_OPERATION_FAILED);
   EXPECT_EQ(what, "no service handler(weak) in map!(error:2)");
 }
 
@@ -142,7 +148,8 @@ TEST_F(ServiceMgr, OneOfTwoHandlersUnsubscribingEndsTheServiceForBoth) {
   hxf_core_service_handler_subscribe_service(first.handle, Str("lights"));
   hxf_core_service_handler_subscribe_service(second.handle, Str("lights"));
   LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_unsubscribe_service(first.handle, Str("lights")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_service_handler_unsubscribe_service(first.handle, Str("lights")),
+            HXF_ERROR_NONE);
   EXPECT_TRUE(capture.Contains(")  service[lights] deleted from service map\n"));
   // The next mention makes a fresh, empty service: the second handler is not in it.
   std::string what;
@@ -191,7 +198,8 @@ TEST_F(ServiceMgr, WildcardStopIsAnOrdinaryUnknownName) {
 
 TEST_F(ServiceMgr, StopOnAnUnknownNameFailsWhileStartCreatesIt) {
   auto client = Client("ui");
-  EXPECT_EQ(CodeOf([&] { Mgr()->StopActiveSearch("fresh", client->GetHandle()); }), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StopActiveSearch("fresh", client->GetHandle()); }),
+            HXF_ERROR_OPERATION_FAILED);
   Mgr()->StartActiveSearch("fresh", client, 10000);
   EXPECT_EQ(CodeOf([&] { Mgr()->StopActiveSearch("fresh", client->GetHandle()); }), 0);
 }
@@ -199,18 +207,25 @@ TEST_F(ServiceMgr, StopOnAnUnknownNameFailsWhileStartCreatesIt) {
 TEST_F(ServiceMgr, ArgumentChecksCarryTheirMessagesAndCodes) {
   auto client = Client("ui");
   std::string what;
-  EXPECT_EQ(CodeOf([&] { Mgr()->StartActiveSearch("", client, 1); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StartActiveSearch("", client, 1); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "service_name is emtpry!!(error:4)");
-  EXPECT_EQ(CodeOf([&] { Mgr()->StartActiveSearch("x", nullptr, 1); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StartActiveSearch("x", nullptr, 1); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "client is emtpry!!(error:4)");
-  EXPECT_EQ(CodeOf([&] { Mgr()->StartPassiveSearch("", client); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StartPassiveSearch("", client); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "service_name is empty!!(error:4)");
-  EXPECT_EQ(CodeOf([&] { Mgr()->StopPassiveSearch("", client->GetHandle()); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StopPassiveSearch("", client->GetHandle()); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "valid service_name!!(error:4)");
-  EXPECT_EQ(CodeOf([&] { Mgr()->StopActiveSearch("x", nullptr); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->StopActiveSearch("x", nullptr); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "invalid client handle!!(error:4)");
-  EXPECT_EQ(CodeOf([&] { Mgr()->SetSearchClient("", client); }, &what), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceProperty("", nullptr, nullptr, 1); }, &what), HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->SetSearchClient("", client); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceProperty("", nullptr, nullptr, 1); }, &what),
+            HXF_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(what, "valid service_name!!(error:4)");
 }
 
@@ -220,7 +235,8 @@ TEST_F(ServiceMgr, SetSearchClientMakesAClientHearDevicesWithoutAskingHandlers) 
   auto client = Client("ui");
   Mgr()->SetSearchClient("lights", client);
   hxf_endpoint_h endpoint = MakeEndpoint("lights", "lamp-9");
-  EXPECT_EQ(hxf_core_service_handler_report_device_found(provider.handle, endpoint), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_service_handler_report_device_found(provider.handle, endpoint),
+            HXF_ERROR_NONE);
   hxf_endpoint_destroy(endpoint);
   EXPECT_TRUE(client->events.WaitCount("found lights 0 lamp-9", 1));
   EXPECT_EQ(provider.events.Count("search lights"), 0);
@@ -230,7 +246,8 @@ TEST_F(ServiceMgr, PropertyRequestsAddressedToAServiceAreAcceptedAndDropped) {
   Mgr()->StartActiveSearch("lights", Client("ui"), 10000);  // makes the service
   EXPECT_EQ(CodeOf([&] { Mgr()->SetServiceProperty("lights", nullptr, nullptr, 1); }), 0);
   EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceProperty("lights", nullptr, nullptr, 1); }), 0);
-  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceProperty("unknown", nullptr, nullptr, 1); }), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceProperty("unknown", nullptr, nullptr, 1); }),
+            HXF_ERROR_OPERATION_FAILED);
 }
 
 TEST_F(ServiceMgr, FinalizeTerminatesEveryServiceAndHandler) {

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "EventLog.h"
 #include "IClient.h"
 #include "IEndpointHelper.h"
 #include "IEndpointListHelper.h"
 #include "IServiceSession.h"
-#include "EventLog.h"
 #include "LogCapture.h"
 
 namespace HXFramework::Test {
@@ -32,9 +32,14 @@ class FakeClient : public Core::IClient {
   void StopPassiveSearch(const std::string&) override {}
   void StartActiveSearch(const std::string&, const Core::DiscoveredHandler_t&, uint32_t) override {}
   void StopActiveSearch(const std::string&) override {}
-  void GetDeviceList(const std::string&, const Core::DeviceListDiscoveredHandler_t&, uint32_t) override {}
-  void HandleSearchingTimerExpired(const std::string& name) override { events.Add("search timeout " + name); }
-  void HandleListSearchingTimerExpired(const std::string& name) override { events.Add("list timeout " + name); }
+  void GetDeviceList(const std::string&, const Core::DeviceListDiscoveredHandler_t&,
+                     uint32_t) override {}
+  void HandleSearchingTimerExpired(const std::string& name) override {
+    events.Add("search timeout " + name);
+  }
+  void HandleListSearchingTimerExpired(const std::string& name) override {
+    events.Add("list timeout " + name);
+  }
   void Discovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                   const std::shared_ptr<Core::IEndpointHelper>& endpoint) override {
     events.Add("found " + name + " " + std::to_string(result) + " " + endpoint->GetDeviceId());
@@ -53,7 +58,8 @@ class FakeClient : public Core::IClient {
                          const std::shared_ptr<Core::ITransaction>&,
                          const std::shared_ptr<Core::ITransactionResult>&) override {}
   void SubscribeService(const std::shared_ptr<Core::IServiceSession>&) override {}
-  void SetDeviceListDiscoveredCallback(const std::string&, const Core::DeviceListDiscoveredHandler_t&) override {}
+  void SetDeviceListDiscoveredCallback(const std::string&,
+                                       const Core::DeviceListDiscoveredHandler_t&) override {}
 
   EventLog events;
 
@@ -66,7 +72,8 @@ class FakeSession : public Core::IServiceSession {
   explicit FakeSession(hxf_service_session_h handle = nullptr) : handle_(handle) {}
 
   void Initiate(const std::shared_ptr<Core::IClient>&, const std::string&,
-                const std::shared_ptr<Core::IServiceHandler>&, const Core::ServiceNotificationHandler_t&) override {}
+                const std::shared_ptr<Core::IServiceHandler>&,
+                const Core::ServiceNotificationHandler_t&) override {}
   void Terminate() override {}
   hxf_service_session_h GetHandle() const override {
     return handle_ != nullptr ? handle_ : const_cast<FakeSession*>(this);

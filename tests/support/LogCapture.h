@@ -86,7 +86,8 @@ class LogCapture {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] {
       for (const auto& line : lines_) {
-        if (line.text.find(part) != std::string::npos && line.text.find(also) != std::string::npos) {
+        if (line.text.find(part) != std::string::npos &&
+            line.text.find(also) != std::string::npos) {
           return true;
         }
       }

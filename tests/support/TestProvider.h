@@ -27,7 +27,8 @@ class TestProvider {
     if (!with_callbacks) return;
     hxf_core_service_handler_set_search_callback(handle, &TestProvider::OnSearch, this);
     hxf_core_service_handler_set_search_stop_callback(handle, &TestProvider::OnSearchStop, this);
-    hxf_core_service_handler_set_get_device_list_callback(handle, &TestProvider::OnDeviceList, this);
+    hxf_core_service_handler_set_get_device_list_callback(handle, &TestProvider::OnDeviceList,
+                                                          this);
     hxf_core_service_handler_set_listen_callback(handle, &TestProvider::OnListen, this);
     hxf_core_service_handler_set_listen_stop_callback(handle, &TestProvider::OnListenStop, this);
   }
@@ -35,7 +36,8 @@ class TestProvider {
   // Destroys the handler asynchronously and waits for its destroyed callback: from then on
   // no callback of this provider can run, so its memory may go.
   ~TestProvider() {
-    if (hxf_core_service_handler_destroy_async(handle, &TestProvider::OnDestroyed, this) == HXF_ERROR_NONE) {
+    if (hxf_core_service_handler_destroy_async(handle, &TestProvider::OnDestroyed, this) ==
+        HXF_ERROR_NONE) {
       events.WaitCount("destroyed", 1);
     }
   }
@@ -64,9 +66,15 @@ class TestProvider {
     TestProvider* self = Self(ud);
     self->events.Add(h == self->handle ? "destroyed" : "destroyed with a wrong handle");
   }
-  static void OnSearchStop(hxf_service_handler_h, hxf_string name, void* ud) { Self(ud)->events.Add("search stop " + S(name)); }
-  static void OnListen(hxf_service_handler_h, hxf_string name, void* ud) { Self(ud)->events.Add("listen " + S(name)); }
-  static void OnListenStop(hxf_service_handler_h, hxf_string name, void* ud) { Self(ud)->events.Add("listen stop " + S(name)); }
+  static void OnSearchStop(hxf_service_handler_h, hxf_string name, void* ud) {
+    Self(ud)->events.Add("search stop " + S(name));
+  }
+  static void OnListen(hxf_service_handler_h, hxf_string name, void* ud) {
+    Self(ud)->events.Add("listen " + S(name));
+  }
+  static void OnListenStop(hxf_service_handler_h, hxf_string name, void* ud) {
+    Self(ud)->events.Add("listen stop " + S(name));
+  }
   static void OnDeviceList(hxf_service_handler_h h, hxf_string name, void* ud) {
     TestProvider* self = Self(ud);
     if (!self->devices.empty()) {

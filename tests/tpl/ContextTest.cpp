@@ -51,7 +51,9 @@ struct Journal {
     entries.push_back(entry);
     cv.notify_all();
   }
-  bool WaitSize(size_t n) { return WaitUntil(mutex, cv, [&] { return entries.size() >= n; }); }
+  bool WaitSize(size_t n) {
+    return WaitUntil(mutex, cv, [&] { return entries.size() >= n; });
+  }
   std::vector<std::string> Get() {
     std::lock_guard<std::mutex> lock(mutex);
     return entries;
@@ -70,7 +72,9 @@ struct Gate {
     cv.notify_all();
     cv.wait(lock, [&] { return open; });
   }
-  bool WaitEntered() { return WaitUntil(mutex, cv, [&] { return entered; }); }
+  bool WaitEntered() {
+    return WaitUntil(mutex, cv, [&] { return entered; });
+  }
   void Open() {
     std::lock_guard<std::mutex> lock(mutex);
     open = true;
@@ -84,8 +88,12 @@ std::string Pointer(const void* p) {
   return text;
 }
 
-auto& Direct() { return CDirectInvoker::GetInstance(); }
-auto& Pool() { return CThreadPoolInvoker::GetInstance(); }
+auto& Direct() {
+  return CDirectInvoker::GetInstance();
+}
+auto& Pool() {
+  return CThreadPoolInvoker::GetInstance();
+}
 
 }  // namespace
 
@@ -142,7 +150,8 @@ TEST(TPLContext, InvokeTaskAfterTerminateSyncThrowsAndLogsContextIsTerminated) {
   EXPECT_FALSE(ran);
   auto line = capture.Find("context is terminated");
   EXPECT_EQ(line.priority, DLOG_ERROR);
-  EXPECT_NE(line.text.find(")  context is terminated [" + Pointer(static_cast<CContext<CTestOwner>*>(owner.get())) + "]\n"),
+  EXPECT_NE(line.text.find(")  context is terminated [" +
+                           Pointer(static_cast<CContext<CTestOwner>*>(owner.get())) + "]\n"),
             std::string::npos);
 }
 
@@ -150,7 +159,8 @@ TEST(TPLContext, TerminateSyncOnIdleContextDrainsOnCallingThreadAndReturnsTrue) 
   auto owner = CTestOwner::Create();
   owner->Initiate(Direct());
   std::thread::id terminated_on;
-  owner->OnTerminate([&](const std::shared_ptr<CTestOwner>&) { terminated_on = std::this_thread::get_id(); });
+  owner->OnTerminate(
+      [&](const std::shared_ptr<CTestOwner>&) { terminated_on = std::this_thread::get_id(); });
   LogCapture capture;
   EXPECT_TRUE(owner->TerminateSync(Direct()));
   EXPECT_EQ(terminated_on, std::this_thread::get_id());
@@ -161,11 +171,13 @@ TEST(TPLContext, TerminateSyncOnIdleContextDrainsOnCallingThreadAndReturnsTrue) 
   for (const auto& line : capture.Lines()) {
     for (const char* text : {"TerminateJob created", "CTerminateJobSync created",
                              "CTerminateJobSync destroyed", "TerminateJob destroyed"}) {
-      if (line.text.find(std::string(")  ") + text + "\n") != std::string::npos) job_lines.push_back(text);
+      if (line.text.find(std::string(")  ") + text + "\n") != std::string::npos)
+        job_lines.push_back(text);
     }
   }
-  EXPECT_EQ(job_lines, (std::vector<std::string>{"TerminateJob created", "CTerminateJobSync created",
-                                                 "CTerminateJobSync destroyed", "TerminateJob destroyed"}));
+  EXPECT_EQ(job_lines,
+            (std::vector<std::string>{"TerminateJob created", "CTerminateJobSync created",
+                                      "CTerminateJobSync destroyed", "TerminateJob destroyed"}));
 }
 
 TEST(TPLContext, TerminateSyncWhileAnotherThreadsTaskRunsReturnsFalseAtOnce) {
@@ -265,7 +277,12 @@ TEST(TPLContext, TwoPostingsFromTwoThreadsToAnIdleContextStartExactlyOneDrain) {
   Gate gate;
   Journal journal;
   LogCapture capture;
-  owner->Post([&] { gate.Enter(); journal.Add("first"); }, Pool());
+  owner->Post(
+      [&] {
+        gate.Enter();
+        journal.Add("first");
+      },
+      Pool());
   std::thread second([&] { owner->Post([&] { journal.Add("second"); }, Pool()); });
   second.join();
   ASSERT_TRUE(gate.WaitEntered());
@@ -273,7 +290,8 @@ TEST(TPLContext, TwoPostingsFromTwoThreadsToAnIdleContextStartExactlyOneDrain) {
   ASSERT_TRUE(journal.WaitSize(2));
   EXPECT_EQ(journal.Get(), (std::vector<std::string>{"first", "second"}));
   int drains = 0;
-  for (const auto& line : capture.Lines()) drains += line.text.find("task is invoked") != std::string::npos;
+  for (const auto& line : capture.Lines())
+    drains += line.text.find("task is invoked") != std::string::npos;
   EXPECT_EQ(drains, 1);
   EXPECT_TRUE(capture.Contains("already invoked ["));
 }
@@ -320,9 +338,19 @@ TEST(TPLContext, TwoContextsRunInParallelOnThePool) {
   Journal journal;
   // The first context's task can only finish once the second context's task has run,
   // which is possible only if both run at the same time on different pool threads.
-  first->Post([&] { first_running.Enter(); journal.Add("first"); }, Pool());
+  first->Post(
+      [&] {
+        first_running.Enter();
+        journal.Add("first");
+      },
+      Pool());
   ASSERT_TRUE(first_running.WaitEntered());
-  second->Post([&] { journal.Add("second"); first_running.Open(); }, Pool());
+  second->Post(
+      [&] {
+        journal.Add("second");
+        first_running.Open();
+      },
+      Pool());
   ASSERT_TRUE(journal.WaitSize(2));
   EXPECT_EQ(journal.Get(), (std::vector<std::string>{"second", "first"}));
 }

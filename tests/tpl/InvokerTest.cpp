@@ -29,7 +29,9 @@ class Gate {
     open_ = true;
     cv_.notify_all();
   }
-  bool Wait() { return WaitUntil(mutex_, cv_, [this] { return open_; }); }
+  bool Wait() {
+    return WaitUntil(mutex_, cv_, [this] { return open_; });
+  }
 
  private:
   std::mutex mutex_;

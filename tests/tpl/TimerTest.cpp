@@ -31,7 +31,9 @@ struct Fired {
     thread = std::this_thread::get_id();
     cv.notify_all();
   }
-  bool WaitFor(int n) { return WaitUntil(mutex, cv, [&] { return count >= n; }); }
+  bool WaitFor(int n) {
+    return WaitUntil(mutex, cv, [&] { return count >= n; });
+  }
 };
 
 // Waits until the last strong reference to the token is gone.
@@ -91,7 +93,7 @@ TEST(Timer, StopBeforeFiringCancelsAndReleasesTheHandler) {
   token.reset();
   EXPECT_FALSE(watch.expired());  // the armed shot holds its handler
   timer->Stop(id);
-  EXPECT_TRUE(watch.expired());   // released by the time Stop returns
+  EXPECT_TRUE(watch.expired());  // released by the time Stop returns
   EXPECT_FALSE(ran.load());
 }
 

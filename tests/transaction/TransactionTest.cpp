@@ -87,9 +87,11 @@ TEST(Transaction, DestructionStopsTheTimerFirst) {
   }
   std::vector<std::string> order;
   for (const auto& line : capture.Lines()) {
-    if (line.text.find("~CTransaction(") != std::string::npos && line.text.find("Entered") != std::string::npos)
+    if (line.text.find("~CTransaction(") != std::string::npos &&
+        line.text.find("Entered") != std::string::npos)
       order.push_back("destructor");
-    if (line.text.find("StopTimer(") != std::string::npos && line.text.find("Entered") != std::string::npos)
+    if (line.text.find("StopTimer(") != std::string::npos &&
+        line.text.find("Entered") != std::string::npos)
       order.push_back("stop");
   }
   EXPECT_EQ(order, (std::vector<std::string>{"destructor", "stop"}));
@@ -98,8 +100,8 @@ TEST(Transaction, DestructionStopsTheTimerFirst) {
 TEST(Transaction, GetResultHandlerReturnsACopyOfTheStoredOne) {
   auto transaction = ITransaction::Create();
   int calls = 0;
-  transaction->SetHandler([&](hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h,
-                              hxf_error_e) { ++calls; },
+  transaction->SetHandler([&](hxf_client_h, hxf_service_session_h, hxf_property_list_h,
+                              hxf_transaction_h, hxf_error_e) { ++calls; },
                           nullptr);
   transaction->GetResultHandler()(nullptr, nullptr, nullptr, nullptr, HXF_ERROR_NONE);
   EXPECT_EQ(calls, 1);

@@ -7,10 +7,14 @@
 
 static const char* PriorityName(int priority) {
   switch (priority) {
-    case DLOG_DEBUG: return "debug";
-    case DLOG_INFO: return "info";
-    case DLOG_ERROR: return "error";
-    default: return "other";
+    case DLOG_DEBUG:
+      return "debug";
+    case DLOG_INFO:
+      return "info";
+    case DLOG_ERROR:
+      return "error";
+    default:
+      return "other";
   }
 }
 
@@ -26,7 +30,7 @@ int main(void) {
   hxf_error_e init = hxf_core_initialize();
   hxf_error_e fini = hxf_core_finalize();
   hxf_host_log_set_sink(NULL, NULL);
-  printf("hxf_core_initialize -> %d, hxf_core_finalize -> %d, %u log lines\n", (int)init,
-         (int)fini, lines);
+  printf("hxf_core_initialize -> %d, hxf_core_finalize -> %d, %u log lines\n", (int)init, (int)fini,
+         lines);
   return init == HXF_ERROR_NONE && fini == HXF_ERROR_NONE ? 0 : 1;
 }

@@ -15,14 +15,22 @@ using Clock = CEventQueue::Clock;
 constexpr auto kSlice = std::chrono::milliseconds(100);
 constexpr auto kGrace = std::chrono::milliseconds(2000);  // for the core's own time-out report
 
-hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
-Clock::time_point In(uint32_t ms) { return Clock::now() + std::chrono::milliseconds(ms); }
+hxf_string View(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
+Clock::time_point In(uint32_t ms) {
+  return Clock::now() + std::chrono::milliseconds(ms);
+}
 double SecondsLeft(Clock::time_point deadline) {
   return std::chrono::duration<double>(deadline - Clock::now()).count();
 }
 
-bool IsDeparture(const Device& device) { return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos; }
-bool IsArrival(const Device& device) { return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos; }
+bool IsDeparture(const Device& device) {
+  return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos;
+}
+bool IsArrival(const Device& device) {
+  return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos;
+}
 
 const std::regex kAssignment(R"(^([A-Za-z_][A-Za-z0-9_.-]*)=(.*)$)");
 
@@ -37,10 +45,13 @@ hxf_property_h MakeProperty(const std::string& assignment) {
   static const std::regex decimal(R"(^[-+]?([0-9]+\.[0-9]*|\.[0-9]+)([eE][-+]?[0-9]+)?$)");
   if (name == "device_id") return hxf_property_create_string(key, View(value));
   if (value == "true" || value == "false") return hxf_property_create_bool(key, value == "true");
-  if (std::regex_match(value, integer)) return hxf_property_create_int(key, std::strtoll(value.c_str(), nullptr, 10));
-  if (std::regex_match(value, decimal)) return hxf_property_create_double(key, std::strtod(value.c_str(), nullptr));
+  if (std::regex_match(value, integer))
+    return hxf_property_create_int(key, std::strtoll(value.c_str(), nullptr, 10));
+  if (std::regex_match(value, decimal))
+    return hxf_property_create_double(key, std::strtod(value.c_str(), nullptr));
   std::string text = value;
-  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') text = text.substr(1, text.size() - 2);
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
+    text = text.substr(1, text.size() - 2);
   return hxf_property_create_string(key, View(text));
 }
 
@@ -53,7 +64,9 @@ std::string ErrorText(const Event& event) {
 
 }  // namespace
 
-bool CCommands::ValidAssignment(const std::string& assignment) { return std::regex_match(assignment, kAssignment); }
+bool CCommands::ValidAssignment(const std::string& assignment) {
+  return std::regex_match(assignment, kAssignment);
+}
 
 template <typename OnEvent>
 bool CCommands::Pump(const std::string& what, Clock::time_point deadline, OnEvent&& on_event) {
@@ -72,8 +85,8 @@ bool CCommands::Pump(const std::string& what, Clock::time_point deadline, OnEven
 }
 
 int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
-  if (hxf_core_client_start_active_search(runtime_.Client(), View(service), &CToolRuntime::OnFound, timeout_ms,
-                                          &runtime_) != HXF_ERROR_NONE) {
+  if (hxf_core_client_start_active_search(runtime_.Client(), View(service), &CToolRuntime::OnFound,
+                                          timeout_ms, &runtime_) != HXF_ERROR_NONE) {
     out_.Error("cannot search " + service);
     return kFailed;
   }
@@ -92,10 +105,13 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
   });
   hxf_core_client_stop_active_search(runtime_.Client(), View(service));
   out_.DeviceTable(found);
-  out_.Emit({{"event", completed ? "search_ended" : "interrupted"}, {"service", service}, {"found", found.size()}});
+  out_.Emit({{"event", completed ? "search_ended" : "interrupted"},
+             {"service", service},
+             {"found", found.size()}});
   if (!completed) return kOk;  // stopped by the user
   if (found.empty()) {
-    out_.Say("no device offers " + service + " (search timed out after " + std::to_string(timeout_ms) + " ms)");
+    out_.Say("no device offers " + service + " (search timed out after " +
+             std::to_string(timeout_ms) + " ms)");
     return kFailed;
   }
   out_.Say(std::to_string(found.size()) + " device(s) offer " + service);
@@ -103,12 +119,13 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
 }
 
 int CCommands::Listen(const std::string& service, uint32_t for_ms) {
-  if (hxf_core_client_start_passive_search(runtime_.Client(), View(service), &CToolRuntime::OnFound, &runtime_) !=
-      HXF_ERROR_NONE) {
+  if (hxf_core_client_start_passive_search(runtime_.Client(), View(service), &CToolRuntime::OnFound,
+                                           &runtime_) != HXF_ERROR_NONE) {
     out_.Error("cannot listen to " + service);
     return kFailed;
   }
-  out_.Say("listening to " + service + (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
+  out_.Say("listening to " + service +
+           (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
   const auto deadline = for_ms != 0 ? In(for_ms) : Clock::time_point::max();
   const bool completed = Pump("listening to " + service, deadline, [&](const Event& event) {
     if (event.kind != Event::kFound) return true;
@@ -128,40 +145,44 @@ int CCommands::Listen(const std::string& service, uint32_t for_ms) {
 }
 
 int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
-  if (hxf_core_client_get_device_list(runtime_.Client(), View(service), &CToolRuntime::OnList, timeout_ms,
-                                      &runtime_) != HXF_ERROR_NONE) {
+  if (hxf_core_client_get_device_list(runtime_.Client(), View(service), &CToolRuntime::OnList,
+                                      timeout_ms, &runtime_) != HXF_ERROR_NONE) {
     out_.Error("cannot list " + service);
     return kFailed;
   }
   int code = kFailed;
-  const bool completed = Pump("listing " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
-    if (event.kind != Event::kList) return true;
-    if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-      out_.Say("no device list for " + service + " within " + std::to_string(timeout_ms) + " ms");
-      out_.Emit({{"event", "timeout"}, {"service", service}});
-      return false;
-    }
-    out_.DeviceTable(event.devices);
-    for (const Device& device : event.devices) {
-      nlohmann::json line = COutput::ToJson(device);
-      line["event"] = "device";
-      out_.Emit(line);
-    }
-    code = kOk;
-    return false;
-  });
+  const bool completed =
+      Pump("listing " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
+        if (event.kind != Event::kList) return true;
+        if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
+          out_.Say("no device list for " + service + " within " + std::to_string(timeout_ms) +
+                   " ms");
+          out_.Emit({{"event", "timeout"}, {"service", service}});
+          return false;
+        }
+        out_.DeviceTable(event.devices);
+        for (const Device& device : event.devices) {
+          nlohmann::json line = COutput::ToJson(device);
+          line["event"] = "device";
+          out_.Emit(line);
+        }
+        code = kOk;
+        return false;
+      });
   return completed ? code : kOk;
 }
 
 hxf_service_session_h CCommands::Subscribe(const std::string& service) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(runtime_.Client(), View(service),
-                                                                    &CToolRuntime::OnNotification, &runtime_);
+  hxf_service_session_h session = hxf_core_client_subscribe_service(
+      runtime_.Client(), View(service), &CToolRuntime::OnNotification, &runtime_);
   if (session == nullptr) out_.Error("no provider offers the service " + service);
   return session;
 }
 
-int CCommands::SendAndWait(hxf_service_session_h session, const std::string& service, const std::string& operation,
-                           const std::vector<std::string>& assignments, uint32_t timeout_ms, Event* result) {
+int CCommands::SendAndWait(hxf_service_session_h session, const std::string& service,
+                           const std::string& operation,
+                           const std::vector<std::string>& assignments, uint32_t timeout_ms,
+                           Event* result) {
   hxf_property_list_h list = hxf_property_list_create(View(operation));
   for (const std::string& assignment : assignments) {
     hxf_property_h property = MakeProperty(assignment);
@@ -169,8 +190,9 @@ int CCommands::SendAndWait(hxf_service_session_h session, const std::string& ser
     hxf_property_destroy(property);
   }
   hxf_transaction_h transaction = nullptr;
-  const hxf_error_e sent = hxf_core_client_request_service(runtime_.Client(), session, list, &CToolRuntime::OnResult,
-                                                           timeout_ms, &transaction, &runtime_);
+  const hxf_error_e sent =
+      hxf_core_client_request_service(runtime_.Client(), session, list, &CToolRuntime::OnResult,
+                                      timeout_ms, &transaction, &runtime_);
   hxf_property_list_destroy(list);
   if (sent != HXF_ERROR_NONE) {
     out_.Error("request refused (error " + std::to_string(sent) + ")");
@@ -199,15 +221,19 @@ int CCommands::Request(const std::string& service, const std::string& operation,
   if (code == HXF_ERROR_NONE) {
     out_.Say(operation + " on " + service + ": ok");
     out_.Properties(result.properties);
-    out_.Emit({{"event", "result"}, {"error", 0}, {"list", result.list_name},
+    out_.Emit({{"event", "result"},
+               {"error", 0},
+               {"list", result.list_name},
                {"properties", COutput::ToJson(result.properties)}});
     return kOk;
   }
   if (code == HXF_ERROR_TIMED_OUT) {
-    out_.Say(operation + " on " + service + ": timed out after " + std::to_string(timeout_ms) + " ms");
+    out_.Say(operation + " on " + service + ": timed out after " + std::to_string(timeout_ms) +
+             " ms");
     out_.Emit({{"event", "result"}, {"error", 1}, {"timed_out", true}});
   } else if (code > 0) {
-    out_.Say(operation + " on " + service + ": failed: " + ErrorText(result) + " (error " + std::to_string(code) + ")");
+    out_.Say(operation + " on " + service + ": failed: " + ErrorText(result) + " (error " +
+             std::to_string(code) + ")");
     out_.Emit({{"event", "result"}, {"error", code}, {"message", ErrorText(result)}});
   } else if (runtime_.Interrupted()) {
     return kOk;
@@ -217,13 +243,16 @@ int CCommands::Request(const std::string& service, const std::string& operation,
 
 int CCommands::Watch(const std::string& service, uint32_t for_ms) {
   if (Subscribe(service) == nullptr) return kFailed;
-  out_.Say("watching " + service + (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
+  out_.Say("watching " + service +
+           (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
   const auto deadline = for_ms != 0 ? In(for_ms) : Clock::time_point::max();
   const bool completed = Pump("watching " + service, deadline, [&](const Event& event) {
     if (event.kind != Event::kNotification) return true;
     out_.Say("notification from " + event.name + " (" + event.list_name + ")");
     out_.Properties(event.properties);
-    out_.Emit({{"event", "notification"}, {"service", event.name}, {"list", event.list_name},
+    out_.Emit({{"event", "notification"},
+               {"service", event.name},
+               {"list", event.list_name},
                {"properties", COutput::ToJson(event.properties)}});
     return true;
   });
@@ -265,10 +294,12 @@ int CCommands::Demo() {
   if (session == nullptr) return kFailed;
   out_.Say("== 5. Get the desk lamp's state.");
   Event result{Event::kResult};
-  if (SendAndWait(session, "lights", "get", {"device=lamp-1"}, 2000, &result) != HXF_ERROR_NONE) return kFailed;
+  if (SendAndWait(session, "lights", "get", {"device=lamp-1"}, 2000, &result) != HXF_ERROR_NONE)
+    return kFailed;
   out_.Properties(result.properties);
   out_.Say("== 6. Dim it to 30: the lamp answers, then tells every subscriber its new state.");
-  if (SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=30"}, 2000, &result) != HXF_ERROR_NONE) {
+  if (SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=30"}, 2000, &result) !=
+      HXF_ERROR_NONE) {
     return kFailed;
   }
   out_.Properties(result.properties);
@@ -277,7 +308,9 @@ int CCommands::Demo() {
     if (event.kind != Event::kNotification) return true;
     out_.Say("   notification (" + event.list_name + "):");
     out_.Properties(event.properties);
-    out_.Emit({{"event", "notification"}, {"list", event.list_name}, {"properties", COutput::ToJson(event.properties)}});
+    out_.Emit({{"event", "notification"},
+               {"list", event.list_name},
+               {"properties", COutput::ToJson(event.properties)}});
     notified = true;
     return false;
   };
@@ -286,14 +319,18 @@ int CCommands::Demo() {
   if (!notified) Pump("waiting for the notification", In(2000), show);
   if (!notified) return kFailed;
   out_.Say("== 7. A bad value is refused and changes nothing: brightness=150.");
-  const int refused = SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);
+  const int refused =
+      SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);
   out_.Say("   refused with error " + std::to_string(refused) + ": " + ErrorText(result));
   out_.Say("== 8. The old radio never answers: the request times out after 1.5 s.");
   hxf_service_session_h audio = Subscribe("audio");
   if (audio == nullptr) return kFailed;
   const int timed_out = SendAndWait(audio, "audio", "get", {"device=radio-1"}, 1500, &result);
-  out_.Say(timed_out == HXF_ERROR_TIMED_OUT ? "   timed out, as expected (error 1)" : "   unexpected answer");
-  out_.Say("== Done. Try: hxf search climate, hxf listen lights, hxf request lights set device=lamp-1 power=false");
+  out_.Say(timed_out == HXF_ERROR_TIMED_OUT ? "   timed out, as expected (error 1)"
+                                            : "   unexpected answer");
+  out_.Say(
+      "== Done. Try: hxf search climate, hxf listen lights, hxf request lights set device=lamp-1 "
+      "power=false");
   return timed_out == HXF_ERROR_TIMED_OUT && refused == HXF_ERROR_INVALID_PARAMETER ? kOk : kFailed;
 }
 

@@ -38,8 +38,9 @@ class CCommands {
   hxf_service_session_h Subscribe(const std::string& service);
   // Sends one request and waits for its result; prints it. Returns the error code, or -1
   // when no answer came (interrupted or lost).
-  int SendAndWait(hxf_service_session_h session, const std::string& service, const std::string& operation,
-                  const std::vector<std::string>& assignments, uint32_t timeout_ms, Event* result);
+  int SendAndWait(hxf_service_session_h session, const std::string& service,
+                  const std::string& operation, const std::vector<std::string>& assignments,
+                  uint32_t timeout_ms, Event* result);
 
   CToolRuntime& runtime_;
   const COutput& out_;

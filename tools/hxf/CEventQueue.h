@@ -23,7 +23,7 @@ struct Event {
   explicit Event(Kind event_kind = kInterrupt) : kind(event_kind) {}
 
   Kind kind;
-  int code = 0;  // load result, discovery result or error
+  int code = 0;                           // load result, discovery result or error
   std::string name;                       // plugin or service name
   std::vector<Device> devices;            // kFound (one), kList (many)
   std::string list_name;                  // kResult, kNotification

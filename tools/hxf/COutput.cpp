@@ -12,7 +12,9 @@ void COutput::Say(const std::string& line) const {
   std::fflush(stdout);
 }
 
-void COutput::Error(const std::string& line) const { std::fprintf(stderr, "hxf: %s\n", line.c_str()); }
+void COutput::Error(const std::string& line) const {
+  std::fprintf(stderr, "hxf: %s\n", line.c_str());
+}
 
 void COutput::Emit(const nlohmann::json& object) const {
   if (!json_) return;
@@ -22,9 +24,13 @@ void COutput::Emit(const nlohmann::json& object) const {
 
 nlohmann::json COutput::ToJson(const Device& d) {
   nlohmann::json meta = nlohmann::json::parse(d.ui_meta, nullptr, false);
-  return {{"service", d.service},         {"device_id", d.id},    {"name", d.name},
-          {"interface_name", d.interface_name}, {"interface_type", d.interface_type},
-          {"address", d.address},         {"ui_meta", meta.is_discarded() ? nlohmann::json(d.ui_meta) : meta}};
+  return {{"service", d.service},
+          {"device_id", d.id},
+          {"name", d.name},
+          {"interface_name", d.interface_name},
+          {"interface_type", d.interface_type},
+          {"address", d.address},
+          {"ui_meta", meta.is_discarded() ? nlohmann::json(d.ui_meta) : meta}};
 }
 
 nlohmann::json COutput::ToJson(const std::vector<PropertyValue>& properties) {
@@ -47,7 +53,8 @@ void COutput::DeviceTable(const std::vector<Device>& devices) const {
   if (json_ || devices.empty()) return;
   const std::vector<std::string> header = {"DEVICE", "NAME", "SERVICE", "ADDRESS", "INTERFACE"};
   std::vector<std::vector<std::string>> rows = {header};
-  for (const Device& d : devices) rows.push_back({d.id, d.name, d.service, d.address, d.interface_name + "/" + d.interface_type});
+  for (const Device& d : devices)
+    rows.push_back({d.id, d.name, d.service, d.address, d.interface_name + "/" + d.interface_type});
   std::vector<size_t> widths(header.size(), 0);
   for (const auto& row : rows) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
@@ -68,7 +75,8 @@ void COutput::Properties(const std::vector<PropertyValue>& properties) const {
   size_t width = 0;
   for (const PropertyValue& p : properties) width = std::max(width, p.name.size());
   for (const PropertyValue& p : properties) {
-    std::printf("  %s%s  %s\n", p.name.c_str(), std::string(width - p.name.size(), ' ').c_str(), p.text.c_str());
+    std::printf("  %s%s  %s\n", p.name.c_str(), std::string(width - p.name.size(), ' ').c_str(),
+                p.text.c_str());
   }
   std::fflush(stdout);
 }

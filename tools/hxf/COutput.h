@@ -1,10 +1,9 @@
 // Everything the tool prints: human text by default, one JSON object per event with --json.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "CEventQueue.h"
 
@@ -17,7 +16,7 @@ class COutput {
   bool Json() const { return json_; }
   // One line of explanation or status (human mode only).
   void Say(const std::string& line) const;
-  void Error(const std::string& line) const;  // stderr, both modes
+  void Error(const std::string& line) const;      // stderr, both modes
   void Emit(const nlohmann::json& object) const;  // JSON mode only
   void DeviceTable(const std::vector<Device>& devices) const;
   void Properties(const std::vector<PropertyValue>& properties) const;

@@ -14,8 +14,12 @@ namespace {
 
 constexpr auto kLoadWait = std::chrono::seconds(10);
 
-std::string Copy(hxf_string text) { return text.str != nullptr ? std::string(text.str, text.len) : std::string(); }
-CToolRuntime* Self(void* user_data) { return static_cast<CToolRuntime*>(user_data); }
+std::string Copy(hxf_string text) {
+  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
+}
+CToolRuntime* Self(void* user_data) {
+  return static_cast<CToolRuntime*>(user_data);
+}
 
 sigset_t StopSignals() {
   sigset_t set;
@@ -26,14 +30,16 @@ sigset_t StopSignals() {
 }
 
 Device ReadDevice(hxf_endpoint_h e) {
-  return Device{hxf_endpoint_get_service_name(e), hxf_endpoint_get_device_id(e), hxf_endpoint_get_device_name(e),
-                hxf_endpoint_get_interface_name(e), hxf_endpoint_get_interface_type(e), hxf_endpoint_get_address(e),
+  return Device{hxf_endpoint_get_service_name(e),   hxf_endpoint_get_device_id(e),
+                hxf_endpoint_get_device_name(e),    hxf_endpoint_get_interface_name(e),
+                hxf_endpoint_get_interface_type(e), hxf_endpoint_get_address(e),
                 hxf_endpoint_get_ui_meta(e)};
 }
 
 std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
   std::vector<PropertyValue> properties;
-  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr; p = hxf_property_list_get_next(list, p)) {
+  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
+       p = hxf_property_list_get_next(list, p)) {
     PropertyValue value{hxf_property_get_name(p), "", ""};
     switch (hxf_property_get_type(p)) {
       case HXF_PROPERTY_TYPE_BOOL: {
@@ -82,7 +88,8 @@ int Threshold(const std::string& level) {
 }  // namespace
 
 void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* self) {
-  const bool core_line = std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
+  const bool core_line =
+      std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
   if (priority < Self(self)->log_threshold_ && (core_line || priority < DLOG_ERROR)) return;
   const size_t length = std::strlen(text);
   std::fprintf(stderr, "%s: %s%s", tag, text, length > 0 && text[length - 1] == '\n' ? "" : "\n");
@@ -120,8 +127,9 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
   }
   opened_ = true;
   for (const std::string& plugin : plugins) {
-    const hxf_error_e code = hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
-                                                  &CToolRuntime::OnLoaded, this);
+    const hxf_error_e code =
+        hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
+                             &CToolRuntime::OnLoaded, this);
     if (code != HXF_ERROR_NONE) {
       out.Error("plugin " + plugin + ": load refused (error " + std::to_string(code) + ")");
       return false;
@@ -133,12 +141,15 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
       if (event.kind == Event::kInterrupt) return false;
       if (event.kind == Event::kLoaded && event.name == plugin) {
         loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
-        if (!loaded) out.Error("plugin " + plugin + ": failed to load (result " + std::to_string(event.code) + ")");
+        if (!loaded)
+          out.Error("plugin " + plugin + ": failed to load (result " + std::to_string(event.code) +
+                    ")");
         break;
       }
     }
     if (!loaded) {
-      if (event.kind != Event::kLoaded) out.Error("plugin " + plugin + ": no load result within 10 s");
+      if (event.kind != Event::kLoaded)
+        out.Error("plugin " + plugin + ": no load result within 10 s");
       return false;
     }
   }
@@ -180,7 +191,8 @@ void CToolRuntime::OnList(hxf_client_h, hxf_string service, hxf_endpoint_discove
   Event event{Event::kList};
   event.name = Copy(service);
   event.code = result;
-  for (hxf_endpoint_h e = hxf_endpoint_list_get_first(list); e != nullptr; e = hxf_endpoint_list_get_next(list, e)) {
+  for (hxf_endpoint_h e = hxf_endpoint_list_get_first(list); e != nullptr;
+       e = hxf_endpoint_list_get_next(list, e)) {
     event.devices.push_back(ReadDevice(e));
   }
   Self(self)->events_.Push(std::move(event));
@@ -198,8 +210,9 @@ void CToolRuntime::OnResult(hxf_client_h, hxf_service_session_h, hxf_property_li
   Self(self)->events_.Push(std::move(event));
 }
 
-void CToolRuntime::OnNotification(hxf_string service, hxf_service_session_h, hxf_property_list_h list,
-                                  hxf_transaction_h transaction, hxf_error_e error, void* self) {
+void CToolRuntime::OnNotification(hxf_string service, hxf_service_session_h,
+                                  hxf_property_list_h list, hxf_transaction_h transaction,
+                                  hxf_error_e error, void* self) {
   Event event{Event::kNotification};
   event.name = Copy(service);
   event.code = error;

@@ -25,7 +25,8 @@ struct Options {
 int main(int argc, char** argv) {
   using hxf_tool::CCommands;
   Options options;
-  CLI::App app{"hxf: find and talk to devices through the broker core (plugins default to the simulator)"};
+  CLI::App app{
+      "hxf: find and talk to devices through the broker core (plugins default to the simulator)"};
   app.require_subcommand(1);
   app.fallthrough();  // global options may also follow the subcommand
   app.add_option("--plugin", options.plugins, "provider plugin to load (repeatable; default: sim)");
@@ -34,10 +35,12 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"debug", "info", "error"}));
 
   auto* search = app.add_subcommand("search", "search actively for devices offering a service");
-  search->add_option("SERVICE", options.service, "service name, or * for every service")->required();
+  search->add_option("SERVICE", options.service, "service name, or * for every service")
+      ->required();
   search->add_option("--timeout", options.timeout_ms, "milliseconds to search (default 3000)");
 
-  auto* listen = app.add_subcommand("listen", "report devices, arrivals and departures until stopped");
+  auto* listen =
+      app.add_subcommand("listen", "report devices, arrivals and departures until stopped");
   listen->add_option("SERVICE", options.service, "service name")->required();
   listen->add_option("--for", options.for_ms, "milliseconds to listen (default: until Ctrl-C)");
 
@@ -45,14 +48,19 @@ int main(int argc, char** argv) {
   devices->add_option("SERVICE", options.service, "service name")->required();
   devices->add_option("--timeout", options.timeout_ms, "milliseconds to wait (default 3000)");
 
-  auto* request = app.add_subcommand("request", "send a request (get, set...) and print its result");
+  auto* request =
+      app.add_subcommand("request", "send a request (get, set...) and print its result");
   request->add_option("SERVICE", options.service, "service name")->required();
-  request->add_option("OPERATION", options.operation, "operation, the request's list name: get or set")->required();
+  request
+      ->add_option("OPERATION", options.operation, "operation, the request's list name: get or set")
+      ->required();
   request->add_option("NAME=VALUE", options.assignments, "properties; device=ID picks the device")
       ->check([](const std::string& text) {
-        return CCommands::ValidAssignment(text) ? std::string() : "expected NAME=VALUE, got " + text;
+        return CCommands::ValidAssignment(text) ? std::string()
+                                                : "expected NAME=VALUE, got " + text;
       });
-  request->add_option("--timeout", options.timeout_ms, "milliseconds to wait for the result (default 3000)");
+  request->add_option("--timeout", options.timeout_ms,
+                      "milliseconds to wait for the result (default 3000)");
 
   auto* watch = app.add_subcommand("watch", "subscribe to a service and print its notifications");
   watch->add_option("SERVICE", options.service, "service name")->required();
@@ -84,7 +92,9 @@ int main(int argc, char** argv) {
   if (search->parsed()) code = commands.Search(options.service, options.timeout_ms);
   if (listen->parsed()) code = commands.Listen(options.service, options.for_ms);
   if (devices->parsed()) code = commands.Devices(options.service, options.timeout_ms);
-  if (request->parsed()) code = commands.Request(options.service, options.operation, options.assignments, options.timeout_ms);
+  if (request->parsed())
+    code = commands.Request(options.service, options.operation, options.assignments,
+                            options.timeout_ms);
   if (watch->parsed()) code = commands.Watch(options.service, options.for_ms);
   if (demo->parsed()) code = commands.Demo();
   runtime.Close();

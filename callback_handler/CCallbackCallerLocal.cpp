@@ -1,5 +1,6 @@
 #include "CCallbackCallerLocal.h"
 
+#include "CCallbackGate.h"
 #include "HXLog.h"
 
 namespace HXFramework::Core {
@@ -14,6 +15,7 @@ void Call(const char* kind, Callback cb, void* user_data, Args... args) {
     HXLOG(DLOG_ERROR, "%s callback is NULL, call skipped\n", kind);
     return;
   }
+  CCallbackGate::CPass pass;  // the callback's library stays mapped until it returns
   cb(args..., user_data);
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 
+#include "CCallbackGate.h"
 #include "CDirectInvoker.h"
 #include "CThreadPoolInvoker.h"
 #include "CoreGlobals.h"
@@ -24,6 +25,7 @@ constexpr const char* kPluginStdSuffix = "\n\n";
 // How long Unload waits for a running job of the plugin (a "CreatePlugin" or a load
 // callback) before it lets termination discard the unload.
 constexpr auto kUnloadWait = std::chrono::seconds(20);
+constexpr auto kCallbackDrainWait = std::chrono::milliseconds(5000);
 
 // The plugin whose job runs on this thread, if any.
 thread_local const CPlugin* t_running_plugin = nullptr;
@@ -173,6 +175,13 @@ void CPlugin::_TermiLibrary() {
 void CPlugin::_UnloadDelegate() {
   HXF_CALLTRACE_OBJ(this);
   if (plugin_lib_ == nullptr) Fail("plugin_lib_ is null. No opened plugin to unload");
+  // A callback of the plugin may still be returning on another thread (its destroyed
+  // callback, say): the library must stay mapped until it is back in the core.
+  if (!CCallbackGate::WaitUntilClear(kCallbackDrainWait)) {
+    HXLOG(DLOG_ERROR, "callbacks still running: library of %s left open\n", plugin_name_.c_str());
+    plugin_lib_ = nullptr;
+    return;
+  }
   if (dlclose(plugin_lib_) != 0) Fail("dlclose error!");
   plugin_lib_ = nullptr;
 }

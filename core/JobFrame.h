@@ -1,7 +1,8 @@
 // The catch frame of work that must not throw to its caller (jobs on a context, manager
 // operations that log before rethrowing): a CException is logged as
 // "Exception !! - <what>(error_code:<code>)", any other standard exception as
-// "Exception !! - <what>" followed by `std_suffix`, both at error priority.
+// "Exception !! - <what>" followed by `std_suffix`, both at error priority; anything else
+// thrown (by foreign code) as "Exception !! - unknown exception".
 #pragma once
 
 #include <exception>
@@ -26,6 +27,10 @@ bool RunLogged(const CLogSite& site, OnException policy, Body&& body,
     if (policy == OnException::kRethrow) throw;
   } catch (const std::exception& e) {
     HXLOG_AT(site, DLOG_ERROR, "Exception !! - %s%s", e.what(), std_suffix);
+    if (policy == OnException::kRethrow) throw;
+  } catch (...) {
+    // Only foreign code throws these (a plugin's entry point, say): logged like the rest.
+    HXLOG_AT(site, DLOG_ERROR, "Exception !! - %s%s", "unknown exception", std_suffix);
     if (policy == OnException::kRethrow) throw;
   }
   return false;

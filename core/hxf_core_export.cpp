@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ApiFrame.h"
+#include "CApiCaller.h"
 #include "CCallbackCallerLocal.h"
 #include "CoreGlobals.h"
 #include "HXLog.h"
@@ -125,10 +126,12 @@ HXF_CORE_API hxf_error_e hxf_core_plugin_load(hxf_string_t plugin_name, hxf_plug
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_unload(hxf_string_t plugin_name) {
+  const CApiCaller caller(__builtin_return_address(0));  // a plugin may be unloading itself
   return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadPlugin(ToString(plugin_name)););
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_unload_all(void) {
+  const CApiCaller caller(__builtin_return_address(0));
   return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadAllPlugin(););
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 
+#include "CApiCaller.h"
 #include "CCallbackGate.h"
 #include "CDirectInvoker.h"
 #include "CThreadPoolInvoker.h"
@@ -83,9 +84,11 @@ void CPlugin::Unload() {
   // for it, since the termination that follows would otherwise discard it and leave the
   // library open. A plugin unloading itself from its own job cannot wait for itself.
   auto done = std::make_shared<TPL::CSynchronizer>();
+  // Who asked, taken now: the unload may run on another thread.
+  const void* requester = CApiCaller::ReturnAddress();
   InvokeTask(
-      [done](const std::shared_ptr<CPlugin>& self) {
-        self->_Unload();
+      [done, requester](const std::shared_ptr<CPlugin>& self) {
+        self->_Unload(requester);
         std::lock_guard<std::mutex> lock(done->mutex_);
         done->done_ = true;
         done->cond_.notify_all();
@@ -152,16 +155,16 @@ void CPlugin::_InitLibrary() {
   initialized_ = true;
 }
 
-void CPlugin::_Unload() {
+void CPlugin::_Unload(const void* requester) {
   HXF_CALLTRACE_OBJ(this);
   CRunningJob running(this);
   loaded_cb_ = nullptr;  // the application is never told about an unload
   HXLOG(DLOG_INFO, "plugin_name : %s\n", plugin_name_.c_str());
   RunLogged(
       HXF_LOG_SITE, OnException::kSwallow,
-      [this] {
+      [this, requester] {
         _TermiLibrary();
-        _UnloadDelegate();
+        _UnloadDelegate(requester);
       },
       kPluginStdSuffix);
 }
@@ -172,9 +175,23 @@ void CPlugin::_TermiLibrary() {
   if (!destroy_fn_()) Fail("failed to finalize plugin !");
 }
 
-void CPlugin::_UnloadDelegate() {
+bool CPlugin::_IsOwnCode(const void* address) const {
+  Dl_info requester{};
+  Dl_info own{};
+  return address != nullptr && create_fn_ != nullptr && dladdr(address, &requester) != 0 &&
+         dladdr(reinterpret_cast<const void*>(create_fn_), &own) != 0 && requester.dli_fbase == own.dli_fbase;
+}
+
+void CPlugin::_UnloadDelegate(const void* requester) {
   HXF_CALLTRACE_OBJ(this);
   if (plugin_lib_ == nullptr) Fail("plugin_lib_ is null. No opened plugin to unload");
+  if (_IsOwnCode(requester)) {
+    // The unload call returns into this very library: closing it would pull the code out
+    // from under the caller. It stays mapped.
+    HXLOG(DLOG_ERROR, "plugin %s unloads itself: its library stays open\n", plugin_name_.c_str());
+    plugin_lib_ = nullptr;
+    return;
+  }
   // A callback of the plugin may still be returning on another thread (its destroyed
   // callback, say): the library must stay mapped until it is back in the core.
   if (!CCallbackGate::WaitUntilClear(kCallbackDrainWait)) {

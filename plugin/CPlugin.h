@@ -27,10 +27,11 @@ class CPlugin : public IPlugin, TPL::CContext<CPlugin> {
   using EntryPoint = bool (*)();
 
   void _Load(const PluginLoadHandler_t& handler);
-  void _Unload();
+  void _Unload(const void* requester);
   void _SendLoadResult(hxf_plugin_load_result_e result);
   void _LoadDelegate();
-  void _UnloadDelegate();
+  void _UnloadDelegate(const void* requester);
+  bool _IsOwnCode(const void* address) const;
   void _InitLibrary();
   void _TermiLibrary();
   std::string _GetFilePath();

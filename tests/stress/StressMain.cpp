@@ -1,0 +1,351 @@
+// Stress run: consumer threads and provider threads drive the public API at random for a
+// set time, then every invariant is checked.
+//   hxf_stress [--duration-ms N] [--seed S] [--consumers N] [--providers N]
+// Exit code 0 when every invariant holds.
+#include <dlfcn.h>
+#include <malloc.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hxf_core.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr const char* kServices[] = {"stress-a", "stress-b", "stress-c", "*"};
+
+hxf_string S(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+
+struct Options {
+  long duration_ms = 3000;
+  unsigned seed = 1;
+  int consumers = 4;
+  int providers = 3;
+};
+
+// One request's fate.
+struct Request {
+  std::string tag;
+  int client;  // index of the consumer's client generation
+  hxf_service_session_h session = nullptr;  // the session it was sent on
+  std::atomic<int> results{0};
+  std::atomic<int> notifications{0};
+};
+
+struct Subscriber {
+  int client;
+};  // (kept for the notification's user data; the session decides whose request it is)
+
+struct World {
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::map<std::string, std::shared_ptr<Request>> requests;  // by tag
+  std::vector<bool> client_destroyed;                        // by client index
+  std::atomic<long> api_calls{0};
+  std::atomic<long> callbacks{0};
+  std::atomic<int> async_client_destroys{0};
+  std::atomic<int> client_destroyed_callbacks{0};
+  std::atomic<int> bad_destroyed_callbacks{0};
+  std::atomic<long> progress{0};
+  long final_unsettled = 0;  // requests of a living client left without callback
+};
+
+World* g_world = nullptr;
+
+void Settle(Request& request, bool notification) {
+  ++(notification ? request.notifications : request.results);
+  ++g_world->callbacks;
+  ++g_world->progress;
+}
+
+void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h, hxf_error_e, void* ud) {
+  Settle(*static_cast<Request*>(ud), false);
+}
+
+void OnNotify(hxf_string, hxf_service_session_h session, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
+              void* ud) {
+  ++g_world->callbacks;
+  if (list == nullptr) return;
+  const std::string name = hxf_property_list_get_name(list);
+  std::shared_ptr<Request> request;
+  {
+    std::lock_guard<std::mutex> lock(g_world->mutex);
+    auto found = g_world->requests.find(name);
+    if (found != g_world->requests.end()) request = found->second;
+  }
+  // A notification reaches every session of the handler (a client may hold several): only
+  // the session the request was sent on can be completed by it.
+  if (request != nullptr && request->client == static_cast<Subscriber*>(ud)->client && request->session == session) {
+    Settle(*request, true);
+  }
+}
+
+void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) { ++g_world->callbacks; }
+void OnList(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_list_h, void*) { ++g_world->callbacks; }
+void OnClientDestroyed(hxf_client_h client, void* ud) {
+  if (client != ud) ++g_world->bad_destroyed_callbacks;
+  ++g_world->client_destroyed_callbacks;
+}
+
+void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<std::unique_ptr<Subscriber>>* keep) {
+  World& world = *g_world;
+  std::mt19937 random(seed);
+  hxf_client_h client = nullptr;
+  hxf_service_session_h session = nullptr;
+  int client_index = -1;
+  int service = 0;
+  long sequence = 0;
+  auto make_client = [&] {
+    client = hxf_core_client_create(S("consumer-" + std::to_string(index)));
+    std::lock_guard<std::mutex> lock(world.mutex);
+    client_index = static_cast<int>(world.client_destroyed.size());
+    world.client_destroyed.push_back(false);
+    session = nullptr;
+  };
+  auto destroy_client = [&] {
+    {
+      std::lock_guard<std::mutex> lock(world.mutex);
+      world.client_destroyed[static_cast<size_t>(client_index)] = true;  // before: its requests may go unanswered
+    }
+    if (random() % 2 == 0) {
+      hxf_core_client_destroy(client);
+    } else if (hxf_core_client_destroy_async(client, OnClientDestroyed, client) == HXF_ERROR_NONE) {
+      ++world.async_client_destroys;
+    }
+    client = nullptr;
+  };
+  make_client();
+  while (Clock::now() < end) {
+    const int dice = static_cast<int>(random() % 100);
+    const std::string name = kServices[random() % 4];
+    ++world.api_calls;
+    ++world.progress;
+    if (dice < 1 && random() % 4 == 0) {
+      destroy_client();
+      make_client();
+    } else if (dice < 10) {
+      hxf_core_client_start_active_search(client, S(name), OnFound, 1 + random() % 50, nullptr);
+    } else if (dice < 13) {
+      hxf_core_client_stop_active_search(client, S(name));
+    } else if (dice < 17) {
+      hxf_core_client_start_passive_search(client, S(name), OnFound, nullptr);
+    } else if (dice < 19) {
+      hxf_core_client_stop_passive_search(client, S(name));
+    } else if (dice < 23) {
+      hxf_core_client_get_device_list(client, S(name), OnList, 1 + random() % 50, nullptr);
+    } else if (dice < 28 || session == nullptr) {
+      service = static_cast<int>(random() % 3);
+      auto subscriber = std::make_unique<Subscriber>(Subscriber{client_index});
+      session = hxf_core_client_subscribe_service(client, S(kServices[service]), OnNotify, subscriber.get());
+      std::lock_guard<std::mutex> lock(world.mutex);
+      keep->push_back(std::move(subscriber));
+    } else if (dice < 95) {
+      auto request = std::make_shared<Request>();
+      request->tag = "r" + std::to_string(index) + "." + std::to_string(sequence++);
+      request->client = client_index;
+      request->session = session;
+      {
+        std::lock_guard<std::mutex> lock(world.mutex);
+        world.requests[request->tag] = request;
+      }
+      hxf_property_list_h list = hxf_property_list_create(S(request->tag));
+      hxf_transaction_h transaction = nullptr;
+      const hxf_error_e code = hxf_core_client_request_service(client, session, list, OnResult,
+                                                               1 + static_cast<uint32_t>(random() % 80), &transaction,
+                                                               request.get());
+      hxf_property_list_destroy(list);
+      if (code != HXF_ERROR_NONE) {
+        std::lock_guard<std::mutex> lock(world.mutex);
+        world.requests.erase(request->tag);  // refused at once: no callback is owed
+      }
+    } else {
+      // Stale and garbage handles: an error code, never a crash.
+      void* garbage = reinterpret_cast<void*>(static_cast<uintptr_t>(random()) | 1);
+      hxf_core_client_stop_active_search(garbage, S(name));
+      hxf_core_client_add_device(client, garbage, nullptr);
+      hxf_core_service_handler_notify(garbage, S(name), nullptr, garbage, HXF_ERROR_NONE);
+    }
+  }
+  // Before the last destroy, let every request of the living client settle: its longest
+  // time-out is 80 ms.
+  const auto settle_until = Clock::now() + std::chrono::seconds(10);
+  while (Clock::now() < settle_until) {
+    bool open = false;
+    {
+      std::lock_guard<std::mutex> lock(world.mutex);
+      for (const auto& [tag, request] : world.requests) {
+        if (request->client == client_index && request->results + request->notifications == 0) {
+          open = true;
+          break;
+        }
+      }
+    }
+    if (!open) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));  // polling a condition, bounded above
+  }
+  {
+    // Whatever is still open now was owed a callback by a living client.
+    std::lock_guard<std::mutex> lock(world.mutex);
+    for (const auto& [tag, request] : world.requests) {
+      if (request->client == client_index && request->results + request->notifications == 0) ++world.final_unsettled;
+    }
+  }
+  destroy_client();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    if (std::strcmp(argv[i], "--duration-ms") == 0) options.duration_ms = std::atol(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--seed") == 0) options.seed = static_cast<unsigned>(std::atol(argv[i + 1]));
+    else if (std::strcmp(argv[i], "--consumers") == 0) options.consumers = std::atoi(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--providers") == 0) options.providers = std::atoi(argv[i + 1]);
+  }
+  World world;
+  g_world = &world;
+  int failures = 0;
+  auto check = [&](bool ok, const std::string& what) {
+    if (!ok) {
+      std::printf("FAILED: %s\n", what.c_str());
+      ++failures;
+    }
+  };
+
+  hxf_core_initialize();
+  struct mallinfo2 before = mallinfo2();
+
+  // Watchdog: the whole run must end within its duration plus a generous bound.
+  std::atomic<bool> finished{false};
+  std::thread watchdog([&] {
+    const auto limit = Clock::now() + std::chrono::milliseconds(options.duration_ms) + std::chrono::seconds(90);
+    while (!finished) {
+      if (Clock::now() > limit) {
+        std::printf("FAILED: watchdog: no end after %ld ms (progress %ld); deadlock?\n", options.duration_ms,
+                    world.progress.load());
+        std::fflush(stdout);
+        std::abort();
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the watchdog's own tick
+    }
+  });
+
+  std::mutex loaded_mutex;
+  std::condition_variable loaded_cv;
+  int loaded = -1;
+  struct LoadWait { std::mutex* m; std::condition_variable* cv; int* result; } wait{&loaded_mutex, &loaded_cv, &loaded};
+  hxf_core_plugin_load(S("stress"), [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
+    auto* w = static_cast<LoadWait*>(ud);
+    std::lock_guard<std::mutex> lock(*w->m);
+    *w->result = result;
+    w->cv->notify_all();
+  }, &wait);
+  {
+    std::unique_lock<std::mutex> lock(loaded_mutex);
+    loaded_cv.wait_for(lock, std::chrono::seconds(10), [&] { return loaded >= 0; });
+  }
+  check(loaded == HXF_PLUGIN_LOAD_RESULT_SUCCESS, "the stress plugin loaded");
+  void* lib = dlopen((std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-stress.so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+  auto start = reinterpret_cast<void (*)(unsigned, int)>(dlsym(lib, "hxf_stress_start"));
+  auto stop = reinterpret_cast<void (*)()>(dlsym(lib, "hxf_stress_stop"));
+  auto operations = reinterpret_cast<long (*)()>(dlsym(lib, "hxf_stress_operations"));
+  auto async_destroys = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_async_destroys"));
+  auto destroyed_callbacks = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_destroyed_callbacks"));
+  if (lib == nullptr || start == nullptr) {
+    std::printf("FAILED: stress plugin hooks missing\n");
+    return 1;
+  }
+
+  const auto begin = Clock::now();
+  const auto end = begin + std::chrono::milliseconds(options.duration_ms);
+  start(options.seed, options.providers);
+  std::vector<std::unique_ptr<Subscriber>> subscribers;
+  std::vector<std::thread> consumers;
+  for (int i = 0; i < options.consumers; ++i) {
+    consumers.emplace_back(ConsumerLoop, i, options.seed * 31u + static_cast<unsigned>(i), end, &subscribers);
+  }
+  for (std::thread& consumer : consumers) consumer.join();
+  stop();
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  const long provider_operations = operations();
+
+  // Every client was destroyed at the end of its consumer; async destroys report once.
+  const auto settle_deadline = Clock::now() + std::chrono::seconds(20);
+  while (world.client_destroyed_callbacks < world.async_client_destroys && Clock::now() < settle_deadline) {
+    std::this_thread::yield();
+  }
+  const int plugin_async = async_destroys();
+  const int plugin_callbacks = destroyed_callbacks();
+  hxf_core_plugin_unload_all();  // waits for the plugin's own destroyed callbacks
+  dlclose(lib);
+  hxf_core_finalize();
+  finished = true;
+  watchdog.join();
+
+  long settled_live = 0;
+  long unsettled_destroyed = 0;
+  {
+    std::lock_guard<std::mutex> lock(world.mutex);
+    for (const auto& [tag, request] : world.requests) {
+      const bool destroyed_first = world.client_destroyed[static_cast<size_t>(request->client)];
+      check(request->results <= 1, tag + ": at most one result (got " + std::to_string(request->results) + ")");
+      check(request->notifications <= 1, tag + ": at most one completing notification");
+      if (request->results + request->notifications == 0) {
+        check(destroyed_first, tag + ": no callback though its client lived");
+        ++unsettled_destroyed;
+      } else {
+        ++settled_live;
+      }
+    }
+  }
+  check(world.client_destroyed_callbacks == world.async_client_destroys,
+        "every async client destroy reported once (" + std::to_string(world.client_destroyed_callbacks) + "/" +
+            std::to_string(world.async_client_destroys) + ")");
+  check(world.final_unsettled == 0,
+        std::to_string(world.final_unsettled) + " request(s) of living clients got no callback within 10 s");
+  check(world.bad_destroyed_callbacks == 0, "destroyed callbacks carry their own handle");
+  check(plugin_callbacks == plugin_async, "every async handler destroy reported once (" +
+                                             std::to_string(plugin_callbacks) + "/" + std::to_string(plugin_async) + ")");
+
+  size_t request_count = 0;
+  {
+    std::lock_guard<std::mutex> lock(world.mutex);
+    request_count = world.requests.size();
+    world.requests.clear();  // the test's own records are not the core's memory
+  }
+  subscribers.clear();
+  subscribers.shrink_to_fit();
+  malloc_trim(0);
+  struct mallinfo2 after = mallinfo2();
+  const long growth = static_cast<long>(after.uordblks) - static_cast<long>(before.uordblks);
+  std::printf(
+      "stress: %.1f s, seed %u, %d consumers, %d providers\n"
+      "  consumer calls %ld (%.0f/s), provider operations %ld (%.0f/s), callbacks %ld\n"
+      "  requests %zu: %ld settled, %ld unanswered because their client was destroyed first\n"
+      "  async destroys: clients %d, handlers %d, all reported once\n"
+      "  heap in use after teardown: %+ld bytes\n",
+      seconds, options.seed, options.consumers, options.providers, world.api_calls.load(),
+      static_cast<double>(world.api_calls.load()) / seconds, provider_operations,
+      static_cast<double>(provider_operations) / seconds, world.callbacks.load(), request_count,
+      settled_live, unsettled_destroyed, world.async_client_destroys.load(), plugin_async, growth);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // Retired handle memory is held back (a bounded quarantine) and the allocator keeps
+  // arenas; anything beyond that is a leak.
+  check(growth < 32L * 1024 * 1024, "heap returns to its start after teardown");
+#endif
+  std::printf(failures == 0 ? "stress: all invariants hold\n" : "stress: %d invariant(s) broken\n", failures);
+  return failures == 0 ? 0 : 1;
+}

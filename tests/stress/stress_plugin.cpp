@@ -1,0 +1,209 @@
+// The provider side of the stress run (libhxf-plugin-stress.so): provider threads that
+// answer requests at once, late, twice or never, notify with and without transactions,
+// report devices, destroy and recreate their handlers while requests are outstanding, and
+// unsubscribe services in the middle of searches. Result and notification lists carry the
+// request's own list name, so that the consumer side can tell requests apart.
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hxf_core.h"
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+constexpr int kServices = 3;
+const char* const kServiceNames[kServices] = {"stress-a", "stress-b", "stress-c"};
+
+struct Pending {
+  hxf_transaction_h transaction;
+  std::string name;  // the request's list name
+  int service;
+};
+
+std::mutex g_mutex;                       // guards everything below but the atomics
+hxf_service_handler_h g_handlers[kServices] = {};
+std::deque<Pending> g_pending;
+std::vector<std::thread> g_threads;
+std::atomic<bool> g_running{false};
+std::atomic<long> g_operations{0};
+std::atomic<int> g_destroyed_callbacks{0};
+std::atomic<int> g_async_destroys{0};
+
+hxf_string S(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+
+int ServiceOf(hxf_service_handler_h handler) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  for (int i = 0; i < kServices; ++i) {
+    if (g_handlers[i] == handler) return i;
+  }
+  return -1;
+}
+
+void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h list, void*) {
+  const int service = ServiceOf(handler);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (service >= 0 && g_pending.size() < 100000) {
+    g_pending.push_back(Pending{transaction, hxf_property_list_get_name(list), service});
+  }
+}
+
+void OnSearch(hxf_service_handler_h handler, hxf_string name, void*) {
+  // Answered at once from inside the callback, sometimes.
+  if (name.len % 2 == 0) return;
+  hxf_endpoint_h endpoint = hxf_endpoint_create(name);
+  hxf_endpoint_set_device_id(endpoint, S("inline"));
+  hxf_core_service_handler_report_device_found(handler, endpoint);
+  hxf_endpoint_destroy(endpoint);
+}
+
+void OnDestroyed(hxf_service_handler_h, void*) { ++g_destroyed_callbacks; }
+
+hxf_service_handler_h MakeHandler(int service) {
+  hxf_service_handler_h handler = hxf_core_service_handler_create(S(std::string("p-") + kServiceNames[service]), nullptr);
+  hxf_core_service_handler_set_search_callback(handler, OnSearch, nullptr);
+  hxf_core_service_handler_set_listen_callback(handler, OnSearch, nullptr);
+  hxf_core_service_handler_set_get_device_list_callback(handler, OnSearch, nullptr);
+  hxf_core_service_handler_set_request_service_callback(handler, OnRequest, nullptr);
+  hxf_core_service_handler_subscribe_service(handler, S(kServiceNames[service]));
+  return handler;
+}
+
+void Send(bool notify, int service, hxf_transaction_h transaction, const std::string& name) {
+  hxf_service_handler_h handler;
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    handler = g_handlers[service];  // may be destroyed meanwhile: then the call fails cleanly
+  }
+  hxf_property_list_h list = hxf_property_list_create(S(name));
+  if (notify) {
+    hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction, HXF_ERROR_NONE);
+  } else {
+    hxf_core_service_handler_send_request_result(handler, S(kServiceNames[service]), list, transaction, HXF_ERROR_NONE);
+  }
+  hxf_property_list_destroy(list);
+}
+
+void ProviderLoop(unsigned seed) {
+  std::mt19937 random(seed);
+  while (g_running) {
+    const int dice = static_cast<int>(random() % 100);
+    const int service = static_cast<int>(random() % kServices);
+    Pending pending{nullptr, "", 0};
+    bool have = false;
+    if (dice < 60) {
+      std::lock_guard<std::mutex> lock(g_mutex);
+      if (!g_pending.empty()) {
+        // Mostly the oldest; sometimes a newer one, so that some are answered late.
+        auto at = g_pending.begin() + static_cast<long>(random() % std::min<size_t>(g_pending.size(), 4));
+        pending = *at;
+        g_pending.erase(at);
+        have = true;
+      }
+    }
+    if (have) {
+      if (dice < 40) {
+        Send(false, pending.service, pending.transaction, pending.name);  // once
+      } else if (dice < 45) {
+        Send(false, pending.service, pending.transaction, pending.name);  // twice
+        Send(false, pending.service, pending.transaction, pending.name);
+      } else if (dice < 52) {
+        Send(true, pending.service, pending.transaction, pending.name);   // completed by a notification
+      }  // else never: the request times out
+    } else if (dice < 70) {
+      Send(true, service, nullptr, "news");                                // news without transaction
+    } else if (dice < 80) {
+      hxf_service_handler_h handler;
+      {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        handler = g_handlers[service];
+      }
+      hxf_endpoint_h endpoint = hxf_endpoint_create(S(kServiceNames[service]));
+      hxf_endpoint_set_device_id(endpoint, S("dev-" + std::to_string(random() % 8)));
+      if (dice < 76) {
+        hxf_core_service_handler_report_device_found(handler, endpoint);
+      } else {
+        hxf_endpoint_list_h list = hxf_endpoint_list_create();
+        hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
+        hxf_core_service_handler_report_device_list(handler, list);
+        hxf_endpoint_list_destroy(list);
+      }
+      hxf_endpoint_destroy(endpoint);
+    } else if (dice < 82) {
+      // A handler destroyed while requests are outstanding, and a new one in its place.
+      hxf_service_handler_h fresh = MakeHandler(service);
+      hxf_service_handler_h old;
+      {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        old = g_handlers[service];
+        g_handlers[service] = fresh;
+      }
+      if (random() % 2 == 0) {
+        hxf_core_service_handler_destroy(old);
+      } else if (hxf_core_service_handler_destroy_async(old, OnDestroyed, nullptr) == HXF_ERROR_NONE) {
+        ++g_async_destroys;
+      }
+    } else if (dice < 84) {
+      // The service ends mid-search; subscribing again makes a fresh one.
+      hxf_service_handler_h handler;
+      {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        handler = g_handlers[service];
+      }
+      hxf_core_service_handler_unsubscribe_service(handler, S(kServiceNames[service]));
+      hxf_core_service_handler_subscribe_service(handler, S(kServiceNames[service]));
+    } else {
+      std::this_thread::yield();
+      continue;
+    }
+    ++g_operations;
+  }
+}
+
+}  // namespace
+
+EXPORT bool CreatePlugin(void) {
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (int i = 0; i < kServices; ++i) g_handlers[i] = MakeHandler(i);
+  }
+  hxf_core_plugin_send_load_result(S("stress"), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+  return true;
+}
+
+EXPORT void hxf_stress_start(unsigned seed, int threads) {
+  g_running = true;
+  for (int i = 0; i < threads; ++i) g_threads.emplace_back(ProviderLoop, seed * 7919u + static_cast<unsigned>(i));
+}
+
+EXPORT void hxf_stress_stop(void) {
+  g_running = false;
+  for (std::thread& thread : g_threads) thread.join();
+  g_threads.clear();
+}
+
+EXPORT long hxf_stress_operations(void) { return g_operations.load(); }
+EXPORT int hxf_stress_async_destroys(void) { return g_async_destroys.load(); }
+EXPORT int hxf_stress_destroyed_callbacks(void) { return g_destroyed_callbacks.load(); }
+
+EXPORT bool DestroyPlugin(void) {
+  hxf_stress_stop();
+  // Destroyed callbacks still queued would run in this library after it is closed: wait.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (g_destroyed_callbacks < g_async_destroys && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  std::lock_guard<std::mutex> lock(g_mutex);
+  for (int i = 0; i < kServices; ++i) {
+    hxf_core_service_handler_destroy(g_handlers[i]);
+    g_handlers[i] = nullptr;
+  }
+  g_pending.clear();
+  return true;
+}

@@ -129,9 +129,11 @@ TEST(Timer, StopFromInsideItsOwnHandlerIsSafe) {
     std::lock_guard<std::mutex> lock(id_mutex);
     id = timer->Start(
         [&] {
-          std::lock_guard<std::mutex> inner(id_mutex);
-          timer->Stop(id);
-          fired.Hit();
+          {
+            std::lock_guard<std::mutex> inner(id_mutex);
+            timer->Stop(id);
+          }
+          fired.Hit();  // last: the test may end as soon as it sees this
         },
         5);
   }

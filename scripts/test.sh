@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite. Usage: scripts/test.sh [dev|asan|tsan]...
-# (default: dev). Installs missing build dependencies first.
+# (default: dev). Installs missing build dependencies first. HXF_LONG_TESTS=1 makes the
+# stress run last a minute instead of three seconds.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -8,7 +9,9 @@ presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(dev)
 for preset in "${presets[@]}"; do
   echo "=== ${preset} ===" >&2
-  cmake --preset "$preset" >/dev/null
+  stress_ms=3000
+  [ "${HXF_LONG_TESTS:-0}" = 1 ] && stress_ms=60000
+  cmake --preset "$preset" -DHXF_STRESS_MS="$stress_ms" >/dev/null
   cmake --build --preset "$preset"
   ctest --preset "$preset" -j 2
 done

@@ -287,9 +287,10 @@ int main(int argc, char** argv) {
   while (world.client_destroyed_callbacks < world.async_client_destroys && Clock::now() < settle_deadline) {
     std::this_thread::yield();
   }
+  hxf_core_plugin_unload_all();  // the plugin waits for its own destroyed callbacks
+  // Our own reference keeps the library mapped until we have read its counters.
   const int plugin_async = async_destroys();
   const int plugin_callbacks = destroyed_callbacks();
-  hxf_core_plugin_unload_all();  // waits for the plugin's own destroyed callbacks
   dlclose(lib);
   hxf_core_finalize();
   finished = true;

@@ -2,9 +2,8 @@
 
 #include <functional>
 
-#include "CDirectInvoker.h"
 #include "CHandleQuarantine.h"
-#include "CThreadPoolInvoker.h"
+#include "CommonText.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
 #include "IEndpointListHelper.h"
@@ -14,24 +13,16 @@
 #include "ITransaction.h"
 #include "ITransactionResult.h"
 #include "JobFrame.h"
+#include "TPLInvokers.h"
 
 namespace HXFramework::Core {
 
 using std::placeholders::_1;
-using TPL::CDirectInvoker;
-using TPL::CThreadPoolInvoker;
+using TPL::Direct;
+using TPL::Pool;
 
 namespace {
-auto& Direct() {
-  return CDirectInvoker::GetInstance();
-}
-auto& Pool() {
-  return CThreadPoolInvoker::GetInstance();
-}
 constexpr auto kSearchEnded = static_cast<hxf_endpoint_discovery_result_e>(2);
-hxf_string View(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
 IServiceMgr* Services() {
   return IServiceMgr::GetInstance();
 }
@@ -247,7 +238,7 @@ void CClient::_Discovered(const std::string& name, hxf_endpoint_discovery_result
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    discovered_cb_(GetHandle(), View(name), result, endpoint->GetHandle());
+    discovered_cb_(GetHandle(), AsCommonString(name), result, endpoint->GetHandle());
   });
 }
 
@@ -260,7 +251,7 @@ void CClient::_DeviceListDiscovered(const std::string& name, hxf_endpoint_discov
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    device_list_cb_(GetHandle(), View(name), result, list->GetHandle());
+    device_list_cb_(GetHandle(), AsCommonString(name), result, list->GetHandle());
   });
 }
 
@@ -272,7 +263,7 @@ void CClient::_HandleSearchingTimerExpired(const std::string& name) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    discovered_cb_(GetHandle(), View(name), kSearchEnded, nullptr);
+    discovered_cb_(GetHandle(), AsCommonString(name), kSearchEnded, nullptr);
   });
 }
 
@@ -283,7 +274,7 @@ void CClient::_HandleListSearchingTimerExpired(const std::string& name) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    device_list_cb_(GetHandle(), View(name), kSearchEnded, nullptr);
+    device_list_cb_(GetHandle(), AsCommonString(name), kSearchEnded, nullptr);
   });
 }
 

@@ -8,17 +8,17 @@
 
 #include "CApiCaller.h"
 #include "CCallbackGate.h"
-#include "CDirectInvoker.h"
-#include "CThreadPoolInvoker.h"
+#include "CommonText.h"
 #include "CoreGlobals.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "JobFrame.h"
+#include "TPLInvokers.h"
 
 namespace HXFramework::Core {
 
 using std::placeholders::_1;
-using TPL::CDirectInvoker;
-using TPL::CThreadPoolInvoker;
+using TPL::Direct;
+using TPL::Pool;
 
 namespace {
 // A plugin job's standard-exception line ends in a blank line, as it always has.
@@ -64,17 +64,17 @@ CPlugin::~CPlugin() {
 
 void CPlugin::Init() {
   HXF_CALLTRACE_OBJ(this);
-  Initiate(CDirectInvoker::GetInstance());
+  Initiate(Direct());
 }
 
 void CPlugin::Termi() {
   HXF_CALLTRACE_OBJ(this);
-  TerminateSync(CDirectInvoker::GetInstance());
+  TerminateSync(Direct());
 }
 
 void CPlugin::Load(const PluginLoadHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
-  InvokeTask(std::bind(&CPlugin::_Load, _1, handler), CThreadPoolInvoker::GetInstance());
+  InvokeTask(std::bind(&CPlugin::_Load, _1, handler), Pool());
 }
 
 void CPlugin::Unload() {
@@ -93,7 +93,7 @@ void CPlugin::Unload() {
         done->done_ = true;
         done->cond_.notify_all();
       },
-      CDirectInvoker::GetInstance());
+      Direct());
   if (t_running_plugin == this) return;
   std::unique_lock<std::mutex> lock(done->mutex_);
   if (!done->cond_.wait_for(lock, kUnloadWait, [&] { return done->done_; })) {
@@ -103,7 +103,7 @@ void CPlugin::Unload() {
 
 void CPlugin::SendLoadResult(hxf_plugin_load_result_e result) {
   HXF_CALLTRACE_OBJ(this);
-  InvokeTask(std::bind(&CPlugin::_SendLoadResult, _1, result), CThreadPoolInvoker::GetInstance());
+  InvokeTask(std::bind(&CPlugin::_SendLoadResult, _1, result), Pool());
 }
 
 std::string CPlugin::_GetFilePath() {
@@ -114,8 +114,7 @@ std::string CPlugin::_GetFilePath() {
 }
 
 void CPlugin::_ReportLoadResult(hxf_plugin_load_result_e result) {
-  loaded_cb_(hxf_string_new(plugin_name_.data(), static_cast<uint32_t>(plugin_name_.size())),
-             result);
+  loaded_cb_(AsCommonString(plugin_name_), result);
 }
 
 void CPlugin::_Load(const PluginLoadHandler_t& handler) {
@@ -179,7 +178,8 @@ bool CPlugin::_IsOwnCode(const void* address) const {
   Dl_info requester{};
   Dl_info own{};
   return address != nullptr && create_fn_ != nullptr && dladdr(address, &requester) != 0 &&
-         dladdr(reinterpret_cast<const void*>(create_fn_), &own) != 0 && requester.dli_fbase == own.dli_fbase;
+         dladdr(reinterpret_cast<const void*>(create_fn_), &own) != 0 &&
+         requester.dli_fbase == own.dli_fbase;
 }
 
 void CPlugin::_UnloadDelegate(const void* requester) {

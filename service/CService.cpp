@@ -4,26 +4,19 @@
 #include <mutex>
 #include <typeinfo>
 
-#include "CDirectInvoker.h"
-#include "CThreadPoolInvoker.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IClient.h"
 #include "IServiceHandler.h"
 #include "JobFrame.h"
+#include "TPLInvokers.h"
 
 namespace HXFramework::Core {
 
 using std::placeholders::_1;
-using TPL::CDirectInvoker;
-using TPL::CThreadPoolInvoker;
+using TPL::Direct;
+using TPL::Pool;
 
 namespace {
-auto& Direct() {
-  return CDirectInvoker::GetInstance();
-}
-auto& Pool() {
-  return CThreadPoolInvoker::GetInstance();
-}
 constexpr auto kFound = static_cast<hxf_endpoint_discovery_result_e>(0);
 }  // namespace
 

@@ -2,9 +2,8 @@
 
 #include <functional>
 
-#include "CDirectInvoker.h"
 #include "CHandleQuarantine.h"
-#include "CThreadPoolInvoker.h"
+#include "CommonText.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
 #include "IPropertyListHelper.h"
@@ -12,21 +11,13 @@
 #include "ITransaction.h"
 #include "ITransactionResult.h"
 #include "JobFrame.h"
+#include "TPLInvokers.h"
 
 namespace HXFramework::Core {
 
 using std::placeholders::_1;
-using TPL::CDirectInvoker;
-using TPL::CThreadPoolInvoker;
-
-namespace {
-auto& Direct() {
-  return CDirectInvoker::GetInstance();
-}
-auto& Pool() {
-  return CThreadPoolInvoker::GetInstance();
-}
-}  // namespace
+using TPL::Direct;
+using TPL::Pool;
 
 std::shared_ptr<IServiceHandler> IServiceHandler::Create(const std::string& name,
                                                          void* /*user_data*/) {
@@ -189,8 +180,7 @@ void CServiceHandler::_CallSearchSlot(const SearchHandler_t& slot,
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    slot(GetHandle(),
-         hxf_string_new(service_name.data(), static_cast<uint32_t>(service_name.size())));
+    slot(GetHandle(), AsCommonString(service_name));
   });
 }
 

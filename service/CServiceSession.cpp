@@ -2,8 +2,8 @@
 
 #include <functional>
 
-#include "CDirectInvoker.h"
 #include "CHandleQuarantine.h"
+#include "CommonText.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IClient.h"
 #include "IPropertyListHelper.h"
@@ -11,17 +11,13 @@
 #include "ITransaction.h"
 #include "ITransactionResult.h"
 #include "JobFrame.h"
+#include "TPLInvokers.h"
 
 namespace HXFramework::Core {
 
 using std::placeholders::_1;
-using TPL::CDirectInvoker;
-
-namespace {
-auto& Direct() {
-  return CDirectInvoker::GetInstance();
-}
-}  // namespace
+using TPL::Direct;
+using TPL::Pool;
 
 std::shared_ptr<IServiceSession> IServiceSession::Create() {
   auto session = CHandleQuarantine<CServiceSession>::Make();
@@ -171,10 +167,9 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
   std::shared_ptr<IPropertyListHelper> list =
       result != nullptr ? result->GetPropertyList() : nullptr;
   // The session's own service name, not the argument; the transaction exactly as given.
-  notification_handler_(
-      hxf_string_new(service_name_.data(), static_cast<uint32_t>(service_name_.size())),
-      GetHandle(), list != nullptr ? list->GetHandle() : nullptr, transaction,
-      result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
+  notification_handler_(AsCommonString(service_name_), GetHandle(),
+                        list != nullptr ? list->GetHandle() : nullptr, transaction,
+                        result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
 }
 
 void CServiceSession::_ServiceSessionCreated() {

@@ -159,19 +159,27 @@ void Plugin::OnDestroyed(hxf_service_handler_h, void* self) {
 
 // ---- discovery ----
 
-void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
+// An endpoint of `service` describing `device`, with `meta` as its UI meta data.
+static hxf_endpoint_h MakeEndpoint(const std::string& service, const Device& device,
+                                   const std::string& meta) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
   hxf_endpoint_set_device_id(endpoint, View(device.id));
   hxf_endpoint_set_device_name(endpoint, View(device.name));
   hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
   hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
   hxf_endpoint_set_address(endpoint, View(device.address));
+  hxf_endpoint_set_ui_meta(endpoint, View(meta));
+  return endpoint;
+}
+
+void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
   // The core delivers every report as "found"; a departure travels in the UI meta data.
   std::string meta = device.ui_meta;
-  if (presence != nullptr)
+  if (presence != nullptr) {
     meta = std::string("{\"presence\":\"") + presence +
            "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
-  hxf_endpoint_set_ui_meta(endpoint, View(meta));
+  }
+  hxf_endpoint_h endpoint = MakeEndpoint(service, device, meta);
   hxf_core_service_handler_report_device_found(services_[service].handler, endpoint);
   hxf_endpoint_destroy(endpoint);
 }
@@ -196,13 +204,7 @@ void Plugin::DeviceList(const std::string& service) {
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   for (const Device& device : model_.devices) {
     if (device.service != service || device.arrive_after_ms != 0) continue;
-    hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
-    hxf_endpoint_set_device_id(endpoint, View(device.id));
-    hxf_endpoint_set_device_name(endpoint, View(device.name));
-    hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
-    hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
-    hxf_endpoint_set_address(endpoint, View(device.address));
-    hxf_endpoint_set_ui_meta(endpoint, View(device.ui_meta));
+    hxf_endpoint_h endpoint = MakeEndpoint(service, device, device.ui_meta);
     hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
     hxf_endpoint_destroy(endpoint);
   }

@@ -256,10 +256,10 @@ TEST_F(EndToEnd, ARequestTimesOutWithNullListAndTheLateAnswerIsDropped) {
 
 TEST_F(EndToEnd, ANotificationNamingAnOutstandingRequestCompletesItWithoutAResult) {
   hxf_service_session_h session = Subscribe();
-  hxf_transaction_h transaction = Request(session, "notify", 100);
+  hxf_transaction_h transaction = Request(session, "notify", 1000);
   ASSERT_TRUE(consumer_.events.WaitCount("notify lights state " + P(transaction) + " 0", 1));
   // Later than its time-out would have fired: a time-out result would be there by now.
-  hxf_transaction_h probe = Request(session, "hold", 300);
+  hxf_transaction_h probe = Request(session, "hold", 1500);
   ASSERT_TRUE(consumer_.events.WaitCount("result 1 null " + P(probe), 1));
   EXPECT_EQ(consumer_.events.CountPrefix("result "), 1);  // the probe's own, nothing for the first
 }

@@ -75,8 +75,12 @@ std::shared_ptr<IClient> CClientMgr::_ReleaseClient(hxf_client_h client) {
 template <typename Forward>
 void CClientMgr::_ForwardNamed(hxf_client_h client, const std::string& name, Forward&& forward) {
   RequireClientAndName(client, name);
+  forward(_LookupClient(client));
+}
+
+std::shared_ptr<IClient> CClientMgr::_LookupClient(hxf_client_h client) const {
   ReadLock guard(client_mutex_);
-  forward(_FindClient(client));
+  return _FindClient(client);
 }
 
 // ---- lifecycle ----
@@ -134,15 +138,13 @@ void CClientMgr::DestroyClientAsync(hxf_client_h client,
 // No null check here, on purpose: a null handle is simply not found (invalid handle).
 void CClientMgr::SetDiscoveredCallback(hxf_client_h client, const DiscoveredHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(client_mutex_);
-  _FindClient(client)->SetDiscoveredCallback(handler);
+  _LookupClient(client)->SetDiscoveredCallback(handler);
 }
 
 void CClientMgr::SetServiceNotificationCallback(hxf_client_h client,
                                                 const ServiceNotificationHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(client_mutex_);
-  _FindClient(client)->SetServiceNotificationCallback(handler);
+  _LookupClient(client)->SetServiceNotificationCallback(handler);
 }
 
 void CClientMgr::SetDeviceListDiscoveredCallback(hxf_client_h client, const std::string& name,
@@ -195,8 +197,7 @@ void CClientMgr::GetServiceProperty(hxf_client_h client, const std::string& name
                                     uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(client != nullptr, "invalid client handle", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(client_mutex_);
-  _FindClient(client)->GetServiceProperty(name, list, handler, timeout);
+  _LookupClient(client)->GetServiceProperty(name, list, handler, timeout);
 }
 
 void CClientMgr::AddDevice(hxf_client_h client, hxf_service_session_h session,
@@ -205,8 +206,7 @@ void CClientMgr::AddDevice(hxf_client_h client, hxf_service_session_h session,
   Require(client != nullptr, "invalid client handle", HXF_ERROR_INVALID_PARAMETER);
   Require(session != nullptr, "invalid service_session handle", HXF_ERROR_INVALID_PARAMETER);
   Require(endpoint != nullptr, "invalid endpoint handle", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(client_mutex_);
-  _FindClient(client)->AddDevice(session, endpoint);
+  _LookupClient(client)->AddDevice(session, endpoint);
 }
 
 void* CClientMgr::SubscribeService(hxf_client_h client, const std::string& name,
@@ -214,11 +214,7 @@ void* CClientMgr::SubscribeService(hxf_client_h client, const std::string& name,
   HXF_CALLTRACE_OBJ(this);
   RequireClientAndName(client, name);
   HXLOG(DLOG_INFO, "SubscribeService service name: %s\n", name.c_str());
-  std::shared_ptr<IClient> found;
-  {
-    ReadLock guard(client_mutex_);
-    found = _FindClient(client);
-  }
+  std::shared_ptr<IClient> found = _LookupClient(client);
   std::shared_ptr<IServiceSession> session = IServiceSession::Create();
   Require(session != nullptr, "service session create failed", HXF_ERROR_OPERATION_FAILED);
   std::shared_ptr<IServiceHandler> handler_of_service =
@@ -241,8 +237,7 @@ void CClientMgr::RequestService(hxf_client_h client, hxf_service_session_h sessi
   if (transaction_out != nullptr) *transaction_out = transaction->GetHandle();
   HXLOG(DLOG_INFO, "service_session: %p, service property name : %s\n", session,
         list != nullptr ? list->GetName().c_str() : "");
-  ReadLock guard(client_mutex_);
-  _FindClient(client)->RequestService(session, list, handler, timeout, transaction);
+  _LookupClient(client)->RequestService(session, list, handler, timeout, transaction);
 }
 
 }  // namespace HXFramework::Core

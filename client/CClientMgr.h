@@ -51,13 +51,16 @@ class CClientMgr : public IClientMgr {
   std::shared_ptr<IClient> _FindClient(hxf_client_h client) const;
   std::shared_ptr<IClient> _CreateClient(const std::string& name);
   std::shared_ptr<IClient> _ReleaseClient(hxf_client_h client);
-  // Checks the handle and the name, then forwards to the found client under the read lock.
+  // Takes the read lock itself and returns with it released: the client is then called
+  // outside the lock, since a call may run its queued jobs and callbacks on this thread.
+  std::shared_ptr<IClient> _LookupClient(hxf_client_h client) const;
+  // Checks the handle and the name, then forwards to the found client.
   template <typename Forward>
   void _ForwardNamed(hxf_client_h client, const std::string& name, Forward&& forward);
 
-  // Guards client_map_. Forwarding operations hold it for reading while they post to the
-  // client (which only queues a task); termination runs after it is released. Order: this
-  // lock may be held while the service manager's lock is taken, never the reverse.
+  // Guards client_map_ and is held only for its operations, for creating and starting a new
+  // client, and by Finalize: a client is called after the lock is released, so that jobs
+  // and callbacks it runs on this thread may use the API freely.
   mutable std::shared_mutex client_mutex_;
   std::unordered_map<hxf_client_h, std::shared_ptr<IClient>> client_map_;
 };

@@ -1,6 +1,7 @@
 #include "CServiceMgr.h"
 
 #include <mutex>
+#include <vector>
 
 #include "CException.h"
 #include "CommonText.h"
@@ -106,16 +107,35 @@ void CServiceMgr::_DestroyService(const std::string& name) {
   HXLOG(DLOG_INFO, "service[%s] deleted from service map\n", name.c_str());
 }
 
+std::shared_ptr<IServiceHandler> CServiceMgr::_LookupServiceHandler(
+    hxf_service_handler_h handle) const {
+  ReadLock guard(lock);
+  return _FindServiceHandler(handle);
+}
+
+std::shared_ptr<IService> CServiceMgr::_LookupService(const std::string& name) const {
+  ReadLock guard(lock);
+  return _FindService(name);
+}
+
+std::shared_ptr<IService> CServiceMgr::_LookupOrCreateService(const std::string& name) {
+  WriteLock guard(lock);
+  return _GetService(name);
+}
+
 template <typename Operation>
 void CServiceMgr::_ForNamedOrEveryService(const std::string& name, Operation&& operation) {
-  if (name == kEverything) {
-    // Reaches the services that exist now and creates none.
-    ReadLock guard(lock);
-    for (auto& [service_name, service] : service_map_) operation(service);
+  if (name != kEverything) {
+    operation(_LookupOrCreateService(name));
     return;
   }
-  WriteLock guard(lock);
-  operation(_GetService(name));
+  // Reaches the services that exist now and creates none.
+  std::vector<std::shared_ptr<IService>> services;
+  {
+    ReadLock guard(lock);
+    for (auto& [service_name, service] : service_map_) services.push_back(service);
+  }
+  for (const auto& service : services) operation(service);
 }
 
 // ---- lifecycle ----
@@ -157,77 +177,78 @@ void* CServiceMgr::CreateServiceHandler(const std::string& name, void* /*user_da
 
 void CServiceMgr::SetSearchCallback(hxf_service_handler_h h, const SearchHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetSearchCallback(cb);
+  _LookupServiceHandler(h)->SetSearchCallback(cb);
 }
 
 void CServiceMgr::SetSearchStopCallback(hxf_service_handler_h h, const SearchStopHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetSearchStopCallback(cb);
+  _LookupServiceHandler(h)->SetSearchStopCallback(cb);
 }
 
 void CServiceMgr::SetGetDeviceListCallback(hxf_service_handler_h h,
                                            const GetDeviceListHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetGetDeviceListCallback(cb);
+  _LookupServiceHandler(h)->SetGetDeviceListCallback(cb);
 }
 
 void CServiceMgr::SetListenCallback(hxf_service_handler_h h, const ListenHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetListenCallback(cb);
+  _LookupServiceHandler(h)->SetListenCallback(cb);
 }
 
 void CServiceMgr::SetListenStopCallback(hxf_service_handler_h h, const ListenStopHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetListenStopCallback(cb);
+  _LookupServiceHandler(h)->SetListenStopCallback(cb);
 }
 
 void CServiceMgr::SetAddDeviceCallback(hxf_service_handler_h h, const AddDeviceHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetAddDeviceCallback(cb);
+  _LookupServiceHandler(h)->SetAddDeviceCallback(cb);
 }
 
 void CServiceMgr::SetServiceSessionCreatedCallback(hxf_service_handler_h h,
                                                    const ServiceSessionCreatedHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetServiceSessionCreatedCallback(cb);
+  _LookupServiceHandler(h)->SetServiceSessionCreatedCallback(cb);
 }
 
 void CServiceMgr::SetRequestServiceCallback(hxf_service_handler_h h,
                                             const SetServicePropertyHandler_t& cb) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(h)->SetRequestServiceCallback(cb);
+  _LookupServiceHandler(h)->SetRequestServiceCallback(cb);
 }
 
 void CServiceMgr::SubscribeService(hxf_service_handler_h handle, const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   Require(handle != nullptr, "service_handler handle is null", HXF_ERROR_INVALID_HANDLE);
   Require(!name.empty(), "service name is empty", HXF_ERROR_INVALID_SERVICE_NAME);
-  WriteLock guard(lock);
   HXLOG(DLOG_INFO, "service name: %s\n", name.c_str());
-  std::shared_ptr<IServiceHandler> handler = _FindServiceHandler(handle);
-  _GetService(name)->Subscribe(handler);
+  std::shared_ptr<IServiceHandler> handler;
+  std::shared_ptr<IService> service;
+  {
+    WriteLock guard(lock);
+    handler = _FindServiceHandler(handle);
+    service = _GetService(name);
+  }
+  service->Subscribe(handler);
 }
 
 void CServiceMgr::UnsubscribeService(hxf_service_handler_h handle, const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   Require(handle != nullptr, "service handler handle is null", HXF_ERROR_INVALID_HANDLE);
   Require(!name.empty(), "service name is empty", HXF_ERROR_INVALID_SERVICE_NAME);
-  WriteLock guard(lock);
   HXLOG(DLOG_INFO, "service name: %s\n", name.c_str());
-  std::shared_ptr<IService> service = _FindService(name);
-  service->Unsubscribe(handle);
+  std::shared_ptr<IService> service;
+  {
+    WriteLock guard(lock);
+    service = _FindService(name);
+    _DestroyService(name);
+  }
   // Unsubscribing any one handler ends the whole service, whoever else it had: kept so.
-  // Its context stops synchronously under the write lock; its jobs never take this lock.
+  // Its context is stopped after the lock is released: stopping runs the jobs already queued
+  // on this thread, and those may call back into the application.
+  service->Unsubscribe(handle);
   service->Termi();
-  _DestroyService(name);
 }
 
 void CServiceMgr::DestroyServiceHandler(hxf_service_handler_h handle) {
@@ -289,8 +310,7 @@ void CServiceMgr::SetSearchClient(const std::string& name, const std::shared_ptr
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "client is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
-  WriteLock guard(lock);
-  _GetService(name)->SetSearchClient(client);
+  _LookupOrCreateService(name)->SetSearchClient(client);
 }
 
 // No wildcard here: "*" is an ordinary name and fails unless such a service exists.
@@ -298,16 +318,14 @@ void CServiceMgr::StopActiveSearch(const std::string& name, hxf_client_h client)
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_name is emtpry!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "invalid client handle!!", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
-  _FindService(name)->StopActiveSearch(client);
+  _LookupService(name)->StopActiveSearch(client);
 }
 
 void CServiceMgr::StopPassiveSearch(const std::string& name, hxf_client_h client) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
   Require(client != nullptr, "invalid client handle!!", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
-  _FindService(name)->StopPassiveSearch(client);
+  _LookupService(name)->StopPassiveSearch(client);
 }
 
 void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) {
@@ -316,9 +334,8 @@ void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) {
 
 std::shared_ptr<IServiceHandler> CServiceMgr::GetServiceHandler(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
-  WriteLock guard(lock);
   HXLOG(DLOG_INFO, "service_name: %s\n", name.c_str());
-  return _GetService(name)->GetServiceHandler();
+  return _LookupOrCreateService(name)->GetServiceHandler();
 }
 
 void CServiceMgr::GetServiceProperty(const std::string& name,
@@ -327,8 +344,7 @@ void CServiceMgr::GetServiceProperty(const std::string& name,
                                      uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
-  _FindService(name)->GetServiceProperty(list, handler, timeout);
+  _LookupService(name)->GetServiceProperty(list, handler, timeout);
 }
 
 void CServiceMgr::SetServiceProperty(const std::string& name,
@@ -337,8 +353,7 @@ void CServiceMgr::SetServiceProperty(const std::string& name,
                                      uint32_t timeout) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
-  _FindService(name)->SetServiceProperty(list, handler, timeout);
+  _LookupService(name)->SetServiceProperty(list, handler, timeout);
 }
 
 // ---- reports from plugins ----
@@ -349,8 +364,7 @@ void CServiceMgr::Discovered(hxf_service_handler_h handle,
   HXF_CALLTRACE_OBJ(this);
   Require(handle != nullptr, "service_handler_h is invalid!!", HXF_ERROR_INVALID_PARAMETER);
   Require(endpoint != nullptr, "endpoint is invalid!!", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
-  _FindService(endpoint->GetServiceName())->Discovered(handle, endpoint);
+  _LookupService(endpoint->GetServiceName())->Discovered(handle, endpoint);
 }
 
 void CServiceMgr::DeviceListDiscovered(hxf_service_handler_h handle,
@@ -359,31 +373,24 @@ void CServiceMgr::DeviceListDiscovered(hxf_service_handler_h handle,
   Require(handle != nullptr, "service_handler_h is invalid!!", HXF_ERROR_INVALID_PARAMETER);
   Require(list != nullptr, "endpoint_list is invalid!!", HXF_ERROR_INVALID_PARAMETER);
   Require(!list->Empty(), "no endpoint in endpoint_list", HXF_ERROR_INVALID_PARAMETER);
-  ReadLock guard(lock);
   HXLOG(DLOG_INFO, "service handler h : [%p]\n", handle);
   const std::string name = CommonText(hxf_endpoint_get_service_name(list->GetFirst()));
-  _FindService(name)->DeviceListDiscovered(handle, list);
+  _LookupService(name)->DeviceListDiscovered(handle, list);
 }
 
 void CServiceMgr::SendRequestResult(hxf_service_handler_h handle, const std::string& name,
                                     const std::shared_ptr<IPropertyListHelper>& list,
                                     hxf_transaction_h transaction, hxf_error_e error) {
   HXF_CALLTRACE_OBJ(this);
-  std::shared_ptr<IServiceHandler> handler;
-  {
-    ReadLock guard(lock);
-    HXLOG(DLOG_ERROR, "pelnor debug1\n");
-    handler = _FindServiceHandler(handle);
-  }
-  handler->SendRequestResult(name, list, transaction, error);
+  HXLOG(DLOG_ERROR, "pelnor debug1\n");
+  _LookupServiceHandler(handle)->SendRequestResult(name, list, transaction, error);
 }
 
 void CServiceMgr::Notify(hxf_service_handler_h handle, const std::string& name,
                          const std::shared_ptr<IPropertyListHelper>& list,
                          hxf_transaction_h transaction, hxf_error_e error) {
   HXF_CALLTRACE_OBJ(this);
-  ReadLock guard(lock);
-  _FindServiceHandler(handle)->Notify(name, list, transaction, error);
+  _LookupServiceHandler(handle)->Notify(name, list, transaction, error);
 }
 
 }  // namespace HXFramework::Core

@@ -66,7 +66,7 @@ class CServiceMgr : public IServiceMgr {
   void SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) override;
 
  private:
-  // All called with `lock` held.
+  // Called with `lock` held.
   std::shared_ptr<IServiceHandler> _CreateServiceHandler(const std::string& name);
   std::shared_ptr<IServiceHandler> _FindServiceHandler(hxf_service_handler_h handle) const;
   std::shared_ptr<IServiceHandler> _ReleaseServiceHandler(hxf_service_handler_h handle);
@@ -74,12 +74,20 @@ class CServiceMgr : public IServiceMgr {
   std::shared_ptr<IService> _FindService(const std::string& name) const;
   std::shared_ptr<IService> _GetService(const std::string& name);
   void _DestroyService(const std::string& name);
+  // The same, each taking the lock itself and returning with it released: the object is
+  // then called outside the lock, since a call may run queued jobs and their callbacks on
+  // this thread.
+  std::shared_ptr<IServiceHandler> _LookupServiceHandler(hxf_service_handler_h handle) const;
+  std::shared_ptr<IService> _LookupService(const std::string& name) const;
+  std::shared_ptr<IService> _LookupOrCreateService(const std::string& name);
   // Runs `operation` on every existing service ("*"), or on the named one, created if new.
   template <typename Operation>
   void _ForNamedOrEveryService(const std::string& name, Operation&& operation);
 
-  // Guards both maps. Lock order: this lock, then a service's handler lock; never the
-  // reverse (services never call the manager while holding their own lock).
+  // Guards both maps, and is held only for their operations, for creating and starting a
+  // new object, and by Finalize: never while an existing object runs work that may call
+  // back into the application or a plugin. Lock order: this lock, then a service's handler
+  // lock; never the reverse.
   mutable std::shared_mutex lock;
   std::unordered_map<std::string, std::shared_ptr<IService>> service_map_;
   std::unordered_map<hxf_service_handler_h, std::shared_ptr<IServiceHandler>> service_handler_map_;

@@ -422,9 +422,9 @@ TEST_F(EndToEnd, RequestOnASessionThisClientNeverSubscribedIsOnlyLogged) {
 // notification and some never. Every request gets at most one result (its answer or its
 // time-out) and is settled by it or by the notification naming it on the session that sent
 // it. (A notification that comes after the time-out is still delivered, as news, and since
-// it skips the client's queue it may even reach the application before that time-out.) Requests are told apart by tags, not by transaction
-// handles, and a notification reaches every session of the handler, so each subscriber
-// counts only the tags of its own client.
+// it skips the client's queue it may even reach the application before that time-out.) Requests are
+// told apart by tags, not by transaction handles, and a notification reaches every session of the
+// handler, so each subscriber counts only the tags of its own client.
 TEST_F(EndToEnd, EveryTransactionGetsExactlyOneCallbackUnderConcurrency) {
   constexpr int kThreads = 4;
   constexpr int kRequests = 60;
@@ -550,4 +550,32 @@ TEST_F(EndToEnd, AStaleClientHandleIsNotFoundEvenAfterNewClientsAreMade) {
                                                 &consumer_),
             HXF_ERROR_INVALID_HANDLE);
   hxf_core_client_destroy(new_client);
+}
+
+// Regression: a manager called an object while holding its registry lock, and the call could
+// run other threads' queued jobs on this thread, so an application callback calling the API
+// could deadlock on that lock. Callbacks here call the API from inside themselves.
+TEST_F(EndToEnd, CallbacksMayCallTheApiFromInsideThemselves) {
+  struct Reentrant {
+    EventLog events;
+    static void OnList(hxf_client_h client, hxf_string service, hxf_endpoint_discovery_result_e,
+                       hxf_endpoint_list_h, void* ud) {
+      auto* self = static_cast<Reentrant*>(ud);
+      hxf_client_h extra = hxf_core_client_create(hxf_string_from_cstr("from-callback"));
+      hxf_core_client_start_active_search(extra, service, &Reentrant::OnFound, 5000, ud);
+      hxf_core_set_device_list_discovered_callback(client, service, &Reentrant::OnList,
+                                                   ud);  // the same slot
+      self->events.Add("list");
+      hxf_core_client_destroy_async(extra, nullptr, nullptr);
+    }
+    static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h,
+                        void* ud) {
+      static_cast<Reentrant*>(ud)->events.Add("found");
+    }
+  };
+  static Reentrant reentrant;  // outlives every callback of this test
+  for (int i = 0; i < 20; ++i) {
+    hxf_core_client_get_device_list(client_, Str("lights"), &Reentrant::OnList, 5000, &reentrant);
+  }
+  EXPECT_TRUE(reentrant.events.WaitCount("list", 20));
 }

@@ -27,7 +27,7 @@ struct Pending {
   int service;
 };
 
-std::mutex g_mutex;                       // guards everything below but the atomics
+std::mutex g_mutex;  // guards everything below but the atomics
 hxf_service_handler_h g_handlers[kServices] = {};
 std::deque<Pending> g_pending;
 std::vector<std::thread> g_threads;
@@ -36,7 +36,9 @@ std::atomic<long> g_operations{0};
 std::atomic<int> g_destroyed_callbacks{0};
 std::atomic<int> g_async_destroys{0};
 
-hxf_string S(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+hxf_string S(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
 
 int ServiceOf(hxf_service_handler_h handler) {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -46,7 +48,8 @@ int ServiceOf(hxf_service_handler_h handler) {
   return -1;
 }
 
-void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h list, void*) {
+void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
+               hxf_property_list_h list, void*) {
   const int service = ServiceOf(handler);
   std::lock_guard<std::mutex> lock(g_mutex);
   if (service >= 0 && g_pending.size() < 100000) {
@@ -63,10 +66,13 @@ void OnSearch(hxf_service_handler_h handler, hxf_string name, void*) {
   hxf_endpoint_destroy(endpoint);
 }
 
-void OnDestroyed(hxf_service_handler_h, void*) { ++g_destroyed_callbacks; }
+void OnDestroyed(hxf_service_handler_h, void*) {
+  ++g_destroyed_callbacks;
+}
 
 hxf_service_handler_h MakeHandler(int service) {
-  hxf_service_handler_h handler = hxf_core_service_handler_create(S(std::string("p-") + kServiceNames[service]), nullptr);
+  hxf_service_handler_h handler =
+      hxf_core_service_handler_create(S(std::string("p-") + kServiceNames[service]), nullptr);
   hxf_core_service_handler_set_search_callback(handler, OnSearch, nullptr);
   hxf_core_service_handler_set_listen_callback(handler, OnSearch, nullptr);
   hxf_core_service_handler_set_get_device_list_callback(handler, OnSearch, nullptr);
@@ -83,9 +89,11 @@ void Send(bool notify, int service, hxf_transaction_h transaction, const std::st
   }
   hxf_property_list_h list = hxf_property_list_create(S(name));
   if (notify) {
-    hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction, HXF_ERROR_NONE);
+    hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction,
+                                    HXF_ERROR_NONE);
   } else {
-    hxf_core_service_handler_send_request_result(handler, S(kServiceNames[service]), list, transaction, HXF_ERROR_NONE);
+    hxf_core_service_handler_send_request_result(handler, S(kServiceNames[service]), list,
+                                                 transaction, HXF_ERROR_NONE);
   }
   hxf_property_list_destroy(list);
 }
@@ -101,7 +109,8 @@ void ProviderLoop(unsigned seed) {
       std::lock_guard<std::mutex> lock(g_mutex);
       if (!g_pending.empty()) {
         // Mostly the oldest; sometimes a newer one, so that some are answered late.
-        auto at = g_pending.begin() + static_cast<long>(random() % std::min<size_t>(g_pending.size(), 4));
+        auto at =
+            g_pending.begin() + static_cast<long>(random() % std::min<size_t>(g_pending.size(), 4));
         pending = *at;
         g_pending.erase(at);
         have = true;
@@ -114,10 +123,11 @@ void ProviderLoop(unsigned seed) {
         Send(false, pending.service, pending.transaction, pending.name);  // twice
         Send(false, pending.service, pending.transaction, pending.name);
       } else if (dice < 52) {
-        Send(true, pending.service, pending.transaction, pending.name);   // completed by a notification
-      }  // else never: the request times out
+        Send(true, pending.service, pending.transaction,
+             pending.name);  // completed by a notification
+      }                      // else never: the request times out
     } else if (dice < 70) {
-      Send(true, service, nullptr, "news");                                // news without transaction
+      Send(true, service, nullptr, "news");  // news without transaction
     } else if (dice < 80) {
       hxf_service_handler_h handler;
       {
@@ -146,7 +156,8 @@ void ProviderLoop(unsigned seed) {
       }
       if (random() % 2 == 0) {
         hxf_core_service_handler_destroy(old);
-      } else if (hxf_core_service_handler_destroy_async(old, OnDestroyed, nullptr) == HXF_ERROR_NONE) {
+      } else if (hxf_core_service_handler_destroy_async(old, OnDestroyed, nullptr) ==
+                 HXF_ERROR_NONE) {
         ++g_async_destroys;
       }
     } else if (dice < 84) {
@@ -169,9 +180,10 @@ void ProviderLoop(unsigned seed) {
 }  // namespace
 
 EXPORT bool CreatePlugin(void) {
-  {
+  for (int i = 0; i < kServices; ++i) {
+    hxf_service_handler_h handler = MakeHandler(i);  // never call the API holding our lock
     std::lock_guard<std::mutex> lock(g_mutex);
-    for (int i = 0; i < kServices; ++i) g_handlers[i] = MakeHandler(i);
+    g_handlers[i] = handler;
   }
   hxf_core_plugin_send_load_result(S("stress"), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   return true;
@@ -179,7 +191,8 @@ EXPORT bool CreatePlugin(void) {
 
 EXPORT void hxf_stress_start(unsigned seed, int threads) {
   g_running = true;
-  for (int i = 0; i < threads; ++i) g_threads.emplace_back(ProviderLoop, seed * 7919u + static_cast<unsigned>(i));
+  for (int i = 0; i < threads; ++i)
+    g_threads.emplace_back(ProviderLoop, seed * 7919u + static_cast<unsigned>(i));
 }
 
 EXPORT void hxf_stress_stop(void) {
@@ -188,9 +201,15 @@ EXPORT void hxf_stress_stop(void) {
   g_threads.clear();
 }
 
-EXPORT long hxf_stress_operations(void) { return g_operations.load(); }
-EXPORT int hxf_stress_async_destroys(void) { return g_async_destroys.load(); }
-EXPORT int hxf_stress_destroyed_callbacks(void) { return g_destroyed_callbacks.load(); }
+EXPORT long hxf_stress_operations(void) {
+  return g_operations.load();
+}
+EXPORT int hxf_stress_async_destroys(void) {
+  return g_async_destroys.load();
+}
+EXPORT int hxf_stress_destroyed_callbacks(void) {
+  return g_destroyed_callbacks.load();
+}
 
 EXPORT bool DestroyPlugin(void) {
   hxf_stress_stop();
@@ -199,11 +218,15 @@ EXPORT bool DestroyPlugin(void) {
   while (g_destroyed_callbacks < g_async_destroys && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
   }
-  std::lock_guard<std::mutex> lock(g_mutex);
-  for (int i = 0; i < kServices; ++i) {
-    hxf_core_service_handler_destroy(g_handlers[i]);
-    g_handlers[i] = nullptr;
+  hxf_service_handler_h handlers[kServices];
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (int i = 0; i < kServices; ++i) {
+      handlers[i] = g_handlers[i];
+      g_handlers[i] = nullptr;
+    }
+    g_pending.clear();
   }
-  g_pending.clear();
+  for (hxf_service_handler_h handler : handlers) hxf_core_service_handler_destroy(handler);
   return true;
 }

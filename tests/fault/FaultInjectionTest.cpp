@@ -16,7 +16,9 @@ using HXFramework::Test::LogCapture;
 
 namespace {
 
-hxf_string Str(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+hxf_string Str(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
 
 template <typename Fn>
 Fn Hook(const std::string& plugin, const char* symbol) {
@@ -49,17 +51,21 @@ class FaultInjection : public ::testing::Test {
   static void OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* ud) {
     static_cast<EventLog*>(ud)->Add(std::string(name.str, name.len) + " " + std::to_string(result));
   }
-  static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e r, hxf_endpoint_h e, void* ud) {
-    static_cast<EventLog*>(ud)->Add(e != nullptr ? std::string("found ") + hxf_endpoint_get_device_id(e)
-                                                 : "ended " + std::to_string(r));
+  static void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e r, hxf_endpoint_h e,
+                      void* ud) {
+    static_cast<EventLog*>(ud)->Add(e != nullptr
+                                        ? std::string("found ") + hxf_endpoint_get_device_id(e)
+                                        : "ended " + std::to_string(r));
   }
-  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h l, hxf_transaction_h,
-                       hxf_error_e e, void* ud) {
-    static_cast<EventLog*>(ud)->Add("result " + std::to_string(e) + " " + (l ? hxf_property_list_get_name(l) : "null"));
+  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h l,
+                       hxf_transaction_h, hxf_error_e e, void* ud) {
+    static_cast<EventLog*>(ud)->Add("result " + std::to_string(e) + " " +
+                                    (l ? hxf_property_list_get_name(l) : "null"));
   }
-  static void OnNotify(hxf_string, hxf_service_session_h, hxf_property_list_h l, hxf_transaction_h, hxf_error_e,
-                       void* ud) {
-    static_cast<EventLog*>(ud)->Add(std::string("notify ") + (l ? hxf_property_list_get_name(l) : "null"));
+  static void OnNotify(hxf_string, hxf_service_session_h, hxf_property_list_h l, hxf_transaction_h,
+                       hxf_error_e, void* ud) {
+    static_cast<EventLog*>(ud)->Add(std::string("notify ") +
+                                    (l ? hxf_property_list_get_name(l) : "null"));
   }
   void Load(const std::string& plugin) {
     ASSERT_EQ(hxf_core_plugin_load(Str(plugin), &OnLoaded, &loads_), HXF_ERROR_NONE);
@@ -71,7 +77,8 @@ class FaultInjection : public ::testing::Test {
   void Request(hxf_client_h client, hxf_service_session_h session, uint32_t timeout = 5000) {
     hxf_property_list_h list = hxf_property_list_create(Str("get"));
     hxf_transaction_h transaction = nullptr;
-    hxf_core_client_request_service(client, session, list, &OnResult, timeout, &transaction, &events_);
+    hxf_core_client_request_service(client, session, list, &OnResult, timeout, &transaction,
+                                    &events_);
     hxf_property_list_destroy(list);
   }
 
@@ -102,7 +109,8 @@ TEST_F(FaultInjection, APluginCallingTheApiFromInsideEveryCallbackStillWorks) {
   hxf_client_h client = Client();
   hxf_core_client_start_active_search(client, Str("echo"), &OnFound, 5000, &events_);
   ASSERT_TRUE(events_.WaitCount("found echo-1", 1));
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client, Str("echo"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client, Str("echo"), &OnNotify, &events_);
   ASSERT_NE(session, nullptr);
   Request(client, session);
   Request(client, session);
@@ -111,6 +119,16 @@ TEST_F(FaultInjection, APluginCallingTheApiFromInsideEveryCallbackStillWorks) {
   ASSERT_TRUE(events_.WaitCount("result 0 answer", 2));
   EXPECT_TRUE(events_.WaitCount("notify news", 2));
   EXPECT_EQ(events_.Count("result 0 answer"), 2);
+}
+
+TEST_F(FaultInjection, LoadingFromInsideDestroyPluginFailsInsteadOfDeadlocking) {
+  Load("fault_reentrant");
+  ASSERT_TRUE(loads_.WaitCount("fault_reentrant 0", 1));
+  LogCapture capture;
+  EXPECT_EQ(hxf_core_plugin_unload(Str("fault_reentrant")), HXF_ERROR_NONE);
+  EXPECT_TRUE(
+      capture.Contains("Exception !! - plugin manager re-entered from a plugin entry "
+                       "point(error:2)(error_code:2)\n"));
 }
 
 TEST_F(FaultInjection, APluginBlockedInsideACallbackDoesNotStopOtherClients) {
@@ -125,7 +143,8 @@ TEST_F(FaultInjection, APluginBlockedInsideACallbackDoesNotStopOtherClients) {
   // The stuck client's own search still times out: timers do not need the blocked thread.
   EXPECT_TRUE(events_.WaitCount("ended 2", 1));
   hxf_client_h other = Client();
-  hxf_service_session_h session = hxf_core_client_subscribe_service(other, Str("free"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(other, Str("free"), &OnNotify, &events_);
   ASSERT_NE(session, nullptr);
   for (int i = 0; i < 20; ++i) Request(other, session);
   EXPECT_TRUE(events_.WaitCount("result 0 answer", 20));
@@ -141,24 +160,29 @@ TEST_F(FaultInjection, APluginUnloadingItselfFromItsOwnThreadKeepsItsCodeMapped)
   LogCapture capture;
   unload_myself();
   EXPECT_TRUE(Eventually([&] { return returned(); }));  // its thread came back into its code safely
-  EXPECT_TRUE(capture.Contains("plugin fault_self_unload unloads itself: its library stays open\n"));
-  EXPECT_EQ(hxf_core_plugin_unload(Str("fault_self_unload")), HXF_ERROR_OPERATION_FAILED);  // gone from the map
+  EXPECT_TRUE(
+      capture.Contains("plugin fault_self_unload unloads itself: its library stays open\n"));
+  EXPECT_EQ(hxf_core_plugin_unload(Str("fault_self_unload")),
+            HXF_ERROR_OPERATION_FAILED);  // gone from the map
 }
 
 TEST_F(FaultInjection, ResultsAndNotificationsForTransactionsThatNeverExistedAreDropped) {
   hxf_service_handler_h handler = hxf_core_service_handler_create(Str("liar"), nullptr);
   hxf_core_service_handler_subscribe_service(handler, Str("lies"));
   hxf_client_h client = Client();
-  hxf_service_session_h session = hxf_core_client_subscribe_service(client, Str("lies"), &OnNotify, &events_);
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client, Str("lies"), &OnNotify, &events_);
   ASSERT_NE(session, nullptr);
   LogCapture capture;
   hxf_property_list_h list = hxf_property_list_create(Str("made-up"));
   int never_issued = 0;
-  EXPECT_EQ(hxf_core_service_handler_send_request_result(handler, Str("lies"), list, &never_issued, HXF_ERROR_NONE),
+  EXPECT_EQ(hxf_core_service_handler_send_request_result(handler, Str("lies"), list, &never_issued,
+                                                         HXF_ERROR_NONE),
             HXF_ERROR_NONE);
   EXPECT_TRUE(capture.WaitFor("[RequestResult] transaction NOT Found. But Not Error case."));
-  EXPECT_EQ(hxf_core_service_handler_notify(handler, Str("lies"), list, &never_issued, HXF_ERROR_NONE),
-            HXF_ERROR_NONE);
+  EXPECT_EQ(
+      hxf_core_service_handler_notify(handler, Str("lies"), list, &never_issued, HXF_ERROR_NONE),
+      HXF_ERROR_NONE);
   EXPECT_TRUE(events_.WaitCount("notify made-up", 1));  // news, with the handle as given
   hxf_property_list_destroy(list);
   EXPECT_EQ(events_.CountPrefix("result"), 0);
@@ -170,7 +194,8 @@ TEST_F(FaultInjection, DeviceReportsForServicesThatDoNotExistFailWithCode2) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(Str("no-such-service"));
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
-  EXPECT_EQ(hxf_core_service_handler_report_device_found(handler, endpoint), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_service_handler_report_device_found(handler, endpoint),
+            HXF_ERROR_OPERATION_FAILED);
   EXPECT_EQ(hxf_core_service_handler_report_device_list(handler, list), HXF_ERROR_OPERATION_FAILED);
   hxf_endpoint_list_destroy(list);
   hxf_endpoint_destroy(endpoint);
@@ -185,8 +210,10 @@ TEST_F(FaultInjection, GarbageHandlesAreNotFoundNeverDereferenced) {
     EXPECT_EQ(hxf_core_client_stop_active_search(handle, Str("x")), HXF_ERROR_INVALID_HANDLE);
     EXPECT_EQ(hxf_core_client_subscribe_service(handle, Str("x"), &OnNotify, nullptr), nullptr);
     EXPECT_EQ(hxf_core_service_handler_destroy(handle), HXF_ERROR_INVALID_HANDLE);
-    EXPECT_EQ(hxf_core_service_handler_subscribe_service(handle, Str("x")), HXF_ERROR_INVALID_HANDLE);
-    EXPECT_EQ(hxf_core_service_handler_send_request_result(handle, Str("x"), nullptr, handle, HXF_ERROR_NONE),
+    EXPECT_EQ(hxf_core_service_handler_subscribe_service(handle, Str("x")),
+              HXF_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(hxf_core_service_handler_send_request_result(handle, Str("x"), nullptr, handle,
+                                                           HXF_ERROR_NONE),
               HXF_ERROR_OPERATION_FAILED);  // the null list fails first
   }
 }

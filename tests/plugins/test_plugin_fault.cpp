@@ -20,8 +20,12 @@
 
 namespace {
 
-hxf_string S(const char* text) { return hxf_string_from_cstr(text); }
-const char* PluginName() { return "fault_" HXF_FAULT_MODE; }
+hxf_string S(const char* text) {
+  return hxf_string_from_cstr(text);
+}
+const char* PluginName() {
+  return "fault_" HXF_FAULT_MODE;
+}
 
 hxf_service_handler_h g_handler = nullptr;
 hxf_service_handler_h g_free_handler = nullptr;
@@ -33,7 +37,8 @@ std::atomic<bool> g_self_unload_returned{false};
 
 void Answer(hxf_service_handler_h handler, const char* service, hxf_transaction_h transaction) {
   hxf_property_list_h result = hxf_property_list_create(S("answer"));
-  hxf_core_service_handler_send_request_result(handler, S(service), result, transaction, HXF_ERROR_NONE);
+  hxf_core_service_handler_send_request_result(handler, S(service), result, transaction,
+                                               HXF_ERROR_NONE);
   hxf_property_list_destroy(result);
 }
 
@@ -41,7 +46,8 @@ void Answer(hxf_service_handler_h handler, const char* service, hxf_transaction_
 
 void EchoSearch(hxf_service_handler_h handler, hxf_string name, void*);
 
-void EchoRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h, void*) {
+void EchoRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h,
+                 void*) {
   // Answers twice and notifies, all from inside the callback.
   Answer(handler, "echo", transaction);
   Answer(handler, "echo", transaction);
@@ -56,10 +62,11 @@ void EchoSearch(hxf_service_handler_h handler, hxf_string name, void*) {
   hxf_endpoint_set_device_id(endpoint, S("echo-1"));
   hxf_core_service_handler_report_device_found(handler, endpoint);
   hxf_endpoint_destroy(endpoint);
-  hxf_core_service_handler_set_search_callback(handler, EchoSearch, nullptr);   // again
+  hxf_core_service_handler_set_search_callback(handler, EchoSearch, nullptr);  // again
   hxf_core_service_handler_subscribe_service(handler, S("echo"));              // already: error
   hxf_core_service_handler_subscribe_service(handler, S("echo-extra"));        // a new one
-  hxf_core_plugin_send_load_result(S(PluginName()), HXF_PLUGIN_LOAD_RESULT_SUCCESS);  // no handler left
+  hxf_core_plugin_send_load_result(S(PluginName()),
+                                   HXF_PLUGIN_LOAD_RESULT_SUCCESS);  // no handler left
 }
 
 // ---- blocking ----
@@ -70,7 +77,8 @@ void StuckSearch(hxf_service_handler_h, hxf_string, void*) {
   g_cv.wait(lock, [] { return g_released; });
 }
 
-void FreeRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h, void*) {
+void FreeRequest(hxf_service_handler_h handler, hxf_transaction_h transaction, hxf_property_list_h,
+                 void*) {
   Answer(handler, "free", transaction);
 }
 
@@ -99,6 +107,10 @@ EXPORT bool CreatePlugin(void) {
 }
 
 EXPORT bool DestroyPlugin(void) {
+  if (MODE_IS("reentrant")) {
+    // Runs under the plugin manager's lock: loading from here must fail, not deadlock.
+    hxf_core_plugin_load(S("reentrant-from-destroy"), nullptr, nullptr);
+  }
   {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_released = true;  // never leave a core thread stuck in here
@@ -112,7 +124,9 @@ EXPORT bool DestroyPlugin(void) {
 
 // ---- test hooks ----
 
-EXPORT int hxf_fault_blocked(void) { return g_blocked.load(); }
+EXPORT int hxf_fault_blocked(void) {
+  return g_blocked.load();
+}
 
 EXPORT void hxf_fault_release(void) {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -128,4 +142,6 @@ EXPORT void hxf_fault_unload_myself(void) {
   }).detach();
 }
 
-EXPORT bool hxf_fault_self_unload_returned(void) { return g_self_unload_returned.load(); }
+EXPORT bool hxf_fault_self_unload_returned(void) {
+  return g_self_unload_returned.load();
+}

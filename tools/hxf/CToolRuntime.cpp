@@ -78,6 +78,20 @@ std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
   return properties;
 }
 
+Event MakeEvent(Event::Kind kind, const std::string& name, int code) {
+  Event event{kind};
+  event.name = name;
+  event.code = code;
+  return event;
+}
+
+// The list's name and properties, or nothing for a null list.
+void ReadList(hxf_property_list_h list, Event* event) {
+  if (list == nullptr) return;
+  event->list_name = hxf_property_list_get_name(list);
+  event->properties = ReadProperties(list);
+}
+
 int Threshold(const std::string& level) {
   if (level == "debug") return DLOG_DEBUG;
   if (level == "info") return DLOG_INFO;
@@ -171,26 +185,20 @@ void CToolRuntime::Close() {
 }
 
 void CToolRuntime::OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* self) {
-  Event event{Event::kLoaded};
-  event.name = Copy(name);
-  event.code = result;
+  Event event = MakeEvent(Event::kLoaded, Copy(name), result);
   Self(self)->events_.Push(std::move(event));
 }
 
 void CToolRuntime::OnFound(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
                            hxf_endpoint_h endpoint, void* self) {
-  Event event{Event::kFound};
-  event.name = Copy(service);
-  event.code = result;
+  Event event = MakeEvent(Event::kFound, Copy(service), result);
   if (endpoint != nullptr) event.devices.push_back(ReadDevice(endpoint));
   Self(self)->events_.Push(std::move(event));
 }
 
 void CToolRuntime::OnList(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
                           hxf_endpoint_list_h list, void* self) {
-  Event event{Event::kList};
-  event.name = Copy(service);
-  event.code = result;
+  Event event = MakeEvent(Event::kList, Copy(service), result);
   for (hxf_endpoint_h e = hxf_endpoint_list_get_first(list); e != nullptr;
        e = hxf_endpoint_list_get_next(list, e)) {
     event.devices.push_back(ReadDevice(e));
@@ -200,27 +208,18 @@ void CToolRuntime::OnList(hxf_client_h, hxf_string service, hxf_endpoint_discove
 
 void CToolRuntime::OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list,
                             hxf_transaction_h transaction, hxf_error_e error, void* self) {
-  Event event{Event::kResult};
-  event.code = error;
+  Event event = MakeEvent(Event::kResult, "", error);
   event.transaction = transaction;
-  if (list != nullptr) {
-    event.list_name = hxf_property_list_get_name(list);
-    event.properties = ReadProperties(list);
-  }
+  ReadList(list, &event);
   Self(self)->events_.Push(std::move(event));
 }
 
 void CToolRuntime::OnNotification(hxf_string service, hxf_service_session_h,
                                   hxf_property_list_h list, hxf_transaction_h transaction,
                                   hxf_error_e error, void* self) {
-  Event event{Event::kNotification};
-  event.name = Copy(service);
-  event.code = error;
+  Event event = MakeEvent(Event::kNotification, Copy(service), error);
   event.transaction = transaction;
-  if (list != nullptr) {
-    event.list_name = hxf_property_list_get_name(list);
-    event.properties = ReadProperties(list);
-  }
+  ReadList(list, &event);
   Self(self)->events_.Push(std::move(event));
 }
 

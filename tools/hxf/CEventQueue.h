@@ -31,6 +31,9 @@ struct Event {
   void* transaction = nullptr;
 };
 
+// The hand-off between the core's threads (and the signal thread), which Push, and the
+// tool's main thread, which takes: events are copied in whole, so no handle of a callback
+// outlives the callback, and one mutex guards the queue.
 class CEventQueue {
  public:
   using Clock = std::chrono::steady_clock;

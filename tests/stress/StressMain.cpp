@@ -26,7 +26,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr const char* kServices[] = {"stress-a", "stress-b", "stress-c", "*"};
 
-hxf_string S(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+hxf_string S(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
 
 struct Options {
   long duration_ms = 3000;
@@ -38,7 +40,7 @@ struct Options {
 // One request's fate.
 struct Request {
   std::string tag;
-  int client;  // index of the consumer's client generation
+  int client;                               // index of the consumer's client generation
   hxf_service_session_h session = nullptr;  // the session it was sent on
   std::atomic<int> results{0};
   std::atomic<int> notifications{0};
@@ -64,18 +66,26 @@ struct World {
 
 World* g_world = nullptr;
 
+// Wakes whoever waits for requests or destroys to settle.
+void Wake() {
+  std::lock_guard<std::mutex> lock(g_world->mutex);
+  g_world->cv.notify_all();
+}
+
 void Settle(Request& request, bool notification) {
   ++(notification ? request.notifications : request.results);
   ++g_world->callbacks;
   ++g_world->progress;
+  Wake();
 }
 
-void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h, hxf_error_e, void* ud) {
+void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h,
+              hxf_error_e, void* ud) {
   Settle(*static_cast<Request*>(ud), false);
 }
 
-void OnNotify(hxf_string, hxf_service_session_h session, hxf_property_list_h list, hxf_transaction_h, hxf_error_e,
-              void* ud) {
+void OnNotify(hxf_string, hxf_service_session_h session, hxf_property_list_h list,
+              hxf_transaction_h, hxf_error_e, void* ud) {
   ++g_world->callbacks;
   if (list == nullptr) return;
   const std::string name = hxf_property_list_get_name(list);
@@ -87,19 +97,26 @@ void OnNotify(hxf_string, hxf_service_session_h session, hxf_property_list_h lis
   }
   // A notification reaches every session of the handler (a client may hold several): only
   // the session the request was sent on can be completed by it.
-  if (request != nullptr && request->client == static_cast<Subscriber*>(ud)->client && request->session == session) {
+  if (request != nullptr && request->client == static_cast<Subscriber*>(ud)->client &&
+      request->session == session) {
     Settle(*request, true);
   }
 }
 
-void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) { ++g_world->callbacks; }
-void OnList(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_list_h, void*) { ++g_world->callbacks; }
+void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) {
+  ++g_world->callbacks;
+}
+void OnList(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_list_h, void*) {
+  ++g_world->callbacks;
+}
 void OnClientDestroyed(hxf_client_h client, void* ud) {
   if (client != ud) ++g_world->bad_destroyed_callbacks;
   ++g_world->client_destroyed_callbacks;
+  Wake();
 }
 
-void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<std::unique_ptr<Subscriber>>* keep) {
+void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
+                  std::vector<std::unique_ptr<Subscriber>>* keep) {
   World& world = *g_world;
   std::mt19937 random(seed);
   hxf_client_h client = nullptr;
@@ -117,7 +134,8 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<s
   auto destroy_client = [&] {
     {
       std::lock_guard<std::mutex> lock(world.mutex);
-      world.client_destroyed[static_cast<size_t>(client_index)] = true;  // before: its requests may go unanswered
+      world.client_destroyed[static_cast<size_t>(client_index)] =
+          true;  // before: its requests may go unanswered
     }
     if (random() % 2 == 0) {
       hxf_core_client_destroy(client);
@@ -148,7 +166,8 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<s
     } else if (dice < 28 || session == nullptr) {
       service = static_cast<int>(random() % 3);
       auto subscriber = std::make_unique<Subscriber>(Subscriber{client_index});
-      session = hxf_core_client_subscribe_service(client, S(kServices[service]), OnNotify, subscriber.get());
+      session = hxf_core_client_subscribe_service(client, S(kServices[service]), OnNotify,
+                                                  subscriber.get());
       std::lock_guard<std::mutex> lock(world.mutex);
       keep->push_back(std::move(subscriber));
     } else if (dice < 95) {
@@ -162,9 +181,9 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<s
       }
       hxf_property_list_h list = hxf_property_list_create(S(request->tag));
       hxf_transaction_h transaction = nullptr;
-      const hxf_error_e code = hxf_core_client_request_service(client, session, list, OnResult,
-                                                               1 + static_cast<uint32_t>(random() % 80), &transaction,
-                                                               request.get());
+      const hxf_error_e code = hxf_core_client_request_service(
+          client, session, list, OnResult, 1 + static_cast<uint32_t>(random() % 80), &transaction,
+          request.get());
       hxf_property_list_destroy(list);
       if (code != HXF_ERROR_NONE) {
         std::lock_guard<std::mutex> lock(world.mutex);
@@ -180,26 +199,22 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<s
   }
   // Before the last destroy, let every request of the living client settle: its longest
   // time-out is 80 ms.
-  const auto settle_until = Clock::now() + std::chrono::seconds(10);
-  while (Clock::now() < settle_until) {
-    bool open = false;
-    {
-      std::lock_guard<std::mutex> lock(world.mutex);
+  {
+    std::unique_lock<std::mutex> lock(world.mutex);
+    world.cv.wait_for(lock, std::chrono::seconds(10), [&] {
       for (const auto& [tag, request] : world.requests) {
-        if (request->client == client_index && request->results + request->notifications == 0) {
-          open = true;
-          break;
-        }
+        if (request->client == client_index && request->results + request->notifications == 0)
+          return false;
       }
-    }
-    if (!open) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));  // polling a condition, bounded above
+      return true;
+    });
   }
   {
     // Whatever is still open now was owed a callback by a living client.
     std::lock_guard<std::mutex> lock(world.mutex);
     for (const auto& [tag, request] : world.requests) {
-      if (request->client == client_index && request->results + request->notifications == 0) ++world.final_unsettled;
+      if (request->client == client_index && request->results + request->notifications == 0)
+        ++world.final_unsettled;
     }
   }
   destroy_client();
@@ -210,10 +225,14 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end, std::vector<s
 int main(int argc, char** argv) {
   Options options;
   for (int i = 1; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], "--duration-ms") == 0) options.duration_ms = std::atol(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--seed") == 0) options.seed = static_cast<unsigned>(std::atol(argv[i + 1]));
-    else if (std::strcmp(argv[i], "--consumers") == 0) options.consumers = std::atoi(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--providers") == 0) options.providers = std::atoi(argv[i + 1]);
+    if (std::strcmp(argv[i], "--duration-ms") == 0)
+      options.duration_ms = std::atol(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--seed") == 0)
+      options.seed = static_cast<unsigned>(std::atol(argv[i + 1]));
+    else if (std::strcmp(argv[i], "--consumers") == 0)
+      options.consumers = std::atoi(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--providers") == 0)
+      options.providers = std::atoi(argv[i + 1]);
   }
   World world;
   g_world = &world;
@@ -229,41 +248,51 @@ int main(int argc, char** argv) {
   struct mallinfo2 before = mallinfo2();
 
   // Watchdog: the whole run must end within its duration plus a generous bound.
-  std::atomic<bool> finished{false};
+  std::mutex finish_mutex;
+  std::condition_variable finish_cv;
+  bool finished = false;
   std::thread watchdog([&] {
-    const auto limit = Clock::now() + std::chrono::milliseconds(options.duration_ms) + std::chrono::seconds(90);
-    while (!finished) {
-      if (Clock::now() > limit) {
-        std::printf("FAILED: watchdog: no end after %ld ms (progress %ld); deadlock?\n", options.duration_ms,
-                    world.progress.load());
-        std::fflush(stdout);
-        std::abort();
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the watchdog's own tick
+    const auto limit =
+        Clock::now() + std::chrono::milliseconds(options.duration_ms) + std::chrono::seconds(90);
+    std::unique_lock<std::mutex> lock(finish_mutex);
+    if (!finish_cv.wait_until(lock, limit, [&] { return finished; })) {
+      std::printf("FAILED: watchdog: no end after %ld ms (progress %ld); deadlock?\n",
+                  options.duration_ms, world.progress.load());
+      std::fflush(stdout);
+      std::abort();
     }
   });
 
   std::mutex loaded_mutex;
   std::condition_variable loaded_cv;
   int loaded = -1;
-  struct LoadWait { std::mutex* m; std::condition_variable* cv; int* result; } wait{&loaded_mutex, &loaded_cv, &loaded};
-  hxf_core_plugin_load(S("stress"), [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
-    auto* w = static_cast<LoadWait*>(ud);
-    std::lock_guard<std::mutex> lock(*w->m);
-    *w->result = result;
-    w->cv->notify_all();
-  }, &wait);
+  struct LoadWait {
+    std::mutex* m;
+    std::condition_variable* cv;
+    int* result;
+  } wait{&loaded_mutex, &loaded_cv, &loaded};
+  hxf_core_plugin_load(
+      S("stress"),
+      [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
+        auto* w = static_cast<LoadWait*>(ud);
+        std::lock_guard<std::mutex> lock(*w->m);
+        *w->result = result;
+        w->cv->notify_all();
+      },
+      &wait);
   {
     std::unique_lock<std::mutex> lock(loaded_mutex);
     loaded_cv.wait_for(lock, std::chrono::seconds(10), [&] { return loaded >= 0; });
   }
   check(loaded == HXF_PLUGIN_LOAD_RESULT_SUCCESS, "the stress plugin loaded");
-  void* lib = dlopen((std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-stress.so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+  void* lib = dlopen((std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-stress.so").c_str(),
+                     RTLD_NOW | RTLD_NOLOAD);
   auto start = reinterpret_cast<void (*)(unsigned, int)>(dlsym(lib, "hxf_stress_start"));
   auto stop = reinterpret_cast<void (*)()>(dlsym(lib, "hxf_stress_stop"));
   auto operations = reinterpret_cast<long (*)()>(dlsym(lib, "hxf_stress_operations"));
   auto async_destroys = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_async_destroys"));
-  auto destroyed_callbacks = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_destroyed_callbacks"));
+  auto destroyed_callbacks =
+      reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_destroyed_callbacks"));
   if (lib == nullptr || start == nullptr) {
     std::printf("FAILED: stress plugin hooks missing\n");
     return 1;
@@ -275,7 +304,8 @@ int main(int argc, char** argv) {
   std::vector<std::unique_ptr<Subscriber>> subscribers;
   std::vector<std::thread> consumers;
   for (int i = 0; i < options.consumers; ++i) {
-    consumers.emplace_back(ConsumerLoop, i, options.seed * 31u + static_cast<unsigned>(i), end, &subscribers);
+    consumers.emplace_back(ConsumerLoop, i, options.seed * 31u + static_cast<unsigned>(i), end,
+                           &subscribers);
   }
   for (std::thread& consumer : consumers) consumer.join();
   stop();
@@ -283,9 +313,11 @@ int main(int argc, char** argv) {
   const long provider_operations = operations();
 
   // Every client was destroyed at the end of its consumer; async destroys report once.
-  const auto settle_deadline = Clock::now() + std::chrono::seconds(20);
-  while (world.client_destroyed_callbacks < world.async_client_destroys && Clock::now() < settle_deadline) {
-    std::this_thread::yield();
+  {
+    std::unique_lock<std::mutex> lock(world.mutex);
+    world.cv.wait_for(lock, std::chrono::seconds(20), [&] {
+      return world.client_destroyed_callbacks >= world.async_client_destroys;
+    });
   }
   hxf_core_plugin_unload_all();  // the plugin waits for its own destroyed callbacks
   // Our own reference keeps the library mapped until we have read its counters.
@@ -293,7 +325,11 @@ int main(int argc, char** argv) {
   const int plugin_callbacks = destroyed_callbacks();
   dlclose(lib);
   hxf_core_finalize();
-  finished = true;
+  {
+    std::lock_guard<std::mutex> lock(finish_mutex);
+    finished = true;
+    finish_cv.notify_all();
+  }
   watchdog.join();
 
   long settled_live = 0;
@@ -302,7 +338,8 @@ int main(int argc, char** argv) {
     std::lock_guard<std::mutex> lock(world.mutex);
     for (const auto& [tag, request] : world.requests) {
       const bool destroyed_first = world.client_destroyed[static_cast<size_t>(request->client)];
-      check(request->results <= 1, tag + ": at most one result (got " + std::to_string(request->results) + ")");
+      check(request->results <= 1,
+            tag + ": at most one result (got " + std::to_string(request->results) + ")");
       check(request->notifications <= 1, tag + ": at most one completing notification");
       if (request->results + request->notifications == 0) {
         check(destroyed_first, tag + ": no callback though its client lived");
@@ -313,13 +350,16 @@ int main(int argc, char** argv) {
     }
   }
   check(world.client_destroyed_callbacks == world.async_client_destroys,
-        "every async client destroy reported once (" + std::to_string(world.client_destroyed_callbacks) + "/" +
+        "every async client destroy reported once (" +
+            std::to_string(world.client_destroyed_callbacks) + "/" +
             std::to_string(world.async_client_destroys) + ")");
   check(world.final_unsettled == 0,
-        std::to_string(world.final_unsettled) + " request(s) of living clients got no callback within 10 s");
+        std::to_string(world.final_unsettled) +
+            " request(s) of living clients got no callback within 10 s");
   check(world.bad_destroyed_callbacks == 0, "destroyed callbacks carry their own handle");
   check(plugin_callbacks == plugin_async, "every async handler destroy reported once (" +
-                                             std::to_string(plugin_callbacks) + "/" + std::to_string(plugin_async) + ")");
+                                              std::to_string(plugin_callbacks) + "/" +
+                                              std::to_string(plugin_async) + ")");
 
   size_t request_count = 0;
   {
@@ -347,6 +387,7 @@ int main(int argc, char** argv) {
   // arenas; anything beyond that is a leak.
   check(growth < 32L * 1024 * 1024, "heap returns to its start after teardown");
 #endif
-  std::printf(failures == 0 ? "stress: all invariants hold\n" : "stress: %d invariant(s) broken\n", failures);
+  std::printf(failures == 0 ? "stress: all invariants hold\n" : "stress: %d invariant(s) broken\n",
+              failures);
   return failures == 0 ? 0 : 1;
 }

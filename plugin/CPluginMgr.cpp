@@ -9,30 +9,15 @@
 namespace HXFramework::Core {
 
 namespace {
+
+using ReadLock = std::shared_lock<std::shared_mutex>;
+using WriteLock = std::unique_lock<std::shared_mutex>;
+
 void Fail(const std::string& message) {
   throw CException(message, HXF_ERROR_OPERATION_FAILED);
 }
 
-// Set while this thread holds the exclusive lock. A plugin that calls back into the manager
-// from "DestroyPlugin" (which runs under the lock) must get an error, not a deadlock.
-thread_local bool t_holds_plugin_lock = false;
 }  // namespace
-
-// The exclusive lock, refusing re-entry from the thread that already holds it.
-class CPluginMgr::CWriteSection {
- public:
-  explicit CWriteSection(std::shared_mutex& mutex) {
-    if (t_holds_plugin_lock) Fail("plugin manager re-entered from a plugin entry point");
-    lock_ = std::unique_lock<std::shared_mutex>(mutex);
-    t_holds_plugin_lock = true;
-  }
-  ~CWriteSection() { t_holds_plugin_lock = false; }
-  CWriteSection(const CWriteSection&) = delete;
-  CWriteSection& operator=(const CWriteSection&) = delete;
-
- private:
-  std::unique_lock<std::shared_mutex> lock_;
-};
 
 IPluginMgr& IPluginMgr::GetInstance() {
   // Never destroyed: plugins may still report from their threads while the process exits.
@@ -43,8 +28,8 @@ IPluginMgr& IPluginMgr::GetInstance() {
 void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    CWriteSection section(plugin_mutex_);
-    if (_HasPlugin(name)) Fail("requested plugin has already loaded!");
+    WriteLock lock(plugin_mutex_);
+    if (_HasPlugin(name) || closing_.count(name) != 0) Fail("requested plugin has already loaded!");
     std::shared_ptr<IPlugin> plugin = _CreatePlugin(name);
     plugin->Init();
     plugin->Load(handler);  // returns at once; loading runs on a pool thread
@@ -54,12 +39,7 @@ void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& 
 std::shared_ptr<IPlugin> CPluginMgr::_CreatePlugin(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   std::shared_ptr<IPlugin> plugin = IPlugin::Create(name);
-  bool inserted = false;
-  {
-    std::lock_guard<std::mutex> lock(map_mutex_);
-    inserted = plugin_map_.emplace(name, plugin).second;
-  }
-  if (!inserted) Fail("failed to insert a plugin to map!");
+  if (!plugin_map_.emplace(name, plugin).second) Fail("failed to insert a plugin to map!");
   HXLOG(DLOG_INFO, " [%s] Plugin has been created & inserted into map\n", name.c_str());
   return plugin;
 }
@@ -68,27 +48,24 @@ void CPluginMgr::UnloadPlugin(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   HXLOG(DLOG_INFO, "UnloadPlugin Start\n");
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    CWriteSection section(plugin_mutex_);
-    if (!_HasPlugin(name)) Fail("No plugin exist to unload!!");
-    std::shared_ptr<IPlugin> plugin = _ReleasePlugin(name);
-    plugin->Unload();  // direct: "DestroyPlugin" and dlclose have run when this returns
-    plugin->Termi();
+    std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> released;
+    {
+      WriteLock lock(plugin_mutex_);
+      if (!_HasPlugin(name)) Fail("No plugin exist to unload!!");
+      released.emplace_back(name, _ReleasePlugin(name));  // out of the map first
+      closing_.insert(name);
+    }
+    _Close(released);
     HXLOG(DLOG_INFO, "UnloadPlugin End\n");
   });
 }
 
 std::shared_ptr<IPlugin> CPluginMgr::_ReleasePlugin(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
-  std::shared_ptr<IPlugin> plugin;
-  {
-    std::lock_guard<std::mutex> lock(map_mutex_);
-    auto found = plugin_map_.find(name);
-    if (found != plugin_map_.end()) {
-      plugin = std::move(found->second);
-      plugin_map_.erase(found);
-    }
-  }
-  if (plugin == nullptr) Fail("enable to find the plugin in map");
+  auto found = plugin_map_.find(name);
+  if (found == plugin_map_.end()) Fail("enable to find the plugin in map");
+  std::shared_ptr<IPlugin> plugin = std::move(found->second);
+  plugin_map_.erase(found);
   HXLOG(DLOG_INFO, "plugin[%p] deleted from plugin map\n", static_cast<void*>(plugin.get()));
   return plugin;
 }
@@ -96,27 +73,39 @@ std::shared_ptr<IPlugin> CPluginMgr::_ReleasePlugin(const std::string& name) {
 void CPluginMgr::UnloadAllPlugin() {
   HXF_CALLTRACE_OBJ(this);
   HXLOG(DLOG_INFO, "UnloadAllPlugin Start\n");
-  CWriteSection section(plugin_mutex_);
-  std::unordered_map<std::string, std::shared_ptr<IPlugin>> plugins;
+  std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> released;
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
-    plugins = plugin_map_;
+    WriteLock lock(plugin_mutex_);
+    HXLOG(DLOG_INFO, "plugin map size: [%zu]\n", plugin_map_.size());
+    for (auto& [name, plugin] : plugin_map_) {
+      released.emplace_back(name, std::move(plugin));
+      closing_.insert(name);
+    }
+    plugin_map_.clear();
   }
-  HXLOG(DLOG_INFO, "plugin map size: [%zu]\n", plugins.size());
-  for (auto& [name, plugin] : plugins) {
+  _Close(released);
+}
+
+void CPluginMgr::_Close(
+    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins) {
+  // The names are released again on every way out, also when an unload throws.
+  struct Reopen {
+    CPluginMgr* manager;
+    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
+    ~Reopen() {
+      WriteLock lock(manager->plugin_mutex_);
+      for (const auto& entry : plugins) manager->closing_.erase(entry.first);
+    }
+  } reopen{this, plugins};
+  for (const auto& [name, plugin] : plugins) {
     HXLOG(DLOG_INFO, "try to unload [%s] plugin\n", name.c_str());
     if (plugin == nullptr) {
       HXLOG(DLOG_INFO, "%s plugin is null\n", name.c_str());
       continue;
     }
-    plugin->Unload();
+    plugin->Unload();  // direct: "DestroyPlugin" and dlclose have run when this returns
     plugin->Termi();
   }
-  {
-    std::lock_guard<std::mutex> lock(map_mutex_);
-    plugin_map_.clear();
-  }
-  plugins.clear();  // the last references go: each plugin logs "plugin destroyed"
 }
 
 void CPluginMgr::SendLoadResult(const std::string& name, hxf_plugin_load_result_e result) {
@@ -129,7 +118,8 @@ void CPluginMgr::SendLoadResult(const std::string& name, hxf_plugin_load_result_
 std::shared_ptr<IPlugin> CPluginMgr::_FindPlugin(const std::string& name) {
   std::shared_ptr<IPlugin> plugin;
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    // Plugins report from their own threads while others load and unload: the shared side.
+    ReadLock lock(plugin_mutex_);
     auto found = plugin_map_.find(name);
     if (found != plugin_map_.end()) plugin = found->second;
   }
@@ -138,7 +128,6 @@ std::shared_ptr<IPlugin> CPluginMgr::_FindPlugin(const std::string& name) {
 }
 
 bool CPluginMgr::_HasPlugin(const std::string& name) {
-  std::lock_guard<std::mutex> lock(map_mutex_);
   return plugin_map_.count(name) != 0;
 }
 

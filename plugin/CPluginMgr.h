@@ -1,10 +1,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 #include "IPlugin.h"
 #include "IPluginMgr.h"
@@ -19,21 +20,24 @@ class CPluginMgr : public IPluginMgr {
   void SendLoadResult(const std::string& name, hxf_plugin_load_result_e result) override;
 
  private:
-  class CWriteSection;
-
+  // Called with plugin_mutex_ held exclusively (the first three) or in either mode.
   std::shared_ptr<IPlugin> _CreatePlugin(const std::string& name);
   std::shared_ptr<IPlugin> _ReleasePlugin(const std::string& name);
   std::shared_ptr<IPlugin> _FindPlugin(const std::string& name);
   bool _HasPlugin(const std::string& name);
+  // Stops and closes plugins already taken out of the map, outside the lock, then lets
+  // their names be loaded again.
+  void _Close(const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins);
 
-  // Serialises load, unload and unload-all (only its exclusive side is used); they call into
-  // plugins while holding it ("DestroyPlugin" runs under it).
+  // Guards plugin_map_ and closing_. Held only for their operations and for creating and
+  // starting a plugin object, never while a plugin's code runs: "DestroyPlugin", and the
+  // callbacks an unload waits for, may use the plugin API themselves. Load results read the
+  // map under the shared side.
   std::shared_mutex plugin_mutex_;
-  // Guards plugin_map_ itself and is held only for map operations, never while plugin code
-  // runs: a plugin's worker may report its load result while "DestroyPlugin" waits for that
-  // worker under plugin_mutex_. Order: plugin_mutex_, then map_mutex_.
-  std::mutex map_mutex_;
   std::unordered_map<std::string, std::shared_ptr<IPlugin>> plugin_map_;
+  // Names being unloaded: loading one again must wait until its library has been closed,
+  // or two instances of one library would run at once.
+  std::unordered_set<std::string> closing_;
 };
 
 }  // namespace HXFramework::Core

@@ -32,9 +32,18 @@ TEST(Transaction, HandleIsTheObjectsAddressAndCreateIsTraced) {
 
 TEST(Transaction, StopTimerWithoutStartDoesNothing) {
   auto transaction = ITransaction::Create();
+  TimedOut seen;
+  transaction->SetHandler(nullptr, [&](hxf_transaction_h handle) {
+    std::lock_guard<std::mutex> lock(seen.mutex);
+    seen.handle = handle;
+    seen.cv.notify_all();
+  });
+  LogCapture capture;
+  transaction->StopTimer();  // nothing armed: nothing stopped, nothing broken
   transaction->StopTimer();
-  transaction->StopTimer();
-  SUCCEED();
+  EXPECT_FALSE(capture.Contains("Exception !!"));
+  transaction->StartTimer(1);  // and the timer still works afterwards
+  EXPECT_TRUE(WaitUntil(seen.mutex, seen.cv, [&] { return seen.handle != nullptr; }));
 }
 
 TEST(Transaction, TimeoutCallsTheTimeoutHandlerWithTheHandleOnTheTimerThread) {

@@ -235,8 +235,8 @@ void CClientMgr::RequestService(hxf_client_h client, hxf_service_session_h sessi
   std::shared_ptr<ITransaction> transaction = ITransaction::Create();
   // Handed out before anything is forwarded: the caller has it even if the lookup fails.
   if (transaction_out != nullptr) *transaction_out = transaction->GetHandle();
-  HXLOG(DLOG_INFO, "service_session: %p, service property name : %s\n", session,
-        list != nullptr ? list->GetName().c_str() : "");
+  const std::string list_name = list != nullptr ? list->GetName() : std::string();  // once
+  HXLOG(DLOG_INFO, "service_session: %p, service property name : %s\n", session, list_name.c_str());
   _LookupClient(client)->RequestService(session, list, handler, timeout, transaction);
 }
 

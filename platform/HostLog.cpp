@@ -37,9 +37,14 @@ char PriorityLetter(int priority) {
   }
 }
 
-void DefaultSink(int priority, const char* tag, const char* text, void*) {
+// Read once, at the first line: the level cannot change while the process runs.
+int Threshold() {
   static const int threshold = LevelFromEnvironment();
-  if (priority < threshold) return;
+  return threshold;
+}
+
+void DefaultSink(int priority, const char* tag, const char* text, void*) {
+  if (priority < Threshold()) return;
   // One fprintf per line keeps lines of concurrent threads whole on stderr.
   const size_t len = std::strlen(text);
   const bool has_newline = len > 0 && text[len - 1] == '\n';
@@ -64,6 +69,11 @@ SinkState& Sink() {
 
 extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
   if (fmt == nullptr) return -1;
+  SinkState& state = Sink();
+  // Shared while formatting and calling the sink: set_sink waits for both.
+  std::shared_lock<std::shared_mutex> lock(state.mutex);
+  // A line nobody will see is not formatted: the default sink below its level drops it.
+  if (state.sink == DefaultSink && prio < Threshold()) return 0;
   char stack_buffer[1024];
   va_list args;
   va_start(args, fmt);
@@ -88,8 +98,6 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
     }
   }
   va_end(retry);
-  SinkState& state = Sink();
-  std::shared_lock<std::shared_mutex> lock(state.mutex);
   state.sink(prio, tag != nullptr ? tag : "", text, state.user_data);
   return length;
 }

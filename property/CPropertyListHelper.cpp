@@ -17,7 +17,8 @@ CPropertyListHelper::CPropertyListHelper(void* handle) : handle_(hxf_property_li
     HXLOG(DLOG_ERROR, "failed to copy list\n");
     throw std::invalid_argument("failed to create list");
   }
-  HXLOG(DLOG_ERROR, "pelnor (core)property list created for %s(%p)\n", GetName().c_str(), handle_);
+  const std::string name = GetName();  // once: the log macro formats its arguments twice
+  HXLOG(DLOG_ERROR, "pelnor (core)property list created for %s(%p)\n", name.c_str(), handle_);
 }
 
 CPropertyListHelper::~CPropertyListHelper() {

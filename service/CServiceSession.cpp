@@ -125,7 +125,8 @@ void CServiceSession::_RequestService(const std::shared_ptr<IPropertyListHelper>
                                       const std::shared_ptr<ITransaction>& transaction) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
-    HXLOG(DLOG_INFO, "service property name : %s\n", list->GetName().c_str());
+    const std::string list_name = list->GetName();  // once: the log macro formats twice
+    HXLOG(DLOG_INFO, "service property name : %s\n", list_name.c_str());
     if (!transaction_map_.emplace(transaction->GetHandle(), transaction).second) {
       throw CException("unable to insert transacio to map!", HXF_ERROR_OPERATION_FAILED);
     }

@@ -98,11 +98,6 @@ void CTimerService::StopAll(ShotSet* owner) {
   }
 }
 
-std::size_t CTimerService::ArmedCount() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return shots_.size();
-}
-
 void CTimerService::_Run() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {

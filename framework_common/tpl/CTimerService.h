@@ -34,8 +34,6 @@ class CTimerService {
   // Stops every armed shot of `owner`; afterwards the service never touches `owner` again.
   void StopAll(ShotSet* owner);
 
-  std::size_t ArmedCount();
-
   CTimerService(const CTimerService&) = delete;
   CTimerService& operator=(const CTimerService&) = delete;
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "EventLog.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "hxf_core.h"
 
@@ -114,12 +115,7 @@ struct PluginHooks {
   }
   // The plugin handles requests on pool threads: wait (bounded) until it has seen `n`.
   bool WaitRequests(int n) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (requests() < n) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::yield();
-    }
-    return true;
+    return HXFramework::Test::Eventually([&] { return requests() >= n; });
   }
   void Close() {
     if (lib != nullptr) dlclose(lib);

@@ -10,10 +10,12 @@
 #include <thread>
 
 #include "EventLog.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
+using HXFramework::Test::Eventually;
 using HXFramework::Test::LogCapture;
 
 namespace {
@@ -30,16 +32,6 @@ Fn Hook(const std::string& plugin, const char* symbol) {
   Fn fn = reinterpret_cast<Fn>(dlsym(lib, symbol));
   dlclose(lib);  // the core's own reference keeps it mapped
   return fn;
-}
-
-template <typename Condition>
-bool Eventually(Condition&& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
 }
 
 class FaultInjection : public ::testing::Test {

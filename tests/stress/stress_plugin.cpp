@@ -5,6 +5,7 @@
 // request's own list name, so that the consumer side can tell requests apart.
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <random>
@@ -66,8 +67,13 @@ void OnSearch(hxf_service_handler_h handler, hxf_string name, void*) {
   hxf_endpoint_destroy(endpoint);
 }
 
+std::mutex g_destroyed_mutex;  // with g_destroyed_cv: DestroyPlugin waits for the callbacks
+std::condition_variable g_destroyed_cv;
+
 void OnDestroyed(hxf_service_handler_h, void*) {
+  std::lock_guard<std::mutex> lock(g_destroyed_mutex);
   ++g_destroyed_callbacks;
+  g_destroyed_cv.notify_all();
 }
 
 hxf_service_handler_h MakeHandler(int service) {
@@ -214,9 +220,10 @@ EXPORT int hxf_stress_destroyed_callbacks(void) {
 EXPORT bool DestroyPlugin(void) {
   hxf_stress_stop();
   // Destroyed callbacks still queued would run in this library after it is closed: wait.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (g_destroyed_callbacks < g_async_destroys && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
+  {
+    std::unique_lock<std::mutex> lock(g_destroyed_mutex);
+    g_destroyed_cv.wait_for(lock, std::chrono::seconds(10),
+                            [] { return g_destroyed_callbacks >= g_async_destroys; });
   }
   hxf_service_handler_h handlers[kServices];
   {

@@ -11,10 +11,12 @@
 
 #include "CDirectInvoker.h"
 #include "CThreadPoolInvoker.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "TPLContext"
 
 using HXFramework::CException;
+using HXFramework::Test::Eventually;
 using HXFramework::Test::LogCapture;
 using HXFramework::Test::WaitUntil;
 using HXFramework::TPL::CContext;
@@ -205,9 +207,7 @@ TEST(TPLContext, TerminateSyncWhileAnotherThreadsTaskRunsReturnsFalseAtOnce) {
   // Wait for the drain to finish (it discards the queue), then check nothing else ran.
   std::weak_ptr<CTestOwner> watch = owner;
   owner.reset();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!watch.expired() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(watch.expired());
+  EXPECT_TRUE(Eventually([&] { return watch.expired(); }));
   EXPECT_FALSE(queued_ran.load());
   EXPECT_EQ(terminations.load(), 1);  // the discarded sync job never terminated again
 }

@@ -9,9 +9,11 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "ITimer.h"
 #include "LogCapture.h"
 
+using HXFramework::Test::Eventually;
 using HXFramework::Test::WaitUntil;
 using HXFramework::TPL::ITimer;
 
@@ -35,16 +37,6 @@ struct Fired {
     return WaitUntil(mutex, cv, [&] { return count >= n; });
   }
 };
-
-// Waits until the last strong reference to the token is gone.
-bool WaitReleased(const std::weak_ptr<int>& token) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!token.expired()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -153,7 +145,7 @@ TEST(Timer, DeletedFromInsideItsOwnHandlerWithoutLeakingTheHandler) {
       5);
   token.reset();
   ASSERT_TRUE(fired.WaitFor(1));
-  EXPECT_TRUE(WaitReleased(watch));
+  EXPECT_TRUE(Eventually([&] { return watch.expired(); }));
 }
 
 TEST(Timer, DeletedWhileItsHandlerRunsWithoutCrashOrLeak) {
@@ -183,7 +175,7 @@ TEST(Timer, DeletedWhileItsHandlerRunsWithoutCrashOrLeak) {
   }
   cv.notify_all();
   ASSERT_TRUE(fired.WaitFor(1));
-  EXPECT_TRUE(WaitReleased(watch));
+  EXPECT_TRUE(Eventually([&] { return watch.expired(); }));
 }
 
 TEST(Timer, DeletingATimerStopsAllItsArmedShots) {

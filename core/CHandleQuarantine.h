@@ -3,23 +3,32 @@
 // plugins: a late answer naming a finished transaction, a call with a destroyed client.
 // Such a stale handle must be "not found", never another object. So the memory of a
 // destroyed object is not returned at once: the object is destructed at once, but its
-// address stays out of use until kDepth later objects of the same type have retired.
+// address stays out of use until Depth() later objects of the same type have retired.
+// Registries that key entries by handle must therefore expect a dead entry under the key of
+// a newcomer once the quarantine has let the address go: such an entry counts as absent.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace HXFramework::Core {
+
+// How many retired addresses of each type stay out of use (4096). Tests lower it so that
+// addresses come back within a few objects instead of thousands.
+inline std::atomic<std::size_t>& HandleQuarantineDepth() {
+  static std::atomic<std::size_t> depth{4096};
+  return depth;
+}
 
 template <typename T>
 class CHandleQuarantine {
  public:
-  static constexpr std::size_t kDepth = 4096;
-
   template <typename... Args>
   static std::shared_ptr<T> Make(Args&&... args) {
     void* memory = ::operator new(sizeof(T));
@@ -44,15 +53,18 @@ class CHandleQuarantine {
   }
 
   void Retire(void* memory) {
-    void* released = nullptr;
+    std::vector<void*> released;  // empty (no allocation) unless the depth was passed
     {
       std::lock_guard<std::mutex> lock(mutex_);
       retired_.push_back(memory);
-      if (retired_.size() <= kDepth) return;
-      released = retired_.front();
-      retired_.pop_front();
+      // A loop, so that a lowered depth takes effect at the next retirement.
+      const std::size_t depth = HandleQuarantineDepth().load(std::memory_order_relaxed);
+      while (retired_.size() > depth) {
+        released.push_back(retired_.front());
+        retired_.pop_front();
+      }
     }
-    ::operator delete(released);
+    for (void* address : released) ::operator delete(address);
   }
 
   std::mutex mutex_;  // guards retired_ only; nothing else is done under it

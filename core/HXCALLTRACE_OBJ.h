@@ -23,6 +23,8 @@ class HXCALLTRACE_OBJ : private CNoncopyable {
 
 }  // namespace HXFramework::Core
 
+// Also makes every log line of the enclosing operation name it (see HXF_LOG_AS_OPERATION).
 #define HXF_CALLTRACE_OBJ(object)                                                                \
+  HXF_LOG_AS_OPERATION();                                                                        \
   ::HXFramework::Core::HXCALLTRACE_OBJ hxf_calltrace_(DLOG_INFO, HXF_SOURCE_NAME.file, __func__, \
                                                       __LINE__, (object))

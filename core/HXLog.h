@@ -52,11 +52,34 @@ struct CLogSite {
   int line;
 };
 
+// The function a log line names. A line names the function that writes it (__func__),
+// except inside an operation's frame: HXF_CALLTRACE_OBJ (or HXF_LOG_AS_OPERATION) declares
+// the operation's own name in its scope, and every line of that scope, its lambdas included,
+// names the operation ("_Discovered", not "operator()"). A helper that writes lines on behalf
+// of the operation calling it takes that name as a parameter called hxf_log_function_.
+struct CLogFunction {
+  const char* name;
+};
+struct CNoLogFunction {};
+constexpr const char* LogFunctionName(CNoLogFunction, const char* function) {
+  return function;
+}
+constexpr const char* LogFunctionName(CLogFunction operation, const char*) {
+  return operation.name;
+}
+
 // Formats "[HXFW] "-prefixed text into a zero-filled 1024-byte stack buffer and hands it to
 // the scope-trace handler of `location` if that handler is enabled.
 void TraceLine(const char* location, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace HXFramework::Core
+
+// Found by every line outside an operation's frame: no name of its own.
+inline constexpr ::HXFramework::Core::CNoLogFunction hxf_log_function_{};
+
+// Lines of the enclosing scope (and of its lambdas) name this function.
+#define HXF_LOG_AS_OPERATION() \
+  [[maybe_unused]] static constexpr ::HXFramework::Core::CLogFunction hxf_log_function_ { __func__ }
 
 #define HXF_SOURCE_NAME                                                                     \
   ([]() -> const auto& {                                                                    \
@@ -66,7 +89,8 @@ void TraceLine(const char* location, const char* format, ...) __attribute__((for
 
 #define HXF_LOG_SITE                                                   \
   ::HXFramework::Core::CLogSite {                                      \
-    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location, __func__, __LINE__ \
+    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location,                    \
+        ::HXFramework::Core::LogFunctionName(hxf_log_function_, __func__), __LINE__ \
   }
 
 // The one emitter; the macros below only choose site, tag and whether to trace.

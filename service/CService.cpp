@@ -4,6 +4,7 @@
 #include <mutex>
 #include <typeinfo>
 
+#include "CWeakRegistry.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IClient.h"
 #include "IServiceHandler.h"
@@ -110,13 +111,9 @@ void CService::DeviceListDiscovered(hxf_service_handler_h h,
 void CService::_InsertClientIfNotExist(ClientMap& map, const std::shared_ptr<IClient>& client) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    const hxf_client_h handle = client->GetHandle();
-    if (map.count(handle) != 0) {
+    // A dead client under the same (recycled) handle does not count.
+    if (!InsertUnlessLive(map, client->GetHandle(), client)) {
       HXLOG(DLOG_INFO, "this client is already exist.\n");
-      return;
-    }
-    if (!map.emplace(handle, client).second) {
-      throw CException("unable to insert a client to map", HXF_ERROR_OPERATION_FAILED);
     }
   });
 }
@@ -132,9 +129,7 @@ void CService::_ForEachClient(const std::function<void(const std::shared_ptr<ICl
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     HXLOG(DLOG_INFO, "service name:[%s], map size:[%zu]\n", name.c_str(), map.size());
-    for (auto& [handle, weak] : map) {
-      if (std::shared_ptr<IClient> client = weak.lock()) operation(client);  // dead entries stay
-    }
+    ForEachLive(HXF_LOG_SITE, map, operation, [] {});  // dead entries are skipped and stay
   });
 }
 
@@ -144,9 +139,7 @@ void CService::_ForEachServiceHandler(
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     // Handlers only post to their own contexts here, so holding the read lock is brief.
     std::shared_lock<std::shared_mutex> lock(handler_lock_);
-    for (auto& [handle, weak] : handler_map_) {
-      if (std::shared_ptr<IServiceHandler> handler = weak.lock()) operation(handler);
-    }
+    ForEachLive(HXF_LOG_SITE, handler_map_, operation, [] {});
   });
 }
 
@@ -311,7 +304,9 @@ void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
       throw CException("nullptr == service_handler!!", HXF_ERROR_INVALID_PARAMETER);
     {
       std::unique_lock<std::shared_mutex> lock(handler_lock_);
-      if (!handler_map_.emplace(handler->GetHandle(), handler).second) {
+      // A handler destroyed while subscribed leaves a dead entry; its successor at the same
+      // address replaces it. Only a live duplicate is refused.
+      if (!InsertUnlessLive(handler_map_, handler->GetHandle(), handler)) {
         throw CException("Unable to insert service_handler to service_handler_map_!!",
                          HXF_ERROR_OPERATION_FAILED);
       }

@@ -4,6 +4,7 @@
 
 #include "CHandleQuarantine.h"
 #include "CommonText.h"
+#include "CWeakRegistry.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
 #include "IPropertyListHelper.h"
@@ -131,7 +132,8 @@ void CServiceHandler::Notify(const std::string& service_name,
 // ---- the work, on the context ----
 
 template <typename Slot>
-void CServiceHandler::_SetSlot(Slot& slot, const Slot& handler, const char* kind) {
+void CServiceHandler::_SetSlot(CLogFunction hxf_log_function_, Slot& slot, const Slot& handler,
+                               const char* kind) {
   slot = handler;  // the old one is destroyed here
   if (kind != nullptr) {
     HXLOG(DLOG_INFO, "%s callback has been set[%p]\n", kind, static_cast<const void*>(&handler));
@@ -140,39 +142,40 @@ void CServiceHandler::_SetSlot(Slot& slot, const Slot& handler, const char* kind
 
 void CServiceHandler::_SetSearchCallback(const SearchHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(search_cb_, h, "search");
+  _SetSlot(hxf_log_function_, search_cb_, h, "search");
 }
 void CServiceHandler::_SetSearchStopCallback(const SearchStopHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(search_stop_cb_, h, "search stop");
+  _SetSlot(hxf_log_function_, search_stop_cb_, h, "search stop");
 }
 void CServiceHandler::_SetGetDeviceListCallback(const GetDeviceListHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(get_device_list_cb_, h, "get device list");
+  _SetSlot(hxf_log_function_, get_device_list_cb_, h, "get device list");
 }
 void CServiceHandler::_SetListenCallback(const ListenHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(listen_cb_, h, "listen");
+  _SetSlot(hxf_log_function_, listen_cb_, h, "listen");
 }
 void CServiceHandler::_SetListenStopCallback(const ListenStopHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(listen_stop_cb_, h, "listen stop");
+  _SetSlot(hxf_log_function_, listen_stop_cb_, h, "listen stop");
 }
 // The add-device setter writes no message, only its trace.
 void CServiceHandler::_SetAddDeviceCallback(const AddDeviceHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(add_device_cb_, h, nullptr);
+  _SetSlot(hxf_log_function_, add_device_cb_, h, nullptr);
 }
 void CServiceHandler::_SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(service_session_created_cb_, h, "session created");
+  _SetSlot(hxf_log_function_, service_session_created_cb_, h, "session created");
 }
 void CServiceHandler::_SetRequestServiceCallback(const SetServicePropertyHandler_t& h) {
   HXF_CALLTRACE_OBJ(this);
-  _SetSlot(request_service_cb_, h, "set request service");
+  _SetSlot(hxf_log_function_, request_service_cb_, h, "set request service");
 }
 
-void CServiceHandler::_CallSearchSlot(const SearchHandler_t& slot,
+void CServiceHandler::_CallSearchSlot(CLogFunction hxf_log_function_,
+                                      const SearchHandler_t& slot,
                                       const std::string& service_name) {
   // Rethrown: a failing search reaches the context that runs it.
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
@@ -186,23 +189,23 @@ void CServiceHandler::_CallSearchSlot(const SearchHandler_t& slot,
 
 void CServiceHandler::_StartActiveSearch(const std::string& n) {
   HXF_CALLTRACE_OBJ(this);
-  _CallSearchSlot(search_cb_, n);
+  _CallSearchSlot(hxf_log_function_, search_cb_, n);
 }
 void CServiceHandler::_StopActiveSearch(const std::string& n) {
   HXF_CALLTRACE_OBJ(this);
-  _CallSearchSlot(search_stop_cb_, n);
+  _CallSearchSlot(hxf_log_function_, search_stop_cb_, n);
 }
 void CServiceHandler::_GetDeviceList(const std::string& n) {
   HXF_CALLTRACE_OBJ(this);
-  _CallSearchSlot(get_device_list_cb_, n);
+  _CallSearchSlot(hxf_log_function_, get_device_list_cb_, n);
 }
 void CServiceHandler::_StartPassiveSearch(const std::string& n) {
   HXF_CALLTRACE_OBJ(this);
-  _CallSearchSlot(listen_cb_, n);
+  _CallSearchSlot(hxf_log_function_, listen_cb_, n);
 }
 void CServiceHandler::_StopPassiveSearch(const std::string& n) {
   HXF_CALLTRACE_OBJ(this);
-  _CallSearchSlot(listen_stop_cb_, n);
+  _CallSearchSlot(hxf_log_function_, listen_stop_cb_, n);
 }
 
 void CServiceHandler::_AddDevice(hxf_service_session_h /*session*/,
@@ -233,7 +236,8 @@ void CServiceHandler::_RequestService(const std::shared_ptr<ITransaction>& trans
 void CServiceHandler::_ServiceSessionCreated(const std::shared_ptr<IServiceSession>& session) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
-    if (!service_session_map_.emplace(session->GetHandle(), session).second) {
+    // A dead session under the same (recycled) handle does not count: it is replaced.
+    if (!InsertUnlessLive(service_session_map_, session->GetHandle(), session)) {
       throw CException("couldn't insert service session to service_session_map_!!",
                        HXF_ERROR_OPERATION_FAILED);
     }
@@ -242,16 +246,11 @@ void CServiceHandler::_ServiceSessionCreated(const std::shared_ptr<IServiceSessi
 }
 
 template <typename Body>
-void CServiceHandler::_ForEachLiveSession(Body&& body) {
+void CServiceHandler::_ForEachLiveSession(CLogFunction hxf_log_function_, Body&& body) {
   HXLOG(DLOG_ERROR, "pelnor service session map count : %zu\n", service_session_map_.size());
-  for (auto& [handle, weak] : service_session_map_) {
-    std::shared_ptr<IServiceSession> session = weak.lock();
-    if (session == nullptr) {
-      HXLOG(DLOG_ERROR, "IServiceSession expired!\n");  // the entry stays
-      continue;
-    }
-    body(session);
-  }
+  ForEachLive(HXF_LOG_SITE, service_session_map_, body, [&] {
+    HXLOG(DLOG_ERROR, "IServiceSession expired!\n");  // the entry stays
+  });
 }
 
 void CServiceHandler::_SendRequestResult(const std::string& service_name,
@@ -261,7 +260,7 @@ void CServiceHandler::_SendRequestResult(const std::string& service_name,
   HXF_CALLTRACE_OBJ(this);
   // Offered to every live session: only the one holding the transaction takes it.
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
-    _ForEachLiveSession([&](const std::shared_ptr<IServiceSession>& session) {
+    _ForEachLiveSession(hxf_log_function_, [&](const std::shared_ptr<IServiceSession>& session) {
       session->SendRequestResult(service_name, transaction,
                                  ITransactionResult::Create(list, error));
     });
@@ -274,7 +273,7 @@ void CServiceHandler::_Notify(const std::string& service_name,
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     const std::string list_name = list != nullptr ? list->GetName() : std::string();
-    _ForEachLiveSession([&](const std::shared_ptr<IServiceSession>& session) {
+    _ForEachLiveSession(hxf_log_function_, [&](const std::shared_ptr<IServiceSession>& session) {
       HXLOG(DLOG_INFO, "service_name: %s, service_session: %p, service property name: %s\n",
             service_name.c_str(), session->GetHandle(), list_name.c_str());
       session->Notify(service_name, transaction, ITransactionResult::Create(list, error));

@@ -48,11 +48,14 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
  private:
   friend class IServiceHandler;  // the factory hands the context its owner
 
+  // Helpers write their lines in the name of the operation that calls them.
   template <typename Slot>
-  void _SetSlot(Slot& slot, const Slot& handler, const char* kind);
-  void _CallSearchSlot(const SearchHandler_t& slot, const std::string& service_name);
+  void _SetSlot(CLogFunction hxf_log_function_, Slot& slot, const Slot& handler,
+                const char* kind);
+  void _CallSearchSlot(CLogFunction hxf_log_function_, const SearchHandler_t& slot,
+                       const std::string& service_name);
   template <typename Body>
-  void _ForEachLiveSession(Body&& body);
+  void _ForEachLiveSession(CLogFunction hxf_log_function_, Body&& body);
 
   void _SetSearchCallback(const SearchHandler_t& handler);
   void _SetSearchStopCallback(const SearchStopHandler_t& handler);

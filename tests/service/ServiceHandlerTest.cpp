@@ -191,6 +191,30 @@ TEST(ServiceHandler, AResultIsOfferedToEveryLiveSessionWhoeverOwnsTheTransaction
   handler->Termi();
 }
 
+TEST(ServiceHandler, AResultReachesItsSessionThoughOtherSessionsAreBeingDestroyed) {
+  auto handler = IServiceHandler::Create("h", nullptr);
+  handler->Init();
+  auto owner = std::make_shared<FakeSession>();
+  handler->ServiceSessionCreated(owner);
+  // Then sessions that refuse, as while being destroyed: some come before the owner.
+  std::vector<std::shared_ptr<FakeSession>> going;
+  for (int i = 0; i < 16; ++i) {
+    going.push_back(std::make_shared<FakeSession>());
+    going.back()->terminated = true;
+    handler->ServiceSessionCreated(going.back());
+  }
+  LogCapture capture;
+  hxf_property_list_h list = hxf_property_list_create(Str("get"));
+  int transaction = 0;
+  handler->SendRequestResult("lights", IPropertyListHelper::Create(list), &transaction,
+                             HXF_ERROR_NONE);
+  EXPECT_TRUE(owner->events.WaitCount("result lights " + FakeSession::Pointer(&transaction), 1));
+  EXPECT_TRUE(capture.WaitFor("CServiceHandler : _SendRequestResult(",
+                              ")  Exception !! - InvokeTask Fail!!(error:2)(error_code:2)\n"));
+  hxf_property_list_destroy(list);
+  handler->Termi();
+}
+
 TEST(ServiceHandler, NotificationsReachEveryLiveSessionAndDeadOnesAreSkipped) {
   auto handler = IServiceHandler::Create("h", nullptr);
   handler->Init();

@@ -110,6 +110,25 @@ TEST_F(ServiceMgr, ClientListeningAndSearchingHearsEachDeviceTwice) {
   EXPECT_TRUE(client->events.WaitCount("found lights 0 lamp-1", 2));
 }
 
+TEST_F(ServiceMgr, AFoundDeviceReachesEveryListenerThoughOthersAreBeingDestroyed) {
+  TestProvider provider("p");
+  provider.devices = {"lamp-1"};
+  hxf_core_service_handler_subscribe_service(provider.handle, Str("lights"));
+  auto live = Client("live");
+  Mgr()->StartPassiveSearch("lights", live);
+  // Then listeners whose contexts refuse postings, as while they are being destroyed; with so
+  // many of them, the live one comes after at least one in the map's order.
+  std::vector<std::shared_ptr<FakeClient>> going;
+  for (int i = 0; i < 16; ++i) {
+    going.push_back(Client("going"));
+    going.back()->terminated = true;
+    Mgr()->StartPassiveSearch("lights", going.back());
+  }
+  ASSERT_TRUE(provider.events.WaitCount("listen lights", 17));
+  Mgr()->StartActiveSearch("lights", live, 10000);
+  EXPECT_TRUE(live->events.WaitCount("found lights 0 lamp-1", 1));
+}
+
 TEST_F(ServiceMgr, DeviceListsGoOnlyToSearchingClients) {
   TestProvider provider("p");
   provider.devices = {"a", "b"};

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "CException.h"
 #include "EventLog.h"
 #include "IClient.h"
 #include "IEndpointHelper.h"
@@ -15,6 +16,8 @@
 #include "LogCapture.h"
 
 namespace HXFramework::Test {
+
+using HXFramework::CException;
 
 class FakeClient : public Core::IClient {
  public:
@@ -42,6 +45,7 @@ class FakeClient : public Core::IClient {
   }
   void Discovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                   const std::shared_ptr<Core::IEndpointHelper>& endpoint) override {
+    RefuseIfTerminated();
     events.Add("found " + name + " " + std::to_string(result) + " " + endpoint->GetDeviceId());
   }
   void DeviceListDiscovered(const std::string& name, hxf_endpoint_discovery_result_e result,
@@ -61,9 +65,15 @@ class FakeClient : public Core::IClient {
   void SetDeviceListDiscoveredCallback(const std::string&,
                                        const Core::DeviceListDiscoveredHandler_t&) override {}
 
+  // Behaves like a client whose context has been terminated while it is still held: every
+  // posting is refused.
+  bool terminated = false;
   EventLog events;
 
  private:
+  void RefuseIfTerminated() const {
+    if (terminated) throw CException("InvokeTask Fail!!", HXF_ERROR_OPERATION_FAILED);
+  }
   std::string name_;
 };
 
@@ -89,6 +99,7 @@ class FakeSession : public Core::IServiceSession {
   }
   void SendRequestResult(const std::string& name, hxf_transaction_h transaction,
                          const std::shared_ptr<Core::ITransactionResult>&) override {
+    if (terminated) throw CException("InvokeTask Fail!!", HXF_ERROR_OPERATION_FAILED);
     events.Add("result " + name + " " + Pointer(transaction));
   }
   std::string GetServiceName() override { return ""; }
@@ -99,6 +110,7 @@ class FakeSession : public Core::IServiceSession {
     return text;
   }
 
+  bool terminated = false;  // as FakeClient::terminated
   EventLog events;
 
  private:

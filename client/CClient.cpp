@@ -40,8 +40,7 @@ CClient::CClient(const std::string& name) : name_(name) {
 
 CClient::~CClient() {
   HXLOG(DLOG_INFO, "client destroyed: %s[%p]\n", name_.c_str(), static_cast<void*>(this));
-  // Reached with sessions still here only when Termi found the context busy elsewhere.
-  _ReleaseAll();
+  _ReleaseAll();  // sessions left only if the client was never terminated
 }
 
 void CClient::Init() {
@@ -49,30 +48,41 @@ void CClient::Init() {
   Initiate(Direct());
 }
 
+std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>>
+CClient::_TakeSessions() {
+  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> sessions;
+  std::lock_guard<std::mutex> lock(sessions_mutex_);
+  sessions.swap(service_session_map_);
+  return sessions;
+}
+
+// Only where no job of the client can run: its termination hook, its destructor.
 void CClient::_ReleaseAll() {
   discovered_cb_ = nullptr;
   device_list_cb_ = nullptr;
-  for (auto& [handle, session] : service_session_map_) {
+  for (auto& [handle, session] : _TakeSessions()) {
     if (session != nullptr) session->Terminate();
   }
-  service_session_map_.clear();
 }
 
 void CClient::Termi() {
   HXF_CALLTRACE_OBJ(this);
   const bool terminated_here = TerminateSync(Direct());
   HXLOG(DLOG_INFO, "TPL termiate result : %d\n", terminated_here ? 1 : 0);
-  // Only when this thread ran the termination is no job of the client running, and its
-  // state may be released now. Otherwise a job still runs elsewhere (the context was ended
-  // at once, without waiting) and the state goes with the object when that job lets go.
-  if (!terminated_here) {
-    HXLOG(DLOG_INFO, "client_name: %s, busy: sessions are released with the client\n",
-          name_.c_str());
-    return;
-  }
+  // Whatever the result, the sessions end now: no notification reaches the client after
+  // its destroy has returned, even while one of its jobs still runs on another thread.
+  auto sessions = _TakeSessions();
   HXLOG(DLOG_INFO, "client_name: %s, service_session_map size(): %zu\n", name_.c_str(),
-        service_session_map_.size());
-  _ReleaseAll();
+        sessions.size());
+  for (auto& [handle, session] : sessions) {
+    if (session != nullptr) session->Terminate();
+  }
+  // The handlers are emptied only where no job runs: a running job may be calling one, and
+  // then they go with the object when that job lets go of it.
+  if (terminated_here) {
+    discovered_cb_ = nullptr;
+    device_list_cb_ = nullptr;
+  }
 }
 
 void CClient::TermiAsync(const ClientDestroyedHandler_t& destroyed) {
@@ -159,11 +169,17 @@ void CClient::GetServiceProperty(const std::string& n,
 // ---- the work, on the context ----
 
 std::shared_ptr<IServiceSession> CClient::_FindServiceSession(hxf_service_session_h session) const {
-  auto found = service_session_map_.find(session);
-  if (found == service_session_map_.end())
-    throw CException("session not found in map!!", HXF_ERROR_OPERATION_FAILED);
-  if (found->second == nullptr) throw CException("session is null!!", HXF_ERROR_OPERATION_FAILED);
-  return found->second;
+  std::shared_ptr<IServiceSession> found;
+  bool present = false;
+  {
+    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    auto entry = service_session_map_.find(session);
+    present = entry != service_session_map_.end();
+    if (present) found = entry->second;
+  }
+  if (!present) throw CException("session not found in map!!", HXF_ERROR_OPERATION_FAILED);
+  if (found == nullptr) throw CException("session is null!!", HXF_ERROR_OPERATION_FAILED);
+  return found;
 }
 
 void CClient::_SetDiscoveredCallback(const DiscoveredHandler_t& handler) {
@@ -281,7 +297,10 @@ void CClient::_HandleListSearchingTimerExpired(const std::string& name) {
 void CClient::_SubscribeService(const std::shared_ptr<IServiceSession>& session) {
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
-    service_session_map_[session->GetHandle()] = session;
+    {
+      std::lock_guard<std::mutex> lock(sessions_mutex_);
+      service_session_map_[session->GetHandle()] = session;
+    }
     HXLOG(DLOG_ERROR, "service_session added for %s. service_session: %p\n",
           session->GetServiceName().c_str(), session->GetHandle());
   });

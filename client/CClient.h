@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -10,8 +11,8 @@
 namespace HXFramework::Core {
 
 // The consumer-side object: one discovered-handler slot and one device-list slot for all
-// services, and the sessions it subscribed (owned here). All state is touched only by
-// tasks of its own context.
+// services, and the sessions it subscribed (owned here). The handlers are touched only by
+// tasks of its own context; the session map also by Termi (see sessions_mutex_).
 class CClient : public IClient, TPL::CContext<CClient> {
  public:
   explicit CClient(const std::string& name);
@@ -58,6 +59,7 @@ class CClient : public IClient, TPL::CContext<CClient> {
 
   std::shared_ptr<IClient> _Self();
   std::shared_ptr<IServiceSession> _FindServiceSession(hxf_service_session_h session) const;
+  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> _TakeSessions();
   void _ReleaseAll();
   template <typename Body>
   void _Run(const CLogSite& site, Body&& body);
@@ -96,7 +98,13 @@ class CClient : public IClient, TPL::CContext<CClient> {
   std::string name_;
   DiscoveredHandler_t discovered_cb_;             // one slot for every service
   DeviceListDiscoveredHandler_t device_list_cb_;  // one slot for every service
-  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> service_session_map_;
+  // Termi ends the sessions whatever its termination's result, so possibly while a job of
+  // this client still runs on another thread (and looks a session up): the map alone is
+  // shared across threads. The lock is a leaf: held for map operations only, never while a
+  // session or anything else is called.
+  mutable std::mutex sessions_mutex_;
+  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>>
+      service_session_map_;  // guarded by sessions_mutex_
 };
 
 }  // namespace HXFramework::Core

@@ -38,7 +38,7 @@ void CServiceSession::Initiate(const std::shared_ptr<IClient>& client,
   client_ = client;
   service_handler_ = handler;
   service_name_ = service_name;
-  notification_handler_ = notification;
+  _SetNotificationHandler(notification);
   // When the context ends, the outstanding transactions and the handler go, in the
   // context's own order: after the jobs queued before the end.
   _SetTerminateHandler(
@@ -46,8 +46,15 @@ void CServiceSession::Initiate(const std::shared_ptr<IClient>& client,
   TPL::CContext<CServiceSession>::Initiate(Direct());
 }
 
+void CServiceSession::_SetNotificationHandler(const ServiceNotificationHandler_t& handler) {
+  ServiceNotificationHandler_t old;  // destroyed outside the lock
+  std::lock_guard<std::mutex> lock(notification_mutex_);
+  old.swap(notification_handler_);
+  notification_handler_ = handler;
+}
+
 void CServiceSession::_ForgetEverything() {
-  notification_handler_ = nullptr;
+  _SetNotificationHandler(nullptr);
   // Released without a result callback; their timers are stopped so that they go now.
   for (auto& [handle, transaction] : transaction_map_) transaction->StopTimer();
   transaction_map_.clear();
@@ -55,6 +62,9 @@ void CServiceSession::_ForgetEverything() {
 
 void CServiceSession::Terminate() {
   HXF_CALLTRACE_OBJ(this);
+  // The handler goes now, not when the termination job runs: that job waits behind a job
+  // running on another thread, and no notification may reach a destroyed client.
+  _SetNotificationHandler(nullptr);
   TPL::CContext<CServiceSession>::Terminate(Direct());
 }
 
@@ -154,7 +164,12 @@ void CServiceSession::_SendRequestResult(const std::string& service_name,
 void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transaction_h transaction,
                               const std::shared_ptr<ITransactionResult>& result) {
   HXF_CALLTRACE_OBJ(this);
-  if (!notification_handler_) {
+  ServiceNotificationHandler_t handler;
+  {
+    std::lock_guard<std::mutex> lock(notification_mutex_);
+    handler = notification_handler_;
+  }
+  if (!handler) {
     HXLOG(DLOG_ERROR, "callback is nullptr!\n");
     return;
   }
@@ -168,7 +183,7 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
   std::shared_ptr<IPropertyListHelper> list =
       result != nullptr ? result->GetPropertyList() : nullptr;
   // The session's own service name, not the argument; the transaction exactly as given.
-  notification_handler_(AsCommonString(service_name_), GetHandle(),
+  handler(AsCommonString(service_name_), GetHandle(),
                         list != nullptr ? list->GetHandle() : nullptr, transaction,
                         result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
 }

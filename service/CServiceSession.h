@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -41,6 +42,7 @@ class CServiceSession : public IServiceSession, TPL::CContext<CServiceSession> {
   std::shared_ptr<ITransaction> _ReleaseTransaction(hxf_transaction_h transaction);
   std::function<void(hxf_transaction_h)> _GetTransactionTimeoutHandler();
   void _ForgetEverything();
+  void _SetNotificationHandler(const ServiceNotificationHandler_t& handler);
 
   void _RequestService(const std::shared_ptr<IPropertyListHelper>& list,
                        const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
@@ -57,7 +59,11 @@ class CServiceSession : public IServiceSession, TPL::CContext<CServiceSession> {
   std::weak_ptr<IServiceHandler> service_handler_;
   std::unordered_map<hxf_transaction_h, std::shared_ptr<ITransaction>> transaction_map_;
   std::string service_name_;
-  ServiceNotificationHandler_t notification_handler_;
+  // Terminate drops the handler at once, from the thread destroying the client, while a
+  // notification job may be reading it on another: the one field shared across threads.
+  // The lock is held only to copy or reset the handler, never while it is called.
+  std::mutex notification_mutex_;
+  ServiceNotificationHandler_t notification_handler_;  // guarded by notification_mutex_
 };
 
 }  // namespace HXFramework::Core

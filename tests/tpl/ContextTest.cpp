@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -210,6 +211,74 @@ TEST(TPLContext, TerminateSyncWhileAnotherThreadsTaskRunsReturnsFalseAtOnce) {
   EXPECT_TRUE(Eventually([&] { return watch.expired(); }));
   EXPECT_FALSE(queued_ran.load());
   EXPECT_EQ(terminations.load(), 1);  // the discarded sync job never terminated again
+}
+
+namespace {
+
+// Leaves `owner` idle with `leftover` queued: a task posted by another thread fails while
+// `leftover` waits behind it, so the failed drain ends with `leftover` still queued.
+template <typename QueueLeftover>
+void LeaveQueuedBehindAFailedDrain(const std::shared_ptr<CTestOwner>& owner,
+                                   QueueLeftover&& leftover) {
+  Gate gate;
+  std::thread poster([&] {
+    EXPECT_THROW(owner->Post(
+                     [&] {
+                       gate.Enter();
+                       throw std::runtime_error("task failed");
+                     },
+                     Direct()),
+                 std::runtime_error);
+  });
+  ASSERT_TRUE(gate.WaitEntered());
+  leftover();  // joins the running drain
+  gate.Open();
+  poster.join();
+}
+
+// TerminateSync on its own thread, so that a test can give up on a wait of 20 s.
+std::future<bool> TerminateSyncAsync(const std::shared_ptr<CTestOwner>& owner) {
+  return std::async(std::launch::async, [owner] { return owner->TerminateSync(Direct()); });
+}
+
+}  // namespace
+
+TEST(TPLContext, TerminateSyncDiscardedByAnEarlierTerminateInItsOwnDrainReturnsAtOnce) {
+  auto owner = CTestOwner::Create();
+  owner->Initiate(Direct());
+  std::atomic<int> terminations{0};
+  owner->OnTerminate([&](const std::shared_ptr<CTestOwner>&) { terminations++; });
+  LeaveQueuedBehindAFailedDrain(owner, [&] { owner->Terminate(Direct()); });
+  ASSERT_EQ(terminations.load(), 0);  // the asynchronous terminate is still queued
+  LogCapture capture;
+  // Its drain runs the earlier terminate first, which discards the synchronous one.
+  std::future<bool> result = TerminateSyncAsync(owner);
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready)
+      << "TerminateSync waited for a job that could no longer run";
+  EXPECT_FALSE(result.get());
+  EXPECT_TRUE(capture.Contains("Sync result(0)\n"));
+  EXPECT_EQ(terminations.load(), 1);
+  EXPECT_THROW(owner->Post([] {}, Direct()), CException);
+}
+
+TEST(TPLContext, TerminateSyncWhoseDrainMeetsAFailingEarlierTaskTerminatesAndReturnsFalse) {
+  auto owner = CTestOwner::Create();
+  owner->Initiate(Direct());
+  std::atomic<int> terminations{0};
+  owner->OnTerminate([&](const std::shared_ptr<CTestOwner>&) { terminations++; });
+  bool later_ran = false;
+  LeaveQueuedBehindAFailedDrain(owner, [&] {
+    owner->Post([] { throw std::runtime_error("queued task failed"); }, Direct());
+    owner->Post([&] { later_ran = true; }, Direct());
+  });
+  LogCapture capture;
+  std::future<bool> result = TerminateSyncAsync(owner);
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_FALSE(result.get());  // and no exception of another job's
+  EXPECT_TRUE(capture.Contains(")  Exception !! - queued task failed\n"));
+  EXPECT_EQ(terminations.load(), 1);
+  EXPECT_FALSE(later_ran);
+  EXPECT_THROW(owner->Post([] {}, Direct()), CException);
 }
 
 TEST(TPLContext, AsyncTerminateRunsTheHandlerAndRefusesLaterTasks) {

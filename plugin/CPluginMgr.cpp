@@ -55,7 +55,7 @@ void CPluginMgr::UnloadPlugin(const std::string& name) {
       released.emplace_back(name, _ReleasePlugin(name));  // out of the map first
       closing_.insert(name);
     }
-    _Close(released);
+    _Close(hxf_log_function_, released, false);
     HXLOG(DLOG_INFO, "UnloadPlugin End\n");
   });
 }
@@ -73,21 +73,28 @@ std::shared_ptr<IPlugin> CPluginMgr::_ReleasePlugin(const std::string& name) {
 void CPluginMgr::UnloadAllPlugin() {
   HXF_CALLTRACE_OBJ(this);
   HXLOG(DLOG_INFO, "UnloadAllPlugin Start\n");
-  std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> released;
+  std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> unloading;
   {
     WriteLock lock(plugin_mutex_);
     HXLOG(DLOG_INFO, "plugin map size: [%zu]\n", plugin_map_.size());
     for (auto& [name, plugin] : plugin_map_) {
-      released.emplace_back(name, std::move(plugin));
+      unloading.emplace_back(name, plugin);
       closing_.insert(name);
     }
-    plugin_map_.clear();
   }
-  _Close(released);
+  // The entries stay in the map while the plugins are stopped, so that a plugin reporting
+  // from its "DestroyPlugin" is still found; they are cleared once all are closed.
+  _Close(hxf_log_function_, unloading, true);
+  WriteLock lock(plugin_mutex_);
+  for (const auto& [name, plugin] : unloading) {
+    auto entry = plugin_map_.find(name);
+    if (entry != plugin_map_.end() && entry->second == plugin) plugin_map_.erase(entry);
+  }
 }
 
-void CPluginMgr::_Close(
-    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins) {
+void CPluginMgr::_Close(CLogFunction hxf_log_function_,
+                        const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins,
+                        bool unloading_all) {
   // The names are released again on every way out, also when an unload throws.
   struct Reopen {
     CPluginMgr* manager;
@@ -98,7 +105,7 @@ void CPluginMgr::_Close(
     }
   } reopen{this, plugins};
   for (const auto& [name, plugin] : plugins) {
-    HXLOG(DLOG_INFO, "try to unload [%s] plugin\n", name.c_str());
+    if (unloading_all) HXLOG(DLOG_INFO, "try to unload [%s] plugin\n", name.c_str());
     if (plugin == nullptr) {
       HXLOG(DLOG_INFO, "%s plugin is null\n", name.c_str());
       continue;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "IPlugin.h"
+#include "HXLog.h"
 #include "IPluginMgr.h"
 
 namespace HXFramework::Core {
@@ -20,14 +21,17 @@ class CPluginMgr : public IPluginMgr {
   void SendLoadResult(const std::string& name, hxf_plugin_load_result_e result) override;
 
  private:
-  // Called with plugin_mutex_ held exclusively (the first three) or in either mode.
+  // Called with plugin_mutex_ held exclusively.
   std::shared_ptr<IPlugin> _CreatePlugin(const std::string& name);
   std::shared_ptr<IPlugin> _ReleasePlugin(const std::string& name);
-  std::shared_ptr<IPlugin> _FindPlugin(const std::string& name);
   bool _HasPlugin(const std::string& name);
-  // Stops and closes plugins already taken out of the map, outside the lock, then lets
-  // their names be loaded again.
-  void _Close(const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins);
+  // Takes the shared side itself: never call it with plugin_mutex_ held.
+  std::shared_ptr<IPlugin> _FindPlugin(const std::string& name);
+  // Stops and closes plugins, outside the lock, then lets their names be loaded again.
+  // `unloading_all`: the unload-all's own lines are written. Lines name the calling operation.
+  void _Close(CLogFunction hxf_log_function_,
+              const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins,
+              bool unloading_all);
 
   // Guards plugin_map_ and closing_. Held only for their operations and for creating and
   // starting a plugin object, never while a plugin's code runs: "DestroyPlugin", and the

@@ -130,6 +130,31 @@ TEST_F(FaultInjection, DestroyPluginMayUseThePluginApi) {
   EXPECT_TRUE(capture.WaitFor("failed to load plugin : reentrant-from-destroy"));
 }
 
+TEST_F(FaultInjection, ALoadResultFromDestroyPluginDuringUnloadAllFindsItsPlugin) {
+  Load("fault_reentrant");
+  ASSERT_TRUE(loads_.WaitCount("fault_reentrant 0", 1));
+  LogCapture capture;
+  EXPECT_EQ(hxf_core_plugin_unload_all(), HXF_ERROR_NONE);
+  // Still in the map until the unload-all clears it: found, with no handler left.
+  EXPECT_TRUE(capture.WaitFor("CPlugin : _SendLoadResult(", ")  plugin callback is null!\n"));
+  EXPECT_FALSE(capture.Contains("enable to find the plugin in map"));
+  EXPECT_EQ(capture.CountContaining(")  try to unload [fault_reentrant] plugin\n"), 1);
+  EXPECT_EQ(capture.Find("try to unload").text.rfind("CPluginMgr : UnloadAllPlugin(", 0), 0u);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("fault_reentrant")), HXF_ERROR_OPERATION_FAILED);  // gone
+}
+
+TEST_F(FaultInjection, ALoadResultFromDestroyPluginDuringAnUnloadFindsNoPlugin) {
+  Load("fault_reentrant");
+  ASSERT_TRUE(loads_.WaitCount("fault_reentrant 0", 1));
+  LogCapture capture;
+  EXPECT_EQ(hxf_core_plugin_unload(Str("fault_reentrant")), HXF_ERROR_NONE);
+  // One plugin's unload takes it out of the map first.
+  EXPECT_TRUE(capture.WaitFor(
+      "CPluginMgr : SendLoadResult(",
+      ")  Exception !! - enable to find the plugin in map(error:2)(error_code:2)\n"));
+  EXPECT_FALSE(capture.Contains("try to unload"));  // the unload-all's line only
+}
+
 TEST_F(FaultInjection, LoadingANameThatIsBeingUnloadedFailsUntilItsLibraryIsClosed) {
   // The application's load callback holds the plugin's context busy, so an unload started
   // meanwhile has to wait for it: the name is then being unloaded.
@@ -154,7 +179,7 @@ TEST_F(FaultInjection, LoadingANameThatIsBeingUnloadedFailsUntilItsLibraryIsClos
   LogCapture capture;
   std::thread unloader(
       [] { EXPECT_EQ(hxf_core_plugin_unload(Str("fault_blocking")), HXF_ERROR_NONE); });
-  ASSERT_TRUE(capture.WaitFor("try to unload [fault_blocking] plugin"));
+  ASSERT_TRUE(capture.WaitFor(")  plugin[", "] deleted from plugin map\n"));
   EXPECT_EQ(hxf_core_plugin_load(Str("fault_blocking"), &OnLoaded, &loads_),
             HXF_ERROR_OPERATION_FAILED);
   {

@@ -111,6 +111,8 @@ EXPORT bool DestroyPlugin(void) {
     // Using the plugin API from "DestroyPlugin" must work, not deadlock: this one fails
     // (no such library), which the test sees in the log.
     hxf_core_plugin_load(S("reentrant-from-destroy"), nullptr, nullptr);
+    // And reports a load result while being unloaded.
+    hxf_core_plugin_send_load_result(S(PluginName()), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   }
   {
     std::lock_guard<std::mutex> lock(g_mutex);

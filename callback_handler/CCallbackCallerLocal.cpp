@@ -1,6 +1,5 @@
 #include "CCallbackCallerLocal.h"
 
-#include "CCallbackGate.h"
 #include "HXLog.h"
 
 namespace HXFramework::Core {
@@ -15,8 +14,7 @@ void Call(const char* kind, Callback cb, void* user_data, Args... args) {
     HXLOG(DLOG_ERROR, "%s callback is NULL, call skipped\n", kind);
     return;
   }
-  CCallbackGate::CPass pass;  // the callback's library stays mapped until it returns
-  cb(args..., user_data);
+  cb(args..., user_data);  // its library is held open by the handler that calls here
 }
 
 }  // namespace

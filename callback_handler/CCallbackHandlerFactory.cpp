@@ -1,5 +1,7 @@
 #include "CCallbackHandlerFactory.h"
 
+#include "CLibraryGate.h"
+
 namespace HXFramework::Core {
 
 namespace {
@@ -7,12 +9,17 @@ namespace {
 using Caller = ICallbackHandlerFactory::Caller;
 
 // The one way a handler is built: a function object that, when invoked, hands its captured
-// C callback and user data with the event's arguments to `call` on the captured caller.
+// C callback and user data with the event's arguments to `call` on the captured caller. The
+// callback's library is found once, here, and held open for the duration of every call.
 template <typename Callback, typename... Args>
 std::function<void(Args...)> Bind(const Caller& caller,
                                   void (ICallbackCaller::*call)(Callback, void*, Args...),
                                   Callback cb, void* user_data) {
-  return [caller, call, cb, user_data](Args... args) { ((*caller).*call)(cb, user_data, args...); };
+  CLibraryGate* gate = CLibraryGate::For(reinterpret_cast<const void*>(cb));
+  return [caller, call, cb, user_data, gate](Args... args) {
+    CLibraryGate::CPass pass(gate);
+    ((*caller).*call)(cb, user_data, args...);
+  };
 }
 
 }  // namespace

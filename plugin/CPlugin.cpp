@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "CApiCaller.h"
-#include "CCallbackGate.h"
+#include "CLibraryGate.h"
 #include "CommonText.h"
 #include "CoreGlobals.h"
 #include "HXCALLTRACE_OBJ.h"
@@ -146,11 +146,17 @@ void CPlugin::_LoadDelegate() {
   destroy_fn_ = reinterpret_cast<EntryPoint>(dlsym(plugin_lib_, "DestroyPlugin"));
   if (create_fn_ == nullptr) Fail("failed to load a CreatePlugin symbol !");
   if (destroy_fn_ == nullptr) Fail("failed to load a DestroyPlugin symbol !");
+  gate_ = CLibraryGate::For(reinterpret_cast<const void*>(create_fn_));
 }
 
 void CPlugin::_InitLibrary() {
   HXF_CALLTRACE_OBJ(this);
-  if (!create_fn_()) Fail("failed to initialize plugin !");
+  bool started = false;
+  {
+    CLibraryGate::CPass pass(gate_);
+    started = create_fn_();
+  }
+  if (!started) Fail("failed to initialize plugin !");
   initialized_ = true;
 }
 
@@ -171,30 +177,27 @@ void CPlugin::_Unload(const void* requester) {
 void CPlugin::_TermiLibrary() {
   HXF_CALLTRACE_OBJ(this);
   if (!initialized_) Fail("No plugin to destroy");
-  if (!destroy_fn_()) Fail("failed to finalize plugin !");
-}
-
-bool CPlugin::_IsOwnCode(const void* address) const {
-  Dl_info requester{};
-  Dl_info own{};
-  return address != nullptr && create_fn_ != nullptr && dladdr(address, &requester) != 0 &&
-         dladdr(reinterpret_cast<const void*>(create_fn_), &own) != 0 &&
-         requester.dli_fbase == own.dli_fbase;
+  bool stopped = false;
+  {
+    CLibraryGate::CPass pass(gate_);
+    stopped = destroy_fn_();
+  }
+  if (!stopped) Fail("failed to finalize plugin !");
 }
 
 void CPlugin::_UnloadDelegate(const void* requester) {
   HXF_CALLTRACE_OBJ(this);
   if (plugin_lib_ == nullptr) Fail("plugin_lib_ is null. No opened plugin to unload");
-  if (_IsOwnCode(requester)) {
-    // The unload call returns into this very library: closing it would pull the code out
-    // from under the caller. It stays mapped.
+  // No gate: "CreatePlugin" was never found, so none of the library's code ever ran.
+  const CLibraryGate::Verdict verdict =
+      gate_ != nullptr ? gate_->MayClose(requester, kCallbackDrainWait)
+                       : CLibraryGate::Verdict::kClose;
+  if (verdict == CLibraryGate::Verdict::kCallerInside) {
     HXLOG(DLOG_ERROR, "plugin %s unloads itself: its library stays open\n", plugin_name_.c_str());
     plugin_lib_ = nullptr;
     return;
   }
-  // A callback of the plugin may still be returning on another thread (its destroyed
-  // callback, say): the library must stay mapped until it is back in the core.
-  if (!CCallbackGate::WaitUntilClear(kCallbackDrainWait)) {
+  if (verdict == CLibraryGate::Verdict::kBusy) {
     HXLOG(DLOG_ERROR, "callbacks still running: library of %s left open\n", plugin_name_.c_str());
     plugin_lib_ = nullptr;
     return;

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "CLibraryGate.h"
 #include "IPlugin.h"
 #include "TPLContext"
 
@@ -31,7 +32,6 @@ class CPlugin : public IPlugin, TPL::CContext<CPlugin> {
   void _SendLoadResult(hxf_plugin_load_result_e result);
   void _LoadDelegate();
   void _UnloadDelegate(const void* requester);
-  bool _IsOwnCode(const void* address) const;
   void _InitLibrary();
   void _TermiLibrary();
   std::string _GetFilePath();
@@ -40,6 +40,7 @@ class CPlugin : public IPlugin, TPL::CContext<CPlugin> {
   EntryPoint create_fn_ = nullptr;
   EntryPoint destroy_fn_ = nullptr;
   void* plugin_lib_ = nullptr;
+  CLibraryGate* gate_ = nullptr;  // of the open library: when it may be closed
   bool initialized_ = false;
   std::string plugin_name_;
   PluginLoadHandler_t loaded_cb_;

@@ -211,3 +211,52 @@ TEST_F(PluginApi, DestroyPluginReturningFalseIsLoggedAndTheLibraryStaysOpen) {
       capture.Contains("Exception !! - failed to finalize plugin !(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("destroyfails"));
 }
+
+// Regression: any application callback under way held every plugin's library open, so an
+// unload of an idle plugin stalled 5 s and then left its library mapped.
+TEST_F(PluginApi, AnApplicationCallbackUnderWayDoesNotHoldAnIdlePluginOpen) {
+  ASSERT_EQ(Load("async"), HXF_ERROR_NONE);
+  ASSERT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+  // An application's provider whose search callback blocks on a pool thread.
+  struct Blocker {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool entered = false;
+    bool released = false;
+    bool returned = false;
+  } blocker;
+  hxf_service_handler_h handler = hxf_core_service_handler_create(Name("app"), nullptr);
+  hxf_core_service_handler_set_search_callback(
+      handler,
+      [](hxf_service_handler_h, hxf_string, void* ud) {
+        auto* b = static_cast<Blocker*>(ud);
+        std::unique_lock<std::mutex> lock(b->mutex);
+        b->entered = true;
+        b->cv.notify_all();
+        b->cv.wait(lock, [&] { return b->released; });
+        b->returned = true;
+        b->cv.notify_all();
+      },
+      &blocker);
+  hxf_core_service_handler_subscribe_service(handler, Name("held"));
+  hxf_client_h client = hxf_core_client_create(Name("ui"));
+  hxf_core_client_start_active_search(
+      client, Name("held"),
+      [](hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) {},
+      60000, nullptr);
+  ASSERT_TRUE(WaitUntil(blocker.mutex, blocker.cv, [&] { return blocker.entered; }));
+
+  LogCapture capture;
+  EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_NONE);
+  EXPECT_FALSE(IsOpen("async"));  // closed at once: the blocked callback is not the plugin's
+  EXPECT_FALSE(capture.Contains("callbacks still running"));
+
+  {
+    std::lock_guard<std::mutex> lock(blocker.mutex);
+    blocker.released = true;
+    blocker.cv.notify_all();
+  }
+  ASSERT_TRUE(WaitUntil(blocker.mutex, blocker.cv, [&] { return blocker.returned; }));
+  hxf_core_client_destroy(client);
+  hxf_core_service_handler_destroy(handler);
+}

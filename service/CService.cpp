@@ -178,6 +178,7 @@ void CService::_StopListSearchTimer() {
 }
 
 std::function<void()> CService::_GetSearchTimerHandler(hxf_client_h client) {
+  HXF_LOG_AS_OPERATION();  // the timer's lines name the operation that armed it
   // Holds the service alive until the timer drops the handler.
   std::shared_ptr<CService> self(weak_this_);
   return [self, client] {
@@ -187,6 +188,7 @@ std::function<void()> CService::_GetSearchTimerHandler(hxf_client_h client) {
 }
 
 std::function<void()> CService::_GetListSearchTimerHandler(hxf_client_h client) {
+  HXF_LOG_AS_OPERATION();
   std::shared_ptr<CService> self(weak_this_);
   return [self, client] {
     RunLogged(HXF_LOG_SITE, OnException::kSwallow,

@@ -24,6 +24,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+// Far beyond any answer's delay: a request waiting this long and answered must get the answer.
+constexpr uint32_t kLongTimeoutMs = 4000;
 constexpr const char* kServices[] = {"stress-a", "stress-b", "stress-c", "*"};
 
 hxf_string S(const std::string& text) {
@@ -42,7 +44,10 @@ struct Request {
   std::string tag;
   int client;                               // index of the consumer's client generation
   hxf_service_session_h session = nullptr;  // the session it was sent on
+  bool long_timeout = false;                // a time-out far beyond any answer's delay
   std::atomic<int> results{0};
+  std::atomic<int> answers{0};   // results carrying the provider's echo of the request
+  std::atomic<int> timeouts{0};  // results with HXF_ERROR_TIMED_OUT
   std::atomic<int> notifications{0};
 };
 
@@ -55,6 +60,7 @@ struct World {
   std::condition_variable cv;
   std::map<std::string, std::shared_ptr<Request>> requests;  // by tag
   std::vector<bool> client_destroyed;                        // by client index
+  std::vector<long> destroy_ticket;  // by client index: taken before its destroy began
   std::atomic<long> api_calls{0};
   std::atomic<long> callbacks{0};
   std::atomic<int> async_client_destroys{0};
@@ -79,10 +85,16 @@ void Settle(Request& request, bool notification) {
   Wake();
 }
 
-void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_transaction_h,
-              hxf_error_e, void* ud) {
-  Settle(*static_cast<Request*>(ud), false);
+void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h,
+              hxf_error_e error, void* ud) {
+  auto& request = *static_cast<Request*>(ud);
+  if (error == HXF_ERROR_TIMED_OUT) ++request.timeouts;
+  if (error == HXF_ERROR_NONE && list != nullptr && request.tag == hxf_property_list_get_name(list))
+    ++request.answers;
+  Settle(request, false);
 }
+
+long (*g_ticket)() = nullptr;  // the stress plugin's clock
 
 void OnNotify(hxf_string, hxf_service_session_h session, hxf_property_list_h list,
               hxf_transaction_h, hxf_error_e, void* ud) {
@@ -129,6 +141,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     std::lock_guard<std::mutex> lock(world.mutex);
     client_index = static_cast<int>(world.client_destroyed.size());
     world.client_destroyed.push_back(false);
+    world.destroy_ticket.push_back(-1);
     session = nullptr;
   };
   auto destroy_client = [&] {
@@ -136,6 +149,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       std::lock_guard<std::mutex> lock(world.mutex);
       world.client_destroyed[static_cast<size_t>(client_index)] =
           true;  // before: its requests may go unanswered
+      world.destroy_ticket[static_cast<size_t>(client_index)] = g_ticket();
     }
     if (random() % 2 == 0) {
       hxf_core_client_destroy(client);
@@ -175,6 +189,10 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       request->tag = "r" + std::to_string(index) + "." + std::to_string(sequence++);
       request->client = client_index;
       request->session = session;
+      // One in four waits long: if the provider answers it, the answer must arrive.
+      request->long_timeout = random() % 4 == 0;
+      const uint32_t timeout =
+          request->long_timeout ? kLongTimeoutMs : 1 + static_cast<uint32_t>(random() % 80);
       {
         std::lock_guard<std::mutex> lock(world.mutex);
         world.requests[request->tag] = request;
@@ -182,8 +200,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       hxf_property_list_h list = hxf_property_list_create(S(request->tag));
       hxf_transaction_h transaction = nullptr;
       const hxf_error_e code = hxf_core_client_request_service(
-          client, session, list, OnResult, 1 + static_cast<uint32_t>(random() % 80), &transaction,
-          request.get());
+          client, session, list, OnResult, timeout, &transaction, request.get());
       hxf_property_list_destroy(list);
       if (code != HXF_ERROR_NONE) {
         std::lock_guard<std::mutex> lock(world.mutex);
@@ -198,10 +215,10 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     }
   }
   // Before the last destroy, let every request of the living client settle: its longest
-  // time-out is 80 ms.
+  // time-out is kLongTimeoutMs.
   {
     std::unique_lock<std::mutex> lock(world.mutex);
-    world.cv.wait_for(lock, std::chrono::seconds(10), [&] {
+    world.cv.wait_for(lock, std::chrono::milliseconds(kLongTimeoutMs + 10000), [&] {
       for (const auto& [tag, request] : world.requests) {
         if (request->client == client_index && request->results + request->notifications == 0)
           return false;
@@ -293,7 +310,10 @@ int main(int argc, char** argv) {
   auto async_destroys = reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_async_destroys"));
   auto destroyed_callbacks =
       reinterpret_cast<int (*)()>(dlsym(lib, "hxf_stress_destroyed_callbacks"));
-  if (lib == nullptr || start == nullptr) {
+  g_ticket = reinterpret_cast<long (*)()>(dlsym(lib, "hxf_stress_ticket"));
+  auto answer_ticket =
+      reinterpret_cast<long (*)(const char*)>(dlsym(lib, "hxf_stress_answer_ticket"));
+  if (lib == nullptr || start == nullptr || g_ticket == nullptr || answer_ticket == nullptr) {
     std::printf("FAILED: stress plugin hooks missing\n");
     return 1;
   }
@@ -334,9 +354,21 @@ int main(int argc, char** argv) {
 
   long settled_live = 0;
   long unsettled_destroyed = 0;
+  long answered_alive = 0;
   {
     std::lock_guard<std::mutex> lock(world.mutex);
     for (const auto& [tag, request] : world.requests) {
+      // Answered by the provider while its client (and so its session) lived, long before
+      // its time-out: delivered as that answer, never as a time-out. (Once a destroy has
+      // begun, an answer may find nobody; a time-out is still never right.)
+      const long answer = answer_ticket(tag.c_str());
+      const long destroyed_at = world.destroy_ticket[static_cast<size_t>(request->client)];
+      if (request->long_timeout && answer >= 0 && (destroyed_at < 0 || answer < destroyed_at)) {
+        ++answered_alive;
+        check(request->timeouts == 0, tag + ": answered while its client lived, yet timed out");
+        check(request->answers + request->notifications == 1 || destroyed_at >= 0,
+              tag + ": answered while its client lived, yet the answer never arrived");
+      }
       const bool destroyed_first = world.client_destroyed[static_cast<size_t>(request->client)];
       check(request->results <= 1,
             tag + ": at most one result (got " + std::to_string(request->results) + ")");
@@ -355,7 +387,7 @@ int main(int argc, char** argv) {
             std::to_string(world.async_client_destroys) + ")");
   check(world.final_unsettled == 0,
         std::to_string(world.final_unsettled) +
-            " request(s) of living clients got no callback within 10 s");
+            " request(s) of living clients got no callback within their time-out + 10 s");
   check(world.bad_destroyed_callbacks == 0, "destroyed callbacks carry their own handle");
   check(plugin_callbacks == plugin_async, "every async handler destroy reported once (" +
                                               std::to_string(plugin_callbacks) + "/" +
@@ -376,12 +408,14 @@ int main(int argc, char** argv) {
       "stress: %.1f s, seed %u, %d consumers, %d providers\n"
       "  consumer calls %ld (%.0f/s), provider operations %ld (%.0f/s), callbacks %ld\n"
       "  requests %zu: %ld settled, %ld unanswered because their client was destroyed first\n"
+      "  %ld long-waiting requests answered while their client lived, each delivered as answered\n"
       "  async destroys: clients %d, handlers %d, all reported once\n"
       "  heap in use after teardown: %+ld bytes\n",
       seconds, options.seed, options.consumers, options.providers, world.api_calls.load(),
       static_cast<double>(world.api_calls.load()) / seconds, provider_operations,
       static_cast<double>(provider_operations) / seconds, world.callbacks.load(), request_count,
-      settled_live, unsettled_destroyed, world.async_client_destroys.load(), plugin_async, growth);
+      settled_live, unsettled_destroyed, answered_alive, world.async_client_destroys.load(),
+      plugin_async, growth);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   // Retired handle memory is held back (a bounded quarantine) and the allocator keeps
   // arenas; anything beyond that is a leak.

@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "hxf_core.h"
@@ -36,6 +37,16 @@ std::atomic<bool> g_running{false};
 std::atomic<long> g_operations{0};
 std::atomic<int> g_destroyed_callbacks{0};
 std::atomic<int> g_async_destroys{0};
+// One clock for both sides of the run: a ticket orders an answer against a client's destroy.
+std::atomic<long> g_tickets{0};
+std::mutex g_answers_mutex;  // guards g_answers
+std::unordered_map<std::string, long> g_answers;  // request name -> ticket taken before answering
+
+void RecordAnswer(const std::string& name) {
+  const long ticket = ++g_tickets;
+  std::lock_guard<std::mutex> lock(g_answers_mutex);
+  g_answers.emplace(name, ticket);  // the first answer counts
+}
 
 hxf_string S(const std::string& text) {
   return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
@@ -98,6 +109,7 @@ void Send(bool notify, int service, hxf_transaction_h transaction, const std::st
     hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction,
                                     HXF_ERROR_NONE);
   } else {
+    RecordAnswer(name);
     hxf_core_service_handler_send_request_result(handler, S(kServiceNames[service]), list,
                                                  transaction, HXF_ERROR_NONE);
   }
@@ -215,6 +227,16 @@ EXPORT int hxf_stress_async_destroys(void) {
 }
 EXPORT int hxf_stress_destroyed_callbacks(void) {
   return g_destroyed_callbacks.load();
+}
+EXPORT long hxf_stress_ticket(void) {
+  return ++g_tickets;
+}
+// The ticket taken just before the request named `name` was first answered with a result,
+// or -1 when it never was.
+EXPORT long hxf_stress_answer_ticket(const char* name) {
+  std::lock_guard<std::mutex> lock(g_answers_mutex);
+  auto found = g_answers.find(name);
+  return found != g_answers.end() ? found->second : -1;
 }
 
 EXPORT bool DestroyPlugin(void) {

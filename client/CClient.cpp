@@ -361,7 +361,9 @@ void CClient::_TermiAsync(const ClientDestroyedHandler_t& destroyed) {
     HXLOG(DLOG_ERROR, "callback is nullptr!\n");
     return;
   }
-  // Runs when the context terminates, after every earlier task of this client.
+  // Runs when the context terminates, after every earlier task of this client. Deliberately
+  // the sessions are released here, in the context's own order, rather than by TermiAsync's
+  // caller: no task of the client can be using them any more.
   _SetTerminateHandler([destroyed](const std::shared_ptr<CClient>& self) {
     self->_ReleaseAll();
     destroyed(self->GetHandle());

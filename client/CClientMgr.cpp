@@ -118,7 +118,9 @@ void CClientMgr::DestroyClient(hxf_client_h client) {
     WriteLock guard(client_mutex_);
     released = _ReleaseClient(client);
   }
-  released->Termi();  // a slow termination must not block other clients
+  // Deliberately outside the registry lock: the termination may run this client's queued
+  // jobs (application callbacks) on this thread, and a slow one must not block other clients.
+  released->Termi();
 }
 
 void CClientMgr::DestroyClientAsync(hxf_client_h client,
@@ -130,7 +132,7 @@ void CClientMgr::DestroyClientAsync(hxf_client_h client,
     WriteLock guard(client_mutex_);
     released = _ReleaseClient(client);
   }
-  released->TermiAsync(destroyed);
+  released->TermiAsync(destroyed);  // outside the lock, deliberately, as in DestroyClient
 }
 
 // ---- forwarding ----

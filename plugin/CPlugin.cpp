@@ -80,9 +80,10 @@ void CPlugin::Load(const PluginLoadHandler_t& handler) {
 void CPlugin::Unload() {
   HXF_CALLTRACE_OBJ(this);
   // On an idle plugin the direct invoker runs the unload before InvokeTask returns. If a
-  // job of this plugin is running on another thread, the unload is queued behind it: wait
-  // for it, since the termination that follows would otherwise discard it and leave the
-  // library open. A plugin unloading itself from its own job cannot wait for itself.
+  // job of this plugin is running on another thread, the unload is queued behind it.
+  // Deliberately, it waits (bounded) for that job rather than return: the termination that
+  // follows would otherwise discard the unload and leave the library open. A plugin
+  // unloading itself from its own job cannot wait for itself.
   auto done = std::make_shared<TPL::CSynchronizer>();
   // Who asked, taken now: the unload may run on another thread.
   const void* requester = CApiCaller::ReturnAddress();

@@ -245,8 +245,8 @@ void CServiceMgr::UnsubscribeService(hxf_service_handler_h handle, const std::st
     _DestroyService(name);
   }
   // Unsubscribing any one handler ends the whole service, whoever else it had: kept so.
-  // Its context is stopped after the lock is released: stopping runs the jobs already queued
-  // on this thread, and those may call back into the application.
+  // Deliberately after the lock is released: stopping runs the jobs already queued on this
+  // thread, and those may call back into the application, which may use the API.
   service->Unsubscribe(handle);
   service->Termi();
 }
@@ -258,7 +258,9 @@ void CServiceMgr::DestroyServiceHandler(hxf_service_handler_h handle) {
     WriteLock guard(lock);
     handler = _ReleaseServiceHandler(handle);
   }
-  handler->Termi();  // outside the lock: it may wait for the handler's running job
+  // Deliberately outside the lock: the termination may run the handler's queued jobs (plugin
+  // callbacks) on this thread, and those may use the API.
+  handler->Termi();
 }
 
 void CServiceMgr::DestroyServiceHandlerAsync(hxf_service_handler_h handle,
@@ -274,7 +276,7 @@ void CServiceMgr::DestroyServiceHandlerAsync(hxf_service_handler_h handle,
     WriteLock guard(lock);
     handler = _ReleaseServiceHandler(handle);
   }
-  handler->TermiAsync(destroyed);
+  handler->TermiAsync(destroyed);  // outside the lock, deliberately, as in DestroyServiceHandler
 }
 
 // ---- searches ----

@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "hxf_core.h"
@@ -343,6 +344,11 @@ int main(int argc, char** argv) {
   // Our own reference keeps the library mapped until we have read its counters.
   const int plugin_async = async_destroys();
   const int plugin_callbacks = destroyed_callbacks();
+  std::unordered_map<std::string, long> answered;  // request tag -> the plugin's answer ticket
+  {
+    std::lock_guard<std::mutex> lock(world.mutex);
+    for (const auto& [tag, request] : world.requests) answered[tag] = answer_ticket(tag.c_str());
+  }
   dlclose(lib);
   hxf_core_finalize();
   {
@@ -361,7 +367,7 @@ int main(int argc, char** argv) {
       // Answered by the provider while its client (and so its session) lived, long before
       // its time-out: delivered as that answer, never as a time-out. (Once a destroy has
       // begun, an answer may find nobody; a time-out is still never right.)
-      const long answer = answer_ticket(tag.c_str());
+      const long answer = answered[tag];
       const long destroyed_at = world.destroy_ticket[static_cast<size_t>(request->client)];
       if (request->long_timeout && answer >= 0 && (destroyed_at < 0 || answer < destroyed_at)) {
         ++answered_alive;

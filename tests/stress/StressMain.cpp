@@ -50,6 +50,8 @@ struct Request {
   std::atomic<int> answers{0};   // results carrying the provider's echo of the request
   std::atomic<int> timeouts{0};  // results with HXF_ERROR_TIMED_OUT
   std::atomic<int> notifications{0};
+  std::atomic<bool> settled{false};  // its first callback has come
+  long answer_ticket = -1;           // long-waiting only: when the provider answered it
 };
 
 struct Subscriber {
@@ -62,6 +64,7 @@ struct World {
   std::map<std::string, std::shared_ptr<Request>> requests;  // by tag
   std::vector<bool> client_destroyed;                        // by client index
   std::vector<long> destroy_ticket;  // by client index: taken before its destroy began
+  std::vector<long> open_requests;   // by client index: requests without any callback yet
   std::atomic<long> api_calls{0};
   std::atomic<long> callbacks{0};
   std::atomic<int> async_client_destroys{0};
@@ -83,7 +86,11 @@ void Settle(Request& request, bool notification) {
   ++(notification ? request.notifications : request.results);
   ++g_world->callbacks;
   ++g_world->progress;
-  Wake();
+  if (!request.settled.exchange(true)) {
+    std::lock_guard<std::mutex> lock(g_world->mutex);
+    --g_world->open_requests[static_cast<size_t>(request.client)];
+    g_world->cv.notify_all();
+  }
 }
 
 void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list, hxf_transaction_h,
@@ -143,6 +150,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     client_index = static_cast<int>(world.client_destroyed.size());
     world.client_destroyed.push_back(false);
     world.destroy_ticket.push_back(-1);
+    world.open_requests.push_back(0);
     session = nullptr;
   };
   auto destroy_client = [&] {
@@ -187,16 +195,19 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       keep->push_back(std::move(subscriber));
     } else if (dice < 95) {
       auto request = std::make_shared<Request>();
-      request->tag = "r" + std::to_string(index) + "." + std::to_string(sequence++);
+      // One in four waits long ("L" tags, whose answers the plugin records): if the provider
+      // answers it, the answer must arrive.
+      request->long_timeout = random() % 4 == 0;
+      request->tag = (request->long_timeout ? "L" : "r") + std::to_string(index) + "." +
+                     std::to_string(sequence++);
       request->client = client_index;
       request->session = session;
-      // One in four waits long: if the provider answers it, the answer must arrive.
-      request->long_timeout = random() % 4 == 0;
       const uint32_t timeout =
           request->long_timeout ? kLongTimeoutMs : 1 + static_cast<uint32_t>(random() % 80);
       {
         std::lock_guard<std::mutex> lock(world.mutex);
         world.requests[request->tag] = request;
+        ++world.open_requests[static_cast<size_t>(client_index)];
       }
       hxf_property_list_h list = hxf_property_list_create(S(request->tag));
       hxf_transaction_h transaction = nullptr;
@@ -206,6 +217,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       if (code != HXF_ERROR_NONE) {
         std::lock_guard<std::mutex> lock(world.mutex);
         world.requests.erase(request->tag);  // refused at once: no callback is owed
+        --world.open_requests[static_cast<size_t>(client_index)];
       }
     } else {
       // Stale and garbage handles: an error code, never a crash.
@@ -216,24 +228,13 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     }
   }
   // Before the last destroy, let every request of the living client settle: its longest
-  // time-out is kLongTimeoutMs.
+  // time-out is kLongTimeoutMs. Whatever is still open then was owed a callback.
   {
     std::unique_lock<std::mutex> lock(world.mutex);
-    world.cv.wait_for(lock, std::chrono::milliseconds(kLongTimeoutMs + 10000), [&] {
-      for (const auto& [tag, request] : world.requests) {
-        if (request->client == client_index && request->results + request->notifications == 0)
-          return false;
-      }
-      return true;
-    });
-  }
-  {
-    // Whatever is still open now was owed a callback by a living client.
-    std::lock_guard<std::mutex> lock(world.mutex);
-    for (const auto& [tag, request] : world.requests) {
-      if (request->client == client_index && request->results + request->notifications == 0)
-        ++world.final_unsettled;
-    }
+    const size_t me = static_cast<size_t>(client_index);
+    world.cv.wait_for(lock, std::chrono::milliseconds(kLongTimeoutMs + 10000),
+                      [&] { return world.open_requests[me] == 0; });
+    world.final_unsettled += world.open_requests[me];
   }
   destroy_client();
 }
@@ -344,10 +345,11 @@ int main(int argc, char** argv) {
   // Our own reference keeps the library mapped until we have read its counters.
   const int plugin_async = async_destroys();
   const int plugin_callbacks = destroyed_callbacks();
-  std::unordered_map<std::string, long> answered;  // request tag -> the plugin's answer ticket
   {
     std::lock_guard<std::mutex> lock(world.mutex);
-    for (const auto& [tag, request] : world.requests) answered[tag] = answer_ticket(tag.c_str());
+    for (const auto& [tag, request] : world.requests) {
+      if (request->long_timeout) request->answer_ticket = answer_ticket(tag.c_str());
+    }
   }
   dlclose(lib);
   hxf_core_finalize();
@@ -367,7 +369,7 @@ int main(int argc, char** argv) {
       // Answered by the provider while its client (and so its session) lived, long before
       // its time-out: delivered as that answer, never as a time-out. (Once a destroy has
       // begun, an answer may find nobody; a time-out is still never right.)
-      const long answer = answered[tag];
+      const long answer = request->answer_ticket;
       const long destroyed_at = world.destroy_ticket[static_cast<size_t>(request->client)];
       if (request->long_timeout && answer >= 0 && (destroyed_at < 0 || answer < destroyed_at)) {
         ++answered_alive;

@@ -42,7 +42,9 @@ std::atomic<long> g_tickets{0};
 std::mutex g_answers_mutex;  // guards g_answers
 std::unordered_map<std::string, long> g_answers;  // request name -> ticket taken before answering
 
+// Only the long-waiting requests ("L" tags) are checked against their answers.
 void RecordAnswer(const std::string& name) {
+  if (name.empty() || name[0] != 'L') return;
   const long ticket = ++g_tickets;
   std::lock_guard<std::mutex> lock(g_answers_mutex);
   g_answers.emplace(name, ticket);  // the first answer counts
@@ -64,8 +66,15 @@ void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
                hxf_property_list_h list, void*) {
   const int service = ServiceOf(handler);
   std::lock_guard<std::mutex> lock(g_mutex);
-  if (service >= 0 && g_pending.size() < 100000) {
-    g_pending.push_back(Pending{transaction, hxf_property_list_get_name(list), service});
+  if (service < 0) return;
+  Pending pending{transaction, hxf_property_list_get_name(list), service};
+  // Long-waiting requests go first (making room if need be), so that most are answered while
+  // their client lives; the others queue up behind them, never answered once it is full.
+  if (pending.name[0] == 'L') {
+    if (g_pending.size() >= 100000) g_pending.pop_back();
+    g_pending.push_front(std::move(pending));
+  } else if (g_pending.size() < 100000) {
+    g_pending.push_back(std::move(pending));
   }
 }
 

@@ -53,18 +53,23 @@ class CHandleQuarantine {
   }
 
   void Retire(void* memory) {
-    std::vector<void*> released;  // empty (no allocation) unless the depth was passed
+    void* released = nullptr;    // the steady state: one address in, one out
+    std::vector<void*> lowered;  // more only after the depth was lowered (no allocation else)
     {
       std::lock_guard<std::mutex> lock(mutex_);
       retired_.push_back(memory);
-      // A loop, so that a lowered depth takes effect at the next retirement.
       const std::size_t depth = HandleQuarantineDepth().load(std::memory_order_relaxed);
       while (retired_.size() > depth) {
-        released.push_back(retired_.front());
+        if (released == nullptr) {
+          released = retired_.front();
+        } else {
+          lowered.push_back(retired_.front());
+        }
         retired_.pop_front();
       }
     }
-    for (void* address : released) ::operator delete(address);
+    ::operator delete(released);  // null is fine
+    for (void* address : lowered) ::operator delete(address);
   }
 
   std::mutex mutex_;  // guards retired_ only; nothing else is done under it

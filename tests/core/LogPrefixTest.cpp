@@ -103,6 +103,7 @@ TEST(LogPrefix, LinesNameTheOperationNotALambdaOrAHelper) {
   ASSERT_TRUE(capture.WaitFor("[RequestResult] transaction NOT Found"));
   hxf_core_client_destroy(client);
   hxf_core_service_handler_destroy(handler);
+  hxf_core_plugin_unload_all();
   hxf_core_finalize();
 
   ExpectPrefixes(capture, {
@@ -127,5 +128,11 @@ TEST(LogPrefix, LinesNameTheOperationNotALambdaOrAHelper) {
       {"CServiceSession", "_SendRequestResult", "[RequestResult] transaction NOT Found."},
       {"hxf_core_export", "hxf_core_client_request_service", "pelnor result_cb is"},
       {"CCallbackCallerLocal", "CallSearchHandler", "search callback is NULL, call skipped"},
+      {"CClientMgr", "SubscribeService", "SubscribeService service name: svc"},
+      {"CClientMgr", "RequestService", "service_session: "},
+      {"CClientMgr", "Finalize", "client map size: "},
+      {"CPropertyListHelper", "CPropertyListHelper", "pelnor (core)property list created for get"},
+      {"CPluginMgr", "_CreatePlugin", " [not-there] Plugin has been created"},
+      {"CPluginMgr", "UnloadAllPlugin", "try to unload [not-there] plugin"},
   });
 }

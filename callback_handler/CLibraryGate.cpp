@@ -21,6 +21,11 @@ const void* CLibraryGate::BaseOf(const void* code) {
 CLibraryGate* CLibraryGate::For(const void* code) {
   const void* base = BaseOf(code);
   if (base == nullptr) return nullptr;
+  // A request registers its result callback each time: most lookups find the last library
+  // again. Gates are never destroyed, so a remembered one is always valid.
+  thread_local const void* t_last_base = nullptr;
+  thread_local CLibraryGate* t_last_gate = nullptr;
+  if (base == t_last_base) return t_last_gate;
   // Never destroyed: callbacks run on pool threads until the process is gone. The lock
   // guards the registry only (registration time, never a callback's call).
   static auto* registry_mutex = new std::mutex();
@@ -28,6 +33,8 @@ CLibraryGate* CLibraryGate::For(const void* code) {
   std::lock_guard<std::mutex> lock(*registry_mutex);
   CLibraryGate*& gate = (*registry)[base];
   if (gate == nullptr) gate = new CLibraryGate(base);
+  t_last_base = base;
+  t_last_gate = gate;
   return gate;
 }
 

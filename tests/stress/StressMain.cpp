@@ -342,16 +342,10 @@ int main(int argc, char** argv) {
     });
   }
   hxf_core_plugin_unload_all();  // the plugin waits for its own destroyed callbacks
-  // Our own reference keeps the library mapped until we have read its counters.
+  // Our own reference keeps the library mapped until we have read its counters and records.
   const int plugin_async = async_destroys();
   const int plugin_callbacks = destroyed_callbacks();
-  {
-    std::lock_guard<std::mutex> lock(world.mutex);
-    for (const auto& [tag, request] : world.requests) {
-      if (request->long_timeout) request->answer_ticket = answer_ticket(tag.c_str());
-    }
-  }
-  dlclose(lib);
+
   hxf_core_finalize();
   {
     std::lock_guard<std::mutex> lock(finish_mutex);
@@ -359,6 +353,12 @@ int main(int argc, char** argv) {
     finish_cv.notify_all();
   }
   watchdog.join();
+  // Read after the run (a long run holds tens of millions of records), and before our own
+  // reference to the plugin's library goes.
+  for (const auto& [tag, request] : world.requests) {
+    if (request->long_timeout) request->answer_ticket = answer_ticket(tag.c_str());
+  }
+  dlclose(lib);
 
   long settled_live = 0;
   long unsettled_destroyed = 0;

@@ -27,6 +27,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // Far beyond any answer's delay: a request waiting this long and answered must get the answer.
 constexpr uint32_t kLongTimeoutMs = 4000;
+constexpr long kMaxOpenRequests = 64;  // per client, before a consumer waits
 constexpr const char* kServices[] = {"stress-a", "stress-b", "stress-c", "*"};
 
 hxf_string S(const std::string& text) {
@@ -65,6 +66,7 @@ struct World {
   std::vector<bool> client_destroyed;                        // by client index
   std::vector<long> destroy_ticket;  // by client index: taken before its destroy began
   std::vector<long> open_requests;   // by client index: requests without any callback yet
+  std::vector<long> open_short;      // the same, of the short-waiting requests only
   std::atomic<long> api_calls{0};
   std::atomic<long> callbacks{0};
   std::atomic<int> async_client_destroys{0};
@@ -89,6 +91,7 @@ void Settle(Request& request, bool notification) {
   if (!request.settled.exchange(true)) {
     std::lock_guard<std::mutex> lock(g_world->mutex);
     --g_world->open_requests[static_cast<size_t>(request.client)];
+    if (!request.long_timeout) --g_world->open_short[static_cast<size_t>(request.client)];
     g_world->cv.notify_all();
   }
 }
@@ -151,6 +154,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     world.client_destroyed.push_back(false);
     world.destroy_ticket.push_back(-1);
     world.open_requests.push_back(0);
+    world.open_short.push_back(0);
     session = nullptr;
   };
   auto destroy_client = [&] {
@@ -194,6 +198,16 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       std::lock_guard<std::mutex> lock(world.mutex);
       keep->push_back(std::move(subscriber));
     } else if (dice < 95) {
+      {
+        // Backpressure: with too many short requests of this client still open (they time out
+        // within 80 ms unless the core lags), wait briefly for some to settle. Without it the
+        // consumers outrun the pool for good in a long run, and every answer and time-out
+        // queues behind minutes of work.
+        std::unique_lock<std::mutex> lock(world.mutex);
+        const size_t me = static_cast<size_t>(client_index);
+        world.cv.wait_for(lock, std::chrono::milliseconds(100),
+                          [&] { return world.open_short[me] < kMaxOpenRequests; });
+      }
       auto request = std::make_shared<Request>();
       // One in four waits long ("L" tags, whose answers the plugin records): if the provider
       // answers it, the answer must arrive.
@@ -208,6 +222,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
         std::lock_guard<std::mutex> lock(world.mutex);
         world.requests[request->tag] = request;
         ++world.open_requests[static_cast<size_t>(client_index)];
+        if (!request->long_timeout) ++world.open_short[static_cast<size_t>(client_index)];
       }
       hxf_property_list_h list = hxf_property_list_create(S(request->tag));
       hxf_transaction_h transaction = nullptr;
@@ -218,6 +233,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
         std::lock_guard<std::mutex> lock(world.mutex);
         world.requests.erase(request->tag);  // refused at once: no callback is owed
         --world.open_requests[static_cast<size_t>(client_index)];
+        if (!request->long_timeout) --world.open_short[static_cast<size_t>(client_index)];
       }
     } else {
       // Stale and garbage handles: an error code, never a crash.

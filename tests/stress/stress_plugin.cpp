@@ -27,47 +27,61 @@ struct Pending {
   hxf_transaction_h transaction;
   std::string name;  // the request's list name
   int service;
+  hxf_service_handler_h handler;  // the handler that received it, which answers it
+  long generation;                // of that handler
 };
 
 std::mutex g_mutex;  // guards everything below but the atomics
 hxf_service_handler_h g_handlers[kServices] = {};
+long g_generations[kServices] = {};  // of the handler in g_handlers: a handle may come back
+long g_next_generation = 0;
 std::deque<Pending> g_pending;
 std::vector<std::thread> g_threads;
 std::atomic<bool> g_running{false};
 std::atomic<long> g_operations{0};
 std::atomic<int> g_destroyed_callbacks{0};
 std::atomic<int> g_async_destroys{0};
-// One clock for both sides of the run: a ticket orders an answer against a client's destroy.
+// One clock for both sides of the run: tickets order an answer against the destroy of the
+// client that asked and of the handler that answered.
 std::atomic<long> g_tickets{0};
-std::mutex g_answers_mutex;  // guards g_answers
-std::unordered_map<std::string, long> g_answers;  // request name -> ticket taken before answering
+struct AnswerRecord {
+  long ticket;      // taken once the core had accepted the answer
+  long generation;  // of the handler that answered
+};
+struct HandlerEnd {
+  long ticket;  // taken before the destroy began
+  bool sync;    // a synchronous destroy may discard answers still queued in the handler
+};
+std::mutex g_answers_mutex;                        // guards g_answers and g_handler_ends
+std::unordered_map<std::string, AnswerRecord> g_answers;  // request name -> its first answer
+std::unordered_map<long, HandlerEnd> g_handler_ends;
 
 // Only the long-waiting requests ("L" tags) are checked against their answers.
-void RecordAnswer(const std::string& name) {
-  if (name.empty() || name[0] != 'L') return;
+void RecordAnswer(const Pending& pending) {
+  if (pending.name.empty() || pending.name[0] != 'L') return;
   const long ticket = ++g_tickets;
   std::lock_guard<std::mutex> lock(g_answers_mutex);
-  g_answers.emplace(name, ticket);  // the first answer counts
+  g_answers.emplace(pending.name, AnswerRecord{ticket, pending.generation});  // the first counts
+}
+
+void RecordHandlerEnd(long generation, bool sync) {
+  const long ticket = ++g_tickets;
+  std::lock_guard<std::mutex> lock(g_answers_mutex);
+  g_handler_ends.emplace(generation, HandlerEnd{ticket, sync});
 }
 
 hxf_string S(const std::string& text) {
   return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
 }
 
-int ServiceOf(hxf_service_handler_h handler) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  for (int i = 0; i < kServices; ++i) {
-    if (g_handlers[i] == handler) return i;
-  }
-  return -1;
-}
-
 void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
                hxf_property_list_h list, void*) {
-  const int service = ServiceOf(handler);
   std::lock_guard<std::mutex> lock(g_mutex);
-  if (service < 0) return;
-  Pending pending{transaction, hxf_property_list_get_name(list), service};
+  int service = 0;
+  while (service < kServices && g_handlers[service] != handler) ++service;
+  if (service == kServices) return;  // a handler already replaced
+  Pending pending{transaction, hxf_property_list_get_name(list), service, handler,
+                  g_generations[service]};
   // Long-waiting requests go first (making room if need be), so that most are answered while
   // their client lives; the others queue up behind them, never answered once it is full.
   if (pending.name[0] == 'L') {
@@ -107,20 +121,26 @@ hxf_service_handler_h MakeHandler(int service) {
   return handler;
 }
 
-void Send(bool notify, int service, hxf_transaction_h transaction, const std::string& name) {
+void Notify(int service, hxf_transaction_h transaction, const std::string& name) {
   hxf_service_handler_h handler;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
     handler = g_handlers[service];  // may be destroyed meanwhile: then the call fails cleanly
   }
   hxf_property_list_h list = hxf_property_list_create(S(name));
-  if (notify) {
-    hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction,
-                                    HXF_ERROR_NONE);
-  } else {
-    RecordAnswer(name);
-    hxf_core_service_handler_send_request_result(handler, S(kServiceNames[service]), list,
-                                                 transaction, HXF_ERROR_NONE);
+  hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction,
+                                  HXF_ERROR_NONE);
+  hxf_property_list_destroy(list);
+}
+
+// Answers a request through the handler that received it (which may be gone by now).
+void Answer(const Pending& pending) {
+  hxf_property_list_h list = hxf_property_list_create(S(pending.name));
+  if (hxf_core_service_handler_send_request_result(pending.handler,
+                                                   S(kServiceNames[pending.service]), list,
+                                                   pending.transaction,
+                                                   HXF_ERROR_NONE) == HXF_ERROR_NONE) {
+    RecordAnswer(pending);
   }
   hxf_property_list_destroy(list);
 }
@@ -130,7 +150,7 @@ void ProviderLoop(unsigned seed) {
   while (g_running) {
     const int dice = static_cast<int>(random() % 100);
     const int service = static_cast<int>(random() % kServices);
-    Pending pending{nullptr, "", 0};
+    Pending pending{nullptr, "", 0, nullptr, 0};
     bool have = false;
     if (dice < 60) {
       std::lock_guard<std::mutex> lock(g_mutex);
@@ -145,16 +165,15 @@ void ProviderLoop(unsigned seed) {
     }
     if (have) {
       if (dice < 40) {
-        Send(false, pending.service, pending.transaction, pending.name);  // once
+        Answer(pending);  // once
       } else if (dice < 45) {
-        Send(false, pending.service, pending.transaction, pending.name);  // twice
-        Send(false, pending.service, pending.transaction, pending.name);
+        Answer(pending);  // twice
+        Answer(pending);
       } else if (dice < 52) {
-        Send(true, pending.service, pending.transaction,
-             pending.name);  // completed by a notification
+        Notify(pending.service, pending.transaction, pending.name);  // completes it
       }                      // else never: the request times out
     } else if (dice < 70) {
-      Send(true, service, nullptr, "news");  // news without transaction
+      Notify(service, nullptr, "news");  // news without transaction
     } else if (dice < 80) {
       hxf_service_handler_h handler;
       {
@@ -176,12 +195,17 @@ void ProviderLoop(unsigned seed) {
       // A handler destroyed while requests are outstanding, and a new one in its place.
       hxf_service_handler_h fresh = MakeHandler(service);
       hxf_service_handler_h old;
+      long old_generation;
       {
         std::lock_guard<std::mutex> lock(g_mutex);
         old = g_handlers[service];
+        old_generation = g_generations[service];
         g_handlers[service] = fresh;
+        g_generations[service] = ++g_next_generation;
       }
-      if (random() % 2 == 0) {
+      const bool sync = random() % 2 == 0;
+      RecordHandlerEnd(old_generation, sync);
+      if (sync) {
         hxf_core_service_handler_destroy(old);
       } else if (hxf_core_service_handler_destroy_async(old, OnDestroyed, nullptr) ==
                  HXF_ERROR_NONE) {
@@ -240,12 +264,20 @@ EXPORT int hxf_stress_destroyed_callbacks(void) {
 EXPORT long hxf_stress_ticket(void) {
   return ++g_tickets;
 }
-// The ticket taken just before the request named `name` was first answered with a result,
-// or -1 when it never was.
+// Whether the request named `name` was answered with a result in a way that must reach its
+// session: through a handler never destroyed synchronously, and destroyed asynchronously (if
+// at all) only after the answer (its queued answer then runs before the termination).
+// Returns the answer's ticket, or -1.
 EXPORT long hxf_stress_answer_ticket(const char* name) {
   std::lock_guard<std::mutex> lock(g_answers_mutex);
-  auto found = g_answers.find(name);
-  return found != g_answers.end() ? found->second : -1;
+  auto answer = g_answers.find(name);
+  if (answer == g_answers.end()) return -1;
+  auto end = g_handler_ends.find(answer->second.generation);
+  if (end != g_handler_ends.end() &&
+      (end->second.sync || end->second.ticket < answer->second.ticket)) {
+    return -1;
+  }
+  return answer->second.ticket;
 }
 
 EXPORT bool DestroyPlugin(void) {

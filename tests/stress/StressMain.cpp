@@ -331,7 +331,9 @@ int main(int argc, char** argv) {
   g_ticket = reinterpret_cast<long (*)()>(dlsym(lib, "hxf_stress_ticket"));
   auto answer_ticket =
       reinterpret_cast<long (*)(const char*)>(dlsym(lib, "hxf_stress_answer_ticket"));
-  if (lib == nullptr || start == nullptr || g_ticket == nullptr || answer_ticket == nullptr) {
+  auto forget = reinterpret_cast<void (*)()>(dlsym(lib, "hxf_stress_forget"));
+  if (lib == nullptr || start == nullptr || g_ticket == nullptr || answer_ticket == nullptr ||
+      forget == nullptr) {
     std::printf("FAILED: stress plugin hooks missing\n");
     return 1;
   }
@@ -374,6 +376,7 @@ int main(int argc, char** argv) {
   for (const auto& [tag, request] : world.requests) {
     if (request->long_timeout) request->answer_ticket = answer_ticket(tag.c_str());
   }
+  forget();
   dlclose(lib);
 
   long settled_live = 0;

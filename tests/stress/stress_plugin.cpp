@@ -261,6 +261,13 @@ EXPORT int hxf_stress_async_destroys(void) {
 EXPORT int hxf_stress_destroyed_callbacks(void) {
   return g_destroyed_callbacks.load();
 }
+// Drops the answer records (the run's own bookkeeping, not the core's memory).
+EXPORT void hxf_stress_forget(void) {
+  std::lock_guard<std::mutex> lock(g_answers_mutex);
+  std::unordered_map<std::string, AnswerRecord>().swap(g_answers);
+  std::unordered_map<long, HandlerEnd>().swap(g_handler_ends);
+}
+
 EXPORT long hxf_stress_ticket(void) {
   return ++g_tickets;
 }

@@ -11,7 +11,7 @@
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
-using HXFramework::Test::MakeEndpoint;
+using HXFramework::Test::ReportFound;
 using HXFramework::Test::Str;
 
 namespace {
@@ -45,9 +45,7 @@ struct BlockingConsumer {
 };
 
 void ReportDevice(hxf_service_handler_h handler, hxf_string, void*) {
-  hxf_endpoint_h endpoint = MakeEndpoint("notes", "dev-1");
-  hxf_core_service_handler_report_device_found(handler, endpoint);
-  hxf_endpoint_destroy(endpoint);
+  ReportFound(handler, "notes", "dev-1");
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 
 using HXFramework::Core::HandleQuarantineDepth;
 using HXFramework::Test::EventLog;
-using HXFramework::Test::MakeEndpoint;
+using HXFramework::Test::ReportFound;
 using HXFramework::Test::Str;
 
 namespace {
@@ -59,9 +59,7 @@ struct EchoProvider {
                                                  HXF_ERROR_NONE);
   }
   static void OnListen(hxf_service_handler_h handler, hxf_string, void*) {
-    hxf_endpoint_h endpoint = MakeEndpoint("svc", "dev-1");
-    hxf_core_service_handler_report_device_found(handler, endpoint);
-    hxf_endpoint_destroy(endpoint);
+    ReportFound(handler, "svc", "dev-1");
   }
   hxf_service_handler_h handle = nullptr;
 };

@@ -13,7 +13,7 @@
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::LogCapture;
-using HXFramework::Test::MakeEndpoint;
+using HXFramework::Test::ReportFound;
 using HXFramework::Test::Str;
 
 namespace {
@@ -52,9 +52,7 @@ void OnRequest(void* handler, void* transaction, void* list, void*) {
                                                HXF_ERROR_NONE);
 }
 void OnListen(hxf_service_handler_h handler, hxf_string, void*) {
-  hxf_endpoint_h endpoint = MakeEndpoint("svc", "dev-1");
-  hxf_core_service_handler_report_device_found(handler, endpoint);
-  hxf_endpoint_destroy(endpoint);
+  ReportFound(handler, "svc", "dev-1");
 }
 void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void* ud) {
   static_cast<EventLog*>(ud)->Add("found");

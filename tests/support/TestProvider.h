@@ -20,6 +20,14 @@ inline hxf_endpoint_h MakeEndpoint(const std::string& service, const std::string
   return endpoint;
 }
 
+// Reports one found device of `service` for `handler` (the core works on its own copy).
+inline void ReportFound(hxf_service_handler_h handler, const std::string& service,
+                        const std::string& device_id) {
+  hxf_endpoint_h endpoint = MakeEndpoint(service, device_id);
+  hxf_core_service_handler_report_device_found(handler, endpoint);
+  hxf_endpoint_destroy(endpoint);
+}
+
 class TestProvider {
  public:
   explicit TestProvider(const std::string& name, bool with_callbacks = true) {
@@ -55,11 +63,7 @@ class TestProvider {
 
   static void OnSearch(hxf_service_handler_h h, hxf_string name, void* ud) {
     TestProvider* self = Self(ud);
-    for (const std::string& id : self->devices) {
-      hxf_endpoint_h endpoint = MakeEndpoint(S(name), id);
-      hxf_core_service_handler_report_device_found(h, endpoint);
-      hxf_endpoint_destroy(endpoint);  // the core works on its copy
-    }
+    for (const std::string& id : self->devices) ReportFound(h, S(name), id);
     self->events.Add("search " + S(name));
   }
   static void OnDestroyed(hxf_service_handler_h h, void* ud) {

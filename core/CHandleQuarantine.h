@@ -3,9 +3,9 @@
 // plugins: a late answer naming a finished transaction, a call with a destroyed client.
 // Such a stale handle must be "not found", never another object. So the memory of a
 // destroyed object is not returned at once: the object is destructed at once, but its
-// address stays out of use until Depth() later objects of the same type have retired.
-// Registries that key entries by handle must therefore expect a dead entry under the key of
-// a newcomer once the quarantine has let the address go: such an entry counts as absent.
+// address stays out of use until HandleQuarantineDepth() later objects of the same type have
+// retired. Registries that key entries by handle must therefore expect a dead entry under the key
+// of a newcomer once the quarantine has let the address go: such an entry counts as absent.
 #pragma once
 
 #include <atomic>

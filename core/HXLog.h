@@ -58,6 +58,7 @@ struct CLogSite {
 // names the operation ("_Discovered", not "operator()"). A helper that writes lines on behalf
 // of the operation calling it takes that name as a parameter called hxf_log_function_.
 struct CLogFunction {
+  constexpr explicit CLogFunction(const char* operation) : name(operation) {}
   const char* name;
 };
 struct CNoLogFunction {};
@@ -79,7 +80,7 @@ inline constexpr ::HXFramework::Core::CNoLogFunction hxf_log_function_{};
 
 // Lines of the enclosing scope (and of its lambdas) name this function.
 #define HXF_LOG_AS_OPERATION() \
-  [[maybe_unused]] static constexpr ::HXFramework::Core::CLogFunction hxf_log_function_ { __func__ }
+  [[maybe_unused]] static constexpr ::HXFramework::Core::CLogFunction hxf_log_function_(__func__)
 
 #define HXF_SOURCE_NAME                                                                     \
   ([]() -> const auto& {                                                                    \
@@ -87,9 +88,9 @@ inline constexpr ::HXFramework::Core::CNoLogFunction hxf_log_function_{};
     return hxf_source_name_;                                                                \
   }())
 
-#define HXF_LOG_SITE                                                   \
-  ::HXFramework::Core::CLogSite {                                      \
-    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location,                    \
+#define HXF_LOG_SITE                                                                \
+  ::HXFramework::Core::CLogSite {                                                   \
+    HXF_SOURCE_NAME.file, HXF_SOURCE_NAME.location,                                 \
         ::HXFramework::Core::LogFunctionName(hxf_log_function_, __func__), __LINE__ \
   }
 

@@ -190,9 +190,9 @@ void CPlugin::_UnloadDelegate(const void* requester) {
   HXF_CALLTRACE_OBJ(this);
   if (plugin_lib_ == nullptr) Fail("plugin_lib_ is null. No opened plugin to unload");
   // No gate: "CreatePlugin" was never found, so none of the library's code ever ran.
-  const CLibraryGate::Verdict verdict =
-      gate_ != nullptr ? gate_->MayClose(requester, kCallbackDrainWait)
-                       : CLibraryGate::Verdict::kClose;
+  const CLibraryGate::Verdict verdict = gate_ != nullptr
+                                            ? gate_->MayClose(requester, kCallbackDrainWait)
+                                            : CLibraryGate::Verdict::kClose;
   if (verdict == CLibraryGate::Verdict::kCallerInside) {
     HXLOG(DLOG_ERROR, "plugin %s unloads itself: its library stays open\n", plugin_name_.c_str());
     plugin_lib_ = nullptr;

@@ -83,18 +83,28 @@ void CPluginMgr::UnloadAllPlugin() {
     }
   }
   // The entries stay in the map while the plugins are stopped, so that a plugin reporting
-  // from its "DestroyPlugin" is still found; they are cleared once all are closed.
+  // from its "DestroyPlugin" is still found; they are cleared afterwards, also when an
+  // unload throws.
+  struct Clear {
+    CPluginMgr* manager;
+    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
+    ~Clear() {
+      WriteLock lock(manager->plugin_mutex_);
+      for (const auto& [name, plugin] : plugins) {
+        auto entry = manager->plugin_map_.find(name);
+        if (entry != manager->plugin_map_.end() && entry->second == plugin) {
+          manager->plugin_map_.erase(entry);
+        }
+      }
+    }
+  } clear{this, unloading};
   _Close(hxf_log_function_, unloading, true);
-  WriteLock lock(plugin_mutex_);
-  for (const auto& [name, plugin] : unloading) {
-    auto entry = plugin_map_.find(name);
-    if (entry != plugin_map_.end() && entry->second == plugin) plugin_map_.erase(entry);
-  }
 }
 
-void CPluginMgr::_Close(CLogFunction hxf_log_function_,
-                        const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins,
-                        bool unloading_all) {
+void CPluginMgr::_Close(
+    CLogFunction hxf_log_function_,
+    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins,
+    bool unloading_all) {
   // The names are released again on every way out, also when an unload throws.
   struct Reopen {
     CPluginMgr* manager;

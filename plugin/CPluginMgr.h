@@ -7,8 +7,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "IPlugin.h"
 #include "HXLog.h"
+#include "IPlugin.h"
 #include "IPluginMgr.h"
 
 namespace HXFramework::Core {

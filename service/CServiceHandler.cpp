@@ -3,8 +3,8 @@
 #include <functional>
 
 #include "CHandleQuarantine.h"
-#include "CommonText.h"
 #include "CWeakRegistry.h"
+#include "CommonText.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "IEndpointHelper.h"
 #include "IPropertyListHelper.h"
@@ -174,8 +174,7 @@ void CServiceHandler::_SetRequestServiceCallback(const SetServicePropertyHandler
   _SetSlot(hxf_log_function_, request_service_cb_, h, "set request service");
 }
 
-void CServiceHandler::_CallSearchSlot(CLogFunction hxf_log_function_,
-                                      const SearchHandler_t& slot,
+void CServiceHandler::_CallSearchSlot(CLogFunction hxf_log_function_, const SearchHandler_t& slot,
                                       const std::string& service_name) {
   // Rethrown: a failing search reaches the context that runs it.
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {

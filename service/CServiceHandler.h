@@ -50,8 +50,7 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
 
   // Helpers write their lines in the name of the operation that calls them.
   template <typename Slot>
-  void _SetSlot(CLogFunction hxf_log_function_, Slot& slot, const Slot& handler,
-                const char* kind);
+  void _SetSlot(CLogFunction hxf_log_function_, Slot& slot, const Slot& handler, const char* kind);
   void _CallSearchSlot(CLogFunction hxf_log_function_, const SearchHandler_t& slot,
                        const std::string& service_name);
   template <typename Body>

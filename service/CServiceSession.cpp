@@ -183,9 +183,8 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
   std::shared_ptr<IPropertyListHelper> list =
       result != nullptr ? result->GetPropertyList() : nullptr;
   // The session's own service name, not the argument; the transaction exactly as given.
-  handler(AsCommonString(service_name_), GetHandle(),
-                        list != nullptr ? list->GetHandle() : nullptr, transaction,
-                        result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
+  handler(AsCommonString(service_name_), GetHandle(), list != nullptr ? list->GetHandle() : nullptr,
+          transaction, result != nullptr ? result->GetErrorCode() : HXF_ERROR_OPERATION_FAILED);
 }
 
 void CServiceSession::_ServiceSessionCreated() {

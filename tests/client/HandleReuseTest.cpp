@@ -109,17 +109,17 @@ class HandleReuse : public ::testing::Test {
                                                 kRequestTimeoutMs, &transaction, &consumer),
                 HXF_ERROR_NONE);
       hxf_property_list_destroy(list);
-      EXPECT_EQ(hxf_core_client_start_passive_search(client, Str("svc"), &Consumer::OnFound,
-                                                     &consumer),
-                HXF_ERROR_NONE);
+      EXPECT_EQ(
+          hxf_core_client_start_passive_search(client, Str("svc"), &Consumer::OnFound, &consumer),
+          HXF_ERROR_NONE);
       const bool answered = consumer.events.WaitPrefix("result ", 1);
       const bool heard = consumer.events.WaitPrefix("found ", 1);
       EXPECT_EQ(hxf_core_client_destroy(client), HXF_ERROR_NONE);
       if (!answered || !heard || consumer.events.Count("result 0 get") != 1 ||
           consumer.events.Count("found 0 dev-1") < 1) {
-        ADD_FAILURE() << "consumer " << round << (seen.size() < static_cast<size_t>(round + 1)
-                                                      ? " (at a recycled address)"
-                                                      : "")
+        ADD_FAILURE() << "consumer " << round
+                      << (seen.size() < static_cast<size_t>(round + 1) ? " (at a recycled address)"
+                                                                       : "")
                       << " was not served: " << ::testing::PrintToString(consumer.events.Get());
         break;
       }
@@ -155,12 +155,12 @@ TEST_F(HandleReuse, AProviderAtTheAddressOfADestroyedSubscriberIsAskedToSearch) 
         },
         &searches);
     ASSERT_EQ(hxf_core_service_handler_subscribe_service(handler, Str("svc2")), HXF_ERROR_NONE);
-    ASSERT_EQ(hxf_core_client_start_active_search(
-                  client, Str("svc2"),
-                  [](hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h,
-                     void*) {},
-                  60000, nullptr),
-              HXF_ERROR_NONE);
+    ASSERT_EQ(
+        hxf_core_client_start_active_search(
+            client, Str("svc2"),
+            [](hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) {},
+            60000, nullptr),
+        HXF_ERROR_NONE);
     ASSERT_TRUE(searches.WaitCount("search svc2", round + 1))
         << "provider " << round << " never asked to search";
     // Destroyed while still subscribed: its entry in the service stays behind, dead.

@@ -52,7 +52,7 @@ struct HandlerEnd {
   long ticket;  // taken before the destroy began
   bool sync;    // a synchronous destroy may discard answers still queued in the handler
 };
-std::mutex g_answers_mutex;                        // guards g_answers and g_handler_ends
+std::mutex g_answers_mutex;                               // guards g_answers and g_handler_ends
 std::unordered_map<std::string, AnswerRecord> g_answers;  // request name -> its first answer
 std::unordered_map<long, HandlerEnd> g_handler_ends;
 
@@ -136,10 +136,9 @@ void Notify(int service, hxf_transaction_h transaction, const std::string& name)
 // Answers a request through the handler that received it (which may be gone by now).
 void Answer(const Pending& pending) {
   hxf_property_list_h list = hxf_property_list_create(S(pending.name));
-  if (hxf_core_service_handler_send_request_result(pending.handler,
-                                                   S(kServiceNames[pending.service]), list,
-                                                   pending.transaction,
-                                                   HXF_ERROR_NONE) == HXF_ERROR_NONE) {
+  if (hxf_core_service_handler_send_request_result(
+          pending.handler, S(kServiceNames[pending.service]), list, pending.transaction,
+          HXF_ERROR_NONE) == HXF_ERROR_NONE) {
     RecordAnswer(pending);
   }
   hxf_property_list_destroy(list);
@@ -171,7 +170,7 @@ void ProviderLoop(unsigned seed) {
         Answer(pending);
       } else if (dice < 52) {
         Notify(pending.service, pending.transaction, pending.name);  // completes it
-      }                      // else never: the request times out
+      }  // else never: the request times out
     } else if (dice < 70) {
       Notify(service, nullptr, "news");  // news without transaction
     } else if (dice < 80) {

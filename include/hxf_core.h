@@ -19,6 +19,7 @@
 #include <stdint.h>
 
 #include "hxf_common.h"
+#include "hxf_core_version.h"
 
 #ifdef __cplusplus
 extern "C" {

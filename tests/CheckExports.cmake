@@ -1,8 +1,52 @@
-# Compares the dynamic symbols a library defines with the functions its header declares.
-#   MODE=core:   exports are exactly the hxf_core_* functions of HEADER.
-#   MODE=common: exports are exactly the hxf_* functions of HEADER, plus C++ symbols of the
-#                HXFramework::TPL facilities.
+# Checks a shipped library's dynamic symbols and SONAME against its public header.
+#   cmake -DLIB=<library> -DHEADER=<public header> -DMODE=core|common|host -P CheckExports.cmake
+# Every defined dynamic symbol must be declared in the header (C functions) or be one of the
+# listed execution facilities (common library only), and carry the library's version node;
+# every function the header declares must be exported; the SONAME must be libNAME.so.MAJOR.
+cmake_minimum_required(VERSION 3.25)  # empty list elements are kept
 find_program(NM nm REQUIRED)
+find_program(READELF readelf REQUIRED)
+
+if(MODE STREQUAL "core")
+  set(api_macro HXF_CORE_API)
+  set(c_node HXF_CORE_0)
+  set(nodes HXF_CORE_0)
+elseif(MODE STREQUAL "common")
+  set(api_macro HXF_COMMON_API)
+  set(c_node HXF_COMMON_0)
+  set(nodes HXF_COMMON_0 HXF_COMMON_TPL_0)
+  set(cxx_node HXF_COMMON_TPL_0)
+  set(cxx_expected
+    "HXFramework::TPL::CDirectInvoker::GetInstance()"
+    "HXFramework::TPL::CDirectInvoker::Invoke(std::function<void ()>&&)"
+    "HXFramework::TPL::CThreadPoolInvoker::GetInstance()"
+    "HXFramework::TPL::CThreadPoolInvoker::Invoke(std::function<void ()>&&)"
+    "HXFramework::TPL::CThreadPoolInvokerImpl::CThreadPoolInvokerImpl(unsigned long)"
+    "HXFramework::TPL::CThreadPoolInvokerImpl::~CThreadPoolInvokerImpl()"
+    "HXFramework::TPL::CThreadPoolInvokerImpl::Invoke(std::function<void ()>&&)"
+    "HXFramework::TPL::ITimer::Create(std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> > const&)"
+    "typeinfo for HXFramework::TPL::ITimer"
+    "typeinfo name for HXFramework::TPL::ITimer"
+    "vtable for HXFramework::TPL::ITimer")
+elseif(MODE STREQUAL "host")
+  set(api_macro HXF_HOST_API)
+  set(c_node HXF_HOST_PLATFORM_0)
+  set(nodes HXF_HOST_PLATFORM_0)
+else()
+  message(FATAL_ERROR "MODE must be core, common or host")
+endif()
+
+set(errors "")
+
+# SONAME: libNAME.so.MAJOR, whatever file name the library was reached by.
+execute_process(COMMAND ${READELF} -d ${LIB} OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "readelf failed on ${LIB}")
+endif()
+if(NOT dynamic MATCHES "Library soname: \\[(lib[a-z-]+\\.so\\.[0-9]+)\\]")
+  list(APPEND errors "no versioned SONAME")
+endif()
+
 execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE raw RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")
@@ -10,14 +54,19 @@ endif()
 execute_process(COMMAND ${NM} -DC --defined-only ${LIB} OUTPUT_VARIABLE demangled)
 
 file(READ ${HEADER} header_text)
-string(REGEX MATCHALL "(hxf_[a-z_]+)\\(" declared "${header_text}")
-list(TRANSFORM declared REPLACE "\\($" "")
+string(REGEX MATCHALL "${api_macro} [^;(]*[ *\n]([A-Za-z_0-9]+)\\(" declarations "${header_text}")
+set(declared "")
+foreach(declaration IN LISTS declarations)
+  string(REGEX REPLACE ".*[ *\n]([A-Za-z_0-9]+)\\($" "\\1" name "${declaration}")
+  list(APPEND declared ${name})
+endforeach()
 list(REMOVE_DUPLICATES declared)
 
 string(REPLACE "\n" ";" raw_lines "${raw}")
 string(REPLACE "\n" ";" demangled_lines "${demangled}")
 set(c_exports "")
-set(errors "")
+set(cxx_exports "")
+set(found_nodes "")
 list(LENGTH raw_lines n)
 math(EXPR last "${n} - 1")
 foreach(i RANGE ${last})
@@ -25,25 +74,32 @@ foreach(i RANGE ${last})
   if(line STREQUAL "")
     continue()
   endif()
-  string(REGEX REPLACE "^[0-9a-f]* *([A-Za-z]) (.*)$" "\\1;\\2" parts "${line}")
+  string(REGEX REPLACE "^[0-9a-f]* *([A-Za-z]) ([^@]*)(@@?)?(.*)$" "\\1;\\2;\\4" parts "${line}")
   list(GET parts 0 kind)
   list(GET parts 1 name)
-  if(kind STREQUAL "A")  # version nodes
+  list(GET parts 2 node)
+  if(kind STREQUAL "A")  # a version node
+    list(APPEND found_nodes ${name})
     continue()
   endif()
   if(name MATCHES "^_Z")
     list(GET demangled_lines ${i} pretty)
-    if(NOT MODE STREQUAL "common" OR NOT pretty MATCHES " (typeinfo for |typeinfo name for |vtable for )?HXFramework::TPL::")
+    string(REGEX REPLACE "^[0-9a-f]* *[A-Za-z] (.*)@@.*$" "\\1" pretty "${pretty}")
+    list(FIND cxx_expected "${pretty}" known)
+    if(known EQUAL -1)
       list(APPEND errors "unexpected C++ export: ${pretty}")
+    elseif(NOT node STREQUAL cxx_node)
+      list(APPEND errors "${pretty} has version '${node}', expected ${cxx_node}")
     endif()
+    list(APPEND cxx_exports "${pretty}")
   else()
     list(APPEND c_exports ${name})
     list(FIND declared ${name} found)
     if(found EQUAL -1)
       list(APPEND errors "exported but not declared in the header: ${name}")
     endif()
-    if(MODE STREQUAL "core" AND NOT name MATCHES "^hxf_core_")
-      list(APPEND errors "core export outside hxf_core_*: ${name}")
+    if(NOT node STREQUAL c_node)
+      list(APPEND errors "${name} has version '${node}', expected ${c_node}")
     endif()
   endif()
 endforeach()
@@ -54,10 +110,21 @@ foreach(name IN LISTS declared)
     list(APPEND errors "declared but not exported: ${name}")
   endif()
 endforeach()
+foreach(pretty IN LISTS cxx_expected)
+  list(FIND cxx_exports "${pretty}" found)
+  if(found EQUAL -1)
+    list(APPEND errors "missing C++ export: ${pretty}")
+  endif()
+endforeach()
+list(SORT found_nodes)
+list(SORT nodes)
+if(NOT found_nodes STREQUAL nodes)
+  list(APPEND errors "version nodes '${found_nodes}', expected '${nodes}'")
+endif()
 
 if(errors)
   string(REPLACE ";" "\n  " text "${errors}")
   message(FATAL_ERROR "export check failed for ${LIB}:\n  ${text}")
 endif()
 list(LENGTH c_exports count)
-message(STATUS "${LIB}: ${count} C exports, all declared")
+message(STATUS "${LIB}: ${count} C exports, all declared and versioned ${c_node}")

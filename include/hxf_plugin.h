@@ -1,0 +1,68 @@
+/**
+ * @file hxf_plugin.h
+ * @brief The two functions a provider plugin exports, and the rules the core relies on.
+ *
+ * A provider plugin is a shared library named `libhxf-plugin-NAME.so` in the core's plugin
+ * folder (fixed when the core is built; `pkg-config --variable=plugindir hxf-core` or the CMake
+ * package's `HXF_PLUGIN_DIR` names it). `hxf_core_plugin_load("NAME", ...)` opens it with
+ * `RTLD_NOW` and calls CreatePlugin(); `hxf_core_plugin_unload("NAME")` calls DestroyPlugin()
+ * and closes it. Include this header in the file that defines the two functions: it gives
+ * them C linkage and default visibility, so they stay visible in a library built with
+ * hidden visibility (`hxf_add_plugin` builds plugins that way, and exports nothing else).
+ *
+ * The plugin talks to the core only through hxf_core.h (service handlers) and hxf_common.h
+ * (the data it hands over).
+ */
+#ifndef HXF_PLUGIN_H
+#define HXF_PLUGIN_H
+
+#include <stdbool.h>
+
+#include "hxf_core.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Marks the two entry points visible in a plugin built with hidden visibility. */
+#define HXF_PLUGIN_EXPORT __attribute__((visibility("default")))
+
+/**
+ * Starts the plugin. Called once per load, on a thread of the core's pool, after the library
+ * has been opened.
+ *
+ * Return quickly: start a thread of your own for anything slow, create service handlers
+ * (hxf_core_service_handler_create()) and subscribe them to the services you offer. When the
+ * plugin is ready (at once, or later from your own thread) report it with
+ * hxf_core_plugin_send_load_result(NAME, HXF_PLUGIN_LOAD_RESULT_SUCCESS), or
+ * HXF_PLUGIN_LOAD_RESULT_FAILED when it cannot work; that report is what reaches the
+ * application's hxf_plugin_loaded_cb.
+ *
+ * @return true when the plugin started. On false the core logs "failed to initialize
+ *         plugin !" and reports HXF_PLUGIN_LOAD_RESULT_FAILED to the application; a later
+ *         unload calls no DestroyPlugin() and leaves the library open.
+ */
+HXF_PLUGIN_EXPORT bool CreatePlugin(void);
+
+/**
+ * Stops the plugin. Called once, by hxf_core_plugin_unload() or hxf_core_plugin_unload_all(),
+ * on the thread that called it (or on a pool thread, when the plugin's own work was still
+ * under way at that moment); the library is closed after it returns true.
+ *
+ * Before returning: stop every thread of yours and destroy every service handler you created.
+ * A handler destroyed with hxf_core_service_handler_destroy_async() is only gone when its
+ * hxf_service_handler_destroyed_cb has run: wait for it here, or a callback still queued
+ * would run after the library is closed. The core keeps the library mapped while one of your
+ * callbacks is running, and never closes the library from a call your own code made
+ * (an unload asked for from inside the plugin leaves it open).
+ *
+ * @return true when the plugin stopped. On false the core logs "failed to finalize plugin !"
+ *         and leaves the library open.
+ */
+HXF_PLUGIN_EXPORT bool DestroyPlugin(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* HXF_PLUGIN_H */

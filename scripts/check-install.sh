@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Installs the framework into a temporary prefix, as a user outside this repository would
+# get it, and checks what is there:
+#   - every installed library: versioned SONAME, exactly its API under its version node
+#     (nm -D), no RUNPATH other than $ORIGIN-relative ones (readelf -d), also for the tool
+#     and the plugin;
+#   - the docs target builds without a warning (Doxygen fails on any), the man page renders;
+#   - both examples build against the prefix, through pkg-config and through find_package,
+#     and run together: the consumer gets its greeting from the example plugin;
+#   - the installed hxf tool finds the simulator's devices.
+# Usage: scripts/check-install.sh   (installs what is missing first)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+scripts/install-deps.sh docs
+
+work=$(mktemp -d /tmp/hxf-install.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+fail() { echo "check-install: $*" >&2; exit 1; }
+
+echo "--- build and install into $prefix" >&2
+cmake --preset host -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null
+cmake --build --preset host >/dev/null
+cmake --build --preset host --target docs
+cmake --install build/host >/dev/null
+
+echo "--- installed files" >&2
+for lib in hxf-core hexmoor-framework-common hxf-host-platform; do
+  real=$(readlink -f "$prefix/lib/lib$lib.so")
+  [ "$(basename "$real")" = "lib$lib.so.0.2.0" ] || fail "lib$lib.so points at $real"
+  [ "$(readlink "$prefix/lib/lib$lib.so.0")" = "lib$lib.so.0.2.0" ] || fail "no lib$lib.so.0 link"
+done
+cmake -DLIB="$prefix/lib/libhxf-core.so" -DHEADER="$prefix/include/hxf/hxf_core.h" -DMODE=core \
+      -P tests/CheckExports.cmake
+cmake -DLIB="$prefix/lib/libhexmoor-framework-common.so" -DHEADER="$prefix/include/hxf/hxf_common.h" \
+      -DMODE=common -P tests/CheckExports.cmake
+cmake -DLIB="$prefix/lib/libhxf-host-platform.so" \
+      -DHEADER="$prefix/include/hxf/hxf_host_platform.h" -DMODE=host -P tests/CheckExports.cmake
+plugin_dir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=plugindir hxf-core)
+[ "$plugin_dir" = "$prefix/lib/hxf/plugins/" ] || fail "plugin folder is $plugin_dir"
+while IFS= read -r -d '' file; do
+  file -b "$file" | grep -q '^ELF' || continue
+  runpath=$(readelf -d "$file" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p; s/.*(RPATH).*\[\(.*\)\]/\1/p')
+  IFS=: read -ra entries <<< "$runpath"
+  for entry in "${entries[@]}"; do
+    case "$entry" in
+      '$ORIGIN' | '$ORIGIN/'*) ;;
+      *) fail "$file has RUNPATH entry '$entry'" ;;
+    esac
+  done
+  echo "ok  ${file#"$prefix"/}  ${runpath:-no RUNPATH}" >&2
+done < <(find "$prefix" -type f -print0)
+grep -rl --binary-files=text "$root/build" "$prefix" && fail "an installed file names the build tree"
+nm -D --defined-only "$plugin_dir/libhxf-plugin-sim.so" | grep -v ' A ' | awk '{print $3}' |
+  sort | tr '\n' ' ' | grep -qx 'CreatePlugin@@HXF_PLUGIN DestroyPlugin@@HXF_PLUGIN ' ||
+  fail "the simulator plugin exports more than its entry points"
+LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$prefix/share/man/man1/hxf.1" 2>"$work/man.err" >/dev/null
+[ -s "$work/man.err" ] && { cat "$work/man.err" >&2; fail "the man page has warnings"; }
+
+echo "--- the installed tool" >&2
+"$prefix/bin/hxf" search lights --timeout 500 | grep -q "lamp-1" || fail "hxf finds no lamp"
+
+echo "--- examples through pkg-config" >&2
+cp -r examples "$work/pc"
+(cd "$work/pc" && export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" && make -s && make -s install)
+"$work/pc/hxf-example-consumer" pkg-config | tee "$work/pc.out"
+grep -qx "greeter-1 says: hello, pkg-config" "$work/pc.out" || fail "no greeting (pkg-config)"
+
+echo "--- examples through find_package" >&2
+rm -f "$plugin_dir/libhxf-plugin-example.so"
+cmake -S examples -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS=-Werror >/dev/null
+cmake --build "$work/cm" >/dev/null
+cmake --install "$work/cm" >/dev/null
+"$work/cm/hxf-example-consumer" cmake | tee "$work/cm.out"
+grep -qx "greeter-1 says: hello, cmake" "$work/cm.out" || fail "no greeting (find_package)"
+
+echo "install check passed" >&2

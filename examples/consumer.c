@@ -7,12 +7,11 @@
  * with a time limit. Exit code 0 when the greeting arrived, 1 otherwise.
  */
 #include <errno.h>
+#include <hxf_core.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
-
-#include <hxf_core.h>
 
 #define SERVICE_NAME "greetings"
 
@@ -49,8 +48,8 @@ static void on_found(hxf_client_h client, hxf_string service_name,
 }
 
 static void on_result(hxf_client_h client, hxf_service_session_h session,
-                      hxf_property_list_h result, hxf_transaction_h transaction,
-                      hxf_error_e error, void* user_data) {
+                      hxf_property_list_h result, hxf_transaction_h transaction, hxf_error_e error,
+                      void* user_data) {
   (void)client, (void)session, (void)transaction, (void)user_data;
   pthread_mutex_lock(&lock);
   request_error = (int)error;
@@ -81,9 +80,15 @@ static int wait_for(int (*done)(void), int seconds) {
   }
   return 1;
 }
-static int plugin_reported(void) { return plugin_result != -1; }
-static int device_known(void) { return device_id[0] != '\0' || search_over; }
-static int request_answered(void) { return request_error != -1; }
+static int plugin_reported(void) {
+  return plugin_result != -1;
+}
+static int device_known(void) {
+  return device_id[0] != '\0' || search_over;
+}
+static int request_answered(void) {
+  return request_error != -1;
+}
 
 int main(int argc, char** argv) {
   const char* name = argc > 1 ? argv[1] : "world";
@@ -125,8 +130,8 @@ int main(int argc, char** argv) {
 
   /* The request names its device and carries the name to greet; the core copies the list. */
   hxf_property_list_h request = hxf_property_list_create(hxf_string_from_cstr("get"));
-  hxf_property_h property = hxf_property_create_string(hxf_string_from_cstr("device_id"),
-                                                       hxf_string_from_cstr(device));
+  hxf_property_h property =
+      hxf_property_create_string(hxf_string_from_cstr("device_id"), hxf_string_from_cstr(device));
   hxf_property_list_push_property(request, property, HXF_ERROR_NONE);
   hxf_property_destroy(property);
   property = hxf_property_create_string(hxf_string_from_cstr("name"), hxf_string_from_cstr(name));

@@ -5,10 +5,9 @@
  * property "name" is answered with a property "message" ("hello, NAME"). Everything happens
  * in the core's callbacks, so the plugin needs no thread of its own.
  */
+#include <hxf_plugin.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <hxf_plugin.h>
 
 #define PLUGIN_NAME "example"
 #define SERVICE_NAME "greetings"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite. Usage: scripts/test.sh [dev|asan|tsan]...
+# Builds and runs the whole test suite. Usage: scripts/test.sh [dev|asan|tsan|install]...
 # (default: dev). Installs missing build dependencies first. HXF_LONG_TESTS=1 makes the
-# stress run last a minute instead of three seconds.
+# stress run last a minute instead of three seconds. "install" installs into a temporary
+# prefix and builds and runs the examples against it (scripts/check-install.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -9,6 +10,10 @@ presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(dev)
 for preset in "${presets[@]}"; do
   echo "=== ${preset} ===" >&2
+  if [ "$preset" = install ]; then
+    scripts/check-install.sh
+    continue
+  fi
   stress_ms=3000
   [ "${HXF_LONG_TESTS:-0}" = 1 ] && stress_ms=60000
   cmake --preset "$preset" -DHXF_STRESS_MS="$stress_ms" >/dev/null

@@ -26,18 +26,22 @@ cmake --build --preset host --target docs
 cmake --install build/host >/dev/null
 
 echo "--- installed files" >&2
+export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+version=$(pkg-config --modversion hxf-core)
+major=${version%%.*}
 for lib in hxf-core hexmoor-framework-common hxf-host-platform; do
   real=$(readlink -f "$prefix/lib/lib$lib.so")
-  [ "$(basename "$real")" = "lib$lib.so.0.2.0" ] || fail "lib$lib.so points at $real"
-  [ "$(readlink "$prefix/lib/lib$lib.so.0")" = "lib$lib.so.0.2.0" ] || fail "no lib$lib.so.0 link"
+  [ "$(basename "$real")" = "lib$lib.so.$version" ] || fail "lib$lib.so points at $real"
+  [ "$(readlink "$prefix/lib/lib$lib.so.$major")" = "lib$lib.so.$version" ] ||
+    fail "no lib$lib.so.$major link"
 done
-cmake -DLIB="$prefix/lib/libhxf-core.so" -DHEADER="$prefix/include/hxf/hxf_core.h" -DMODE=core \
-      -P tests/CheckExports.cmake
-cmake -DLIB="$prefix/lib/libhexmoor-framework-common.so" -DHEADER="$prefix/include/hxf/hxf_common.h" \
-      -DMODE=common -P tests/CheckExports.cmake
-cmake -DLIB="$prefix/lib/libhxf-host-platform.so" \
-      -DHEADER="$prefix/include/hxf/hxf_host_platform.h" -DMODE=host -P tests/CheckExports.cmake
-plugin_dir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=plugindir hxf-core)
+for check in "hxf-core hxf_core.h core" "hexmoor-framework-common hxf_common.h common" \
+             "hxf-host-platform hxf_host_platform.h host"; do
+  read -r lib header mode <<< "$check"
+  cmake -DLIB="$prefix/lib/lib$lib.so" -DHEADER="$prefix/include/hxf/$header" -DMODE="$mode" \
+        -DMAJOR="$major" -P tests/CheckExports.cmake
+done
+plugin_dir=$(pkg-config --variable=plugindir hxf-core)
 [ "$plugin_dir" = "$prefix/lib/hxf/plugins/" ] || fail "plugin folder is $plugin_dir"
 while IFS= read -r -d '' file; do
   file -b "$file" | grep -q '^ELF' || continue
@@ -63,7 +67,7 @@ echo "--- the installed tool" >&2
 
 echo "--- examples through pkg-config" >&2
 cp -r examples "$work/pc"
-(cd "$work/pc" && export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" && make -s && make -s install)
+(cd "$work/pc" && make -s && make -s install)
 "$work/pc/hxf-example-consumer" pkg-config | tee "$work/pc.out"
 grep -qx "greeter-1 says: hello, pkg-config" "$work/pc.out" || fail "no greeting (pkg-config)"
 

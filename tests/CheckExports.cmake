@@ -1,9 +1,10 @@
 # Checks a shipped library's dynamic symbols and SONAME against its public header.
-#   cmake -DLIB=<library> -DHEADER=<public header> -DMODE=core|common|host -P CheckExports.cmake
+#   cmake -DLIB=<library> -DHEADER=<public header> -DMODE=core|common|host [-DMAJOR=<n>]
+#         -P CheckExports.cmake
 # Every defined dynamic symbol must be declared in the header (C functions) or be one of the
 # listed execution facilities (common library only), and carry the library's version node;
 # every function the header declares (and each required C++ symbol) must be exported; the
-# SONAME must be libNAME.so.MAJOR.
+# SONAME must be libNAME.so.MAJOR (the given major version, when there is one).
 cmake_minimum_required(VERSION 3.25)  # empty list elements are kept
 find_program(NM nm REQUIRED)
 find_program(READELF readelf REQUIRED)
@@ -47,8 +48,11 @@ execute_process(COMMAND ${READELF} -d ${LIB} OUTPUT_VARIABLE dynamic RESULT_VARI
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "readelf failed on ${LIB}")
 endif()
-if(NOT dynamic MATCHES "Library soname: \\[(lib[a-z-]+\\.so\\.[0-9]+)\\]")
-  list(APPEND errors "no versioned SONAME")
+if(NOT DEFINED MAJOR)
+  set(MAJOR "[0-9]+")
+endif()
+if(NOT dynamic MATCHES "Library soname: \\[lib[a-z-]+\\.so\\.${MAJOR}\\]")
+  list(APPEND errors "no SONAME libNAME.so.${MAJOR}")
 endif()
 
 execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE raw RESULT_VARIABLE rc)

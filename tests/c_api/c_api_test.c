@@ -13,6 +13,11 @@
   } while (0)
 
 int main(void) {
+  /* The version header hxf_core.h includes names the version the library was built as. */
+  CHECK(strcmp(HXF_CORE_VERSION_STRING, HXF_EXPECTED_VERSION) == 0);
+  CHECK(HXF_CORE_VERSION_HEX == ((HXF_CORE_VERSION_MAJOR << 16) | (HXF_CORE_VERSION_MINOR << 8) |
+                                 HXF_CORE_VERSION_PATCH));
+
   CHECK(hxf_core_initialize() == HXF_ERROR_NONE);
 
   hxf_endpoint_h endpoint = hxf_endpoint_create(hxf_string_from_cstr("lights"));

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# The bash completion of hxf, driven as bash drives it: COMP_WORDS and COMP_CWORD set, the
+# completion function called, COMPREPLY compared.
+# Usage: test_completion.sh <completion file> <hxf binary>
+set -euo pipefail
+# shellcheck source=/dev/null
+source "$1"
+hxf_binary=$2
+
+complete_line() {  # the words of a command line; the last one is being completed
+  COMP_WORDS=("$@")
+  COMP_CWORD=$(($# - 1))
+  COMPREPLY=()
+  _hxf
+  echo "${COMPREPLY[*]}"
+}
+expect() {  # expected, then the words
+  local want=$1
+  shift
+  local got
+  got=$(complete_line "$@")
+  if [ "$got" != "$want" ]; then
+    echo "completing '$*': got '$got', want '$want'" >&2
+    exit 1
+  fi
+}
+
+expect "search" hxf se
+expect "devices demo" hxf de
+expect "--plugin --json --log-level --help" hxf --
+expect "debug" hxf --log-level d
+expect "--plugin --json --log-level --help --timeout" hxf search lights --
+expect "--plugin --json --log-level --help --for" hxf --json watch lights --
+expect "get set" hxf request lights ""
+expect "" hxf request lights get ""
+expect "sim" "$hxf_binary" --plugin si
+echo "completion ok"

@@ -14,7 +14,7 @@ function(hxf_shipped_library target export_name version_script)
   add_library(hxf::${export_name} ALIAS ${target})
 endfunction()
 
-# hxf_install_rpath(TARGET DESTINATION): an installed executable or plugin at DESTINATION
+# hxf_install_rpath(TARGET DESTINATION): an executable installed at DESTINATION
 # (relative to the prefix, or absolute) finds the framework's libraries through $ORIGIN.
 function(hxf_install_rpath target destination)
   if(IS_ABSOLUTE "${destination}")

@@ -106,7 +106,7 @@ JSON
     grep -q "^found  lamp-1" "$out" || { kill -9 $pid; fail "no device heard while listening"; }
     kill -INT $pid
     wait $pid
-    expect_code "$?" 0
+    expect_code "$?" 130
     expect_out "^stopped$"
     ;;
   watch)
@@ -116,8 +116,17 @@ JSON
     expect_out "^done$"
     ;;
   usage)
+    code=$(run)
+    expect_code "$code" 2
+    expect_err "^Usage: .*hxf \[OPTIONS\] \[SUBCOMMAND\]"
     code=$(run frobnicate)
     expect_code "$code" 2
+    expect_err "^hxf: unknown command 'frobnicate'$"
+    expect_err "^Usage: "
+    [ -s "$out" ] && fail "a usage error printed on stdout"
+    code=$(run search lights --frobnicate)
+    expect_code "$code" 2
+    expect_err "^hxf: unexpected argument '--frobnicate'$"
     code=$(run request lights set not-an-assignment)
     expect_code "$code" 2
     code=$(run search)
@@ -125,6 +134,29 @@ JSON
     code=$(run search --help)
     expect_code "$code" 0
     expect_out "--timeout"
+    expect_out "^Example: hxf search lights --timeout 1000$"
+    code=$(run --help)
+    expect_code "$code" 0
+    expect_out "^Environment:$"
+    expect_out "^  HXF_LOG_LEVEL "
+    expect_out "^  HXF_SIM_CONFIG "
+    expect_out "^Examples:$"
+    ;;
+  version)
+    code=$(run --version)
+    expect_code "$code" 0
+    expect_out "^hxf [0-9][0-9]*\.[0-9][0-9]*\.[0-9][0-9]*$"
+    ;;
+  log-level-env)
+    code=$(HXF_LOG_LEVEL=info run search lights --timeout 300)
+    expect_code "$code" 0
+    expect_err "^HXF_FW: .*hxf_core_initialize Entered"
+    code=$(HXF_LOG_LEVEL=loud run search lights --timeout 300)
+    expect_code "$code" 2
+    expect_err "^hxf: HXF_LOG_LEVEL must be debug, info or error, not 'loud'$"
+    code=$(run search lights --timeout 300)
+    expect_code "$code" 0
+    grep -q "HXF_FW" "$err" && fail "the core's log shown without being asked for"
     ;;
   plugins)
     code=$(run plugins)

@@ -1,5 +1,5 @@
 // The subcommands of the tool. Each returns the process exit code: 0 ok, 1 the operation
-// failed or timed out, 2 a usage error.
+// failed or timed out, 2 a usage error; main() makes it 130 when Ctrl-C stopped the command.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace hxf_tool {
 
-enum ExitCode { kOk = 0, kFailed = 1, kUsage = 2 };
+enum ExitCode { kOk = 0, kFailed = 1, kUsage = 2, kInterrupted = 130 };
 
 class CCommands {
  public:

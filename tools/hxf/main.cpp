@@ -1,5 +1,7 @@
 // hxf: search, list, listen to and talk with devices through the broker core.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,30 @@ struct Options {
   uint32_t for_ms = 0;
 };
 
+const char kFooter[] =
+    "Environment:\n"
+    "  HXF_LOG_LEVEL   debug, info or error: show the core's log on stderr (as --log-level)\n"
+    "  HXF_SIM_CONFIG  a JSON file that replaces the simulator's devices\n"
+    "\n"
+    "Exit codes: 0 ok, 1 the operation failed or timed out, 2 usage error, 130 interrupted.\n"
+    "\n"
+    "Examples:\n"
+    "  hxf search lights --timeout 1000\n"
+    "  hxf request lights set device=lamp-1 brightness=40\n"
+    "  hxf --json devices audio\n"
+    "  hxf listen lights --for 5000\n";
+
+bool KnownLogLevel(const std::string& level) {
+  return level == "debug" || level == "info" || level == "error";
+}
+
+// Usage errors the parser cannot name itself: a missing or unknown command, a stray argument.
+int UsageError(const CLI::App& app, const std::string& problem) {
+  if (!problem.empty()) std::fprintf(stderr, "hxf: %s\n", problem.c_str());
+  std::fputs(app.help().c_str(), stderr);
+  return hxf_tool::kUsage;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -27,8 +53,10 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app{
       "hxf: find and talk to devices through the broker core (plugins default to the simulator)"};
-  app.require_subcommand(1);
-  app.fallthrough();  // global options may also follow the subcommand
+  app.require_subcommand(0, 1);  // none or an unknown one is reported below, with the usage
+  app.fallthrough();             // global options may also follow the subcommand
+  app.set_version_flag("--version", std::string("hxf ") + HXF_CORE_VERSION_STRING);
+  app.footer(kFooter);
   app.add_option("--plugin", options.plugins, "provider plugin to load (repeatable; default: sim)");
   app.add_flag("--json", options.json, "one JSON object per event and line");
   app.add_option("--log-level", options.log_level, "show the core's log on stderr")
@@ -38,15 +66,18 @@ int main(int argc, char** argv) {
   search->add_option("SERVICE", options.service, "service name, or * for every service")
       ->required();
   search->add_option("--timeout", options.timeout_ms, "milliseconds to search (default 3000)");
+  search->footer("Example: hxf search lights --timeout 1000");
 
   auto* listen =
       app.add_subcommand("listen", "report devices, arrivals and departures until stopped");
   listen->add_option("SERVICE", options.service, "service name")->required();
   listen->add_option("--for", options.for_ms, "milliseconds to listen (default: until Ctrl-C)");
+  listen->footer("Example: hxf listen lights --for 5000");
 
   auto* devices = app.add_subcommand("devices", "ask for the list of devices of a service");
   devices->add_option("SERVICE", options.service, "service name")->required();
   devices->add_option("--timeout", options.timeout_ms, "milliseconds to wait (default 3000)");
+  devices->footer("Example: hxf devices audio");
 
   auto* request =
       app.add_subcommand("request", "send a request (get, set...) and print its result");
@@ -61,21 +92,45 @@ int main(int argc, char** argv) {
       });
   request->add_option("--timeout", options.timeout_ms,
                       "milliseconds to wait for the result (default 3000)");
+  request->footer("Example: hxf request lights set device=lamp-1 brightness=40 power=true");
 
   auto* watch = app.add_subcommand("watch", "subscribe to a service and print its notifications");
   watch->add_option("SERVICE", options.service, "service name")->required();
   watch->add_option("--for", options.for_ms, "milliseconds to watch (default: until Ctrl-C)");
+  watch->footer("Example: hxf watch lights --for 8000");
 
   auto* plugins = app.add_subcommand("plugins", "list the plugin libraries in the plugin folder");
+  plugins->footer("Example: hxf plugins");
   auto* demo = app.add_subcommand("demo", "a guided tour of the simulator");
+  demo->footer("Example: hxf demo");
+  // Set after the commands, which would otherwise inherit it: extras at the top level are an
+  // unknown command (or a stray argument), reported by name below.
+  app.allow_extras();
 
   try {
     app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
+  } catch (const CLI::Success& e) {  // --help, --version
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);
     return hxf_tool::kUsage;
+  }
+  const std::vector<std::string> extras = app.remaining();
+  if (app.get_subcommands().empty()) {
+    if (extras.empty()) return UsageError(app, "");
+    return UsageError(
+        app, (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unknown command '") +
+                 extras.front() + "'");
+  }
+  if (!extras.empty()) return UsageError(app, "unexpected argument '" + extras.front() + "'");
+  if (options.log_level.empty()) {
+    const char* level = std::getenv("HXF_LOG_LEVEL");
+    if (level != nullptr && *level != '\0') {
+      if (!KnownLogLevel(level))
+        return UsageError(
+            app, std::string("HXF_LOG_LEVEL must be debug, info or error, not '") + level + "'");
+      options.log_level = level;
+    }
   }
 
   if (options.plugins.empty()) options.plugins.push_back("sim");
@@ -85,7 +140,7 @@ int main(int argc, char** argv) {
   hxf_tool::CToolRuntime runtime(options.log_level);
   if (!runtime.Open(options.plugins, out)) {
     runtime.Close();
-    return runtime.Interrupted() ? hxf_tool::kOk : hxf_tool::kFailed;
+    return runtime.Interrupted() ? hxf_tool::kInterrupted : hxf_tool::kFailed;
   }
   CCommands commands(runtime, out);
   int code = hxf_tool::kFailed;
@@ -98,5 +153,6 @@ int main(int argc, char** argv) {
   if (watch->parsed()) code = commands.Watch(options.service, options.for_ms);
   if (demo->parsed()) code = commands.Demo();
   runtime.Close();
-  return code;
+  // Stopped by Ctrl-C (or SIGTERM): the shell's convention, whatever the command made of it.
+  return runtime.Interrupted() ? hxf_tool::kInterrupted : code;
 }

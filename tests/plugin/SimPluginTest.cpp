@@ -1,12 +1,15 @@
 // The simulator plugin through the public API, as an application uses it.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 
 #include "EventLog.h"
+#include "Eventually.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
+using HXFramework::Test::Eventually;
 
 namespace {
 
@@ -30,6 +33,19 @@ std::string Render(hxf_property_list_h list) {
     if (hxf_property_get_string(p, &s, nullptr) == HXF_ERROR_NONE) text += s;
   }
   return text;
+}
+
+// Whether a file of that name is mapped into this process.
+bool Mapped(const std::string& file_name) {
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line)) {
+    if (line.size() >= file_name.size() &&
+        line.compare(line.size() - file_name.size(), file_name.size(), file_name) == 0) {
+      return true;
+    }
+  }
+  return false;
 }
 
 class SimPlugin : public ::testing::Test {
@@ -86,6 +102,20 @@ class SimPlugin : public ::testing::Test {
 };
 
 }  // namespace
+
+// The plugin exports its entry points only (no unique symbols pin it), so dlclose unmaps it
+// and the next load starts from a fresh copy.
+TEST_F(SimPlugin, AnUnloadedSimulatorIsNoLongerMappedAndLoadsAgain) {
+  const std::string file = "/libhxf-plugin-sim.so";
+  ASSERT_TRUE(Mapped(file));
+  ASSERT_EQ(hxf_core_plugin_unload(Str("sim")), HXF_ERROR_NONE);
+  EXPECT_TRUE(Eventually([&] { return !Mapped(file); }));
+  ASSERT_EQ(hxf_core_plugin_load(Str("sim"), &OnLoaded, &loaded_), HXF_ERROR_NONE);
+  ASSERT_TRUE(loaded_.WaitCount("loaded 0", 2));
+  EXPECT_TRUE(Mapped(file));
+  hxf_core_client_start_active_search(client_, Str("lights"), &OnFound, 5000, &events_);
+  EXPECT_TRUE(events_.WaitCount("found ceiling-1", 1));
+}
 
 TEST_F(SimPlugin, SearchReportsTheDevicesOfAServiceOneByOne) {
   hxf_core_client_start_active_search(client_, Str("lights"), &OnFound, 5000, &events_);

@@ -60,7 +60,7 @@ case "$case_name" in
   out-of-range)
     code=$(run request lights set device=lamp-1 brightness=150)
     expect_code "$code" 1
-    expect_out "brightness 150 is out of range 0..100 (error 4)"
+    expect_out "brightness 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)$"
     ;;
   wrong-type)
     code=$(run request climate set device=thermostat-1 target_temperature=warm)
@@ -73,7 +73,7 @@ case "$case_name" in
     expect_code "$code" 1
     expect_err "bad.json:3: "
     expect_err "syntax error"
-    expect_err "plugin sim: failed to load (result 1)"
+    expect_err "^hxf: plugin sim: failed to load: the plugin itself reported the failure "
     ;;
   config-out-of-range)
     cat >"$work/range.json" <<'JSON'
@@ -166,12 +166,21 @@ JSON
   missing-plugin)
     code=$(run --plugin no-such-plugin search lights)
     expect_code "$code" 1
-    expect_err "plugin no-such-plugin: failed to load (result 1)"
+    expect_err "^hxf: plugin no-such-plugin: failed to load: /.*/libhxf-plugin-no-such-plugin.so does not exist$"
+    code=$(run --plugin nodestroy search lights)
+    expect_code "$code" 1
+    expect_err "^hxf: plugin nodestroy: failed to load: /.*/libhxf-plugin-nodestroy.so does not export DestroyPlugin$"
+    code=$(run --plugin createfails search lights)
+    expect_code "$code" 1
+    expect_err "^hxf: plugin createfails: failed to load: the plugin itself reported the failure (/.*/libhxf-plugin-createfails.so)$"
+    code=$(run --plugin sim --plugin sim search lights)
+    expect_code "$code" 1
+    expect_err "^hxf: plugin sim: load refused (error 2: HXF_ERROR_OPERATION_FAILED): it is already loaded$"
     ;;
   demo)
     code=$(run demo)
     expect_code "$code" 0
-    expect_out "timed out, as expected (error 1)"
+    expect_out "timed out, as expected (error 1: HXF_ERROR_TIMED_OUT)$"
     expect_out "notification (state):"
     ;;
   *)

@@ -195,7 +195,7 @@ int CCommands::SendAndWait(hxf_service_session_h session, const std::string& ser
                                       timeout_ms, &transaction, &runtime_);
   hxf_property_list_destroy(list);
   if (sent != HXF_ERROR_NONE) {
-    out_.Error("request refused (error " + std::to_string(sent) + ")");
+    out_.Error("request refused (" + COutput::Code(sent) + ")");
     return sent;
   }
   int code = -1;
@@ -232,8 +232,8 @@ int CCommands::Request(const std::string& service, const std::string& operation,
              " ms");
     out_.Emit({{"event", "result"}, {"error", 1}, {"timed_out", true}});
   } else if (code > 0) {
-    out_.Say(operation + " on " + service + ": failed: " + ErrorText(result) + " (error " +
-             std::to_string(code) + ")");
+    out_.Say(operation + " on " + service + ": failed: " + ErrorText(result) + " (" +
+             COutput::Code(code) + ")");
     out_.Emit({{"event", "result"}, {"error", code}, {"message", ErrorText(result)}});
   } else if (runtime_.Interrupted()) {
     return kOk;
@@ -321,13 +321,14 @@ int CCommands::Demo() {
   out_.Say("== 7. A bad value is refused and changes nothing: brightness=150.");
   const int refused =
       SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);
-  out_.Say("   refused with error " + std::to_string(refused) + ": " + ErrorText(result));
+  out_.Say("   refused (" + COutput::Code(refused) + "): " + ErrorText(result));
   out_.Say("== 8. The old radio never answers: the request times out after 1.5 s.");
   hxf_service_session_h audio = Subscribe("audio");
   if (audio == nullptr) return kFailed;
   const int timed_out = SendAndWait(audio, "audio", "get", {"device=radio-1"}, 1500, &result);
-  out_.Say(timed_out == HXF_ERROR_TIMED_OUT ? "   timed out, as expected (error 1)"
-                                            : "   unexpected answer");
+  out_.Say(timed_out == HXF_ERROR_TIMED_OUT
+               ? "   timed out, as expected (" + COutput::Code(timed_out) + ")"
+               : "   unexpected answer");
   out_.Say(
       "== Done. Try: hxf search climate, hxf listen lights, hxf request lights set device=lamp-1 "
       "power=false");

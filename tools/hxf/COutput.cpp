@@ -4,8 +4,30 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace hxf_tool {
+
+std::string COutput::Code(int code) {
+  static const char* const kNames[] = {"HXF_ERROR_NONE",
+                                       "HXF_ERROR_TIMED_OUT",
+                                       "HXF_ERROR_OPERATION_FAILED",
+                                       "HXF_ERROR_CREATE_FAILED",
+                                       "HXF_ERROR_INVALID_PARAMETER",
+                                       "HXF_ERROR_OUT_OF_MEMORY",
+                                       "HXF_ERROR_NOT_FOUND",
+                                       "HXF_ERROR_TYPE_MISMATCH",
+                                       nullptr,
+                                       nullptr,
+                                       "HXF_ERROR_INVALID_HANDLE",
+                                       nullptr,
+                                       "HXF_ERROR_INVALID_CLIENT",
+                                       "HXF_ERROR_INVALID_TRANSACTION",
+                                       "HXF_ERROR_INVALID_SERVICE_NAME"};
+  const bool named =
+      code >= 0 && code < static_cast<int>(std::size(kNames)) && kNames[code] != nullptr;
+  return "error " + std::to_string(code) + (named ? std::string(": ") + kNames[code] : "");
+}
 
 void COutput::Say(const std::string& line) const {
   if (!json_) std::printf("%s\n", line.c_str());

@@ -24,6 +24,9 @@ class COutput {
   void Countdown(const std::string& what, double seconds_left) const;
   void EndCountdown() const;
 
+  // "error 4: HXF_ERROR_INVALID_PARAMETER": a code as people read it, number and name.
+  static std::string Code(int code);
+
   static nlohmann::json ToJson(const Device& device);
   static nlohmann::json ToJson(const std::vector<PropertyValue>& properties);
 

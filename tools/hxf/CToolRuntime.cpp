@@ -1,6 +1,8 @@
 #include "CToolRuntime.h"
 
+#include <dlfcn.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -92,6 +94,29 @@ void ReadList(hxf_property_list_h list, Event* event) {
   event->properties = ReadProperties(list);
 }
 
+// Why the core could not load a plugin. The core only reports that it failed (its log names
+// no reason), so look where and as the core does: the same path, the same dlopen flags. A
+// library the core holds open is only referenced again, so none of its code runs here.
+std::string LoadFailureReason(const std::string& plugin) {
+  const std::string path = std::string(HXF_TOOL_PLUGIN_DIR) + "libhxf-plugin-" + plugin + ".so";
+  if (access(path.c_str(), F_OK) != 0) return path + " does not exist";
+  void* library = dlopen(path.c_str(), RTLD_NOW);
+  if (library == nullptr) {
+    const char* why = dlerror();
+    return why != nullptr ? why : path + " cannot be opened";
+  }
+  std::string reason;
+  if (dlsym(library, "CreatePlugin") == nullptr) {
+    reason = path + " does not export CreatePlugin";
+  } else if (dlsym(library, "DestroyPlugin") == nullptr) {
+    reason = path + " does not export DestroyPlugin";
+  } else {
+    reason = "the plugin itself reported the failure (" + path + ")";
+  }
+  dlclose(library);
+  return reason;
+}
+
 int Threshold(const std::string& level) {
   if (level == "debug") return DLOG_DEBUG;
   if (level == "info") return DLOG_INFO;
@@ -145,7 +170,8 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
         hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
                              &CToolRuntime::OnLoaded, this);
     if (code != HXF_ERROR_NONE) {
-      out.Error("plugin " + plugin + ": load refused (error " + std::to_string(code) + ")");
+      out.Error("plugin " + plugin + ": load refused (" + COutput::Code(code) + ")" +
+                (code == HXF_ERROR_OPERATION_FAILED ? ": it is already loaded" : ""));
       return false;
     }
     Event event{Event::kInterrupt};
@@ -156,8 +182,7 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
       if (event.kind == Event::kLoaded && event.name == plugin) {
         loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
         if (!loaded)
-          out.Error("plugin " + plugin + ": failed to load (result " + std::to_string(event.code) +
-                    ")");
+          out.Error("plugin " + plugin + ": failed to load: " + LoadFailureReason(plugin));
         break;
       }
     }

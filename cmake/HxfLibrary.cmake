@@ -13,15 +13,3 @@ function(hxf_shipped_library target export_name version_script)
   target_link_options(${target} PRIVATE "LINKER:--version-script=${version_script}")
   add_library(hxf::${export_name} ALIAS ${target})
 endfunction()
-
-# hxf_install_rpath(TARGET DESTINATION): an executable installed at DESTINATION
-# (relative to the prefix, or absolute) finds the framework's libraries through $ORIGIN.
-function(hxf_install_rpath target destination)
-  if(IS_ABSOLUTE "${destination}")
-    set(from "${destination}")
-  else()
-    set(from "${CMAKE_INSTALL_PREFIX}/${destination}")
-  endif()
-  file(RELATIVE_PATH to_libdir "${from}" "${CMAKE_INSTALL_FULL_LIBDIR}")
-  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libdir}")
-endfunction()

@@ -8,6 +8,13 @@
 # Used by the framework's own build and shipped in its CMake package (find_package(hxf)).
 set(_hxf_plugin_version_script "${CMAKE_CURRENT_LIST_DIR}/hxf-plugin.map")
 
+# hxf_origin_rpath(TARGET FROM_DIR): once installed in the absolute folder FROM_DIR, TARGET
+# finds the framework's libraries (HXF_LIBRARY_DIR) relative to itself, through $ORIGIN.
+function(hxf_origin_rpath target from_dir)
+  file(RELATIVE_PATH to_libdir "${from_dir}" "${HXF_LIBRARY_DIR}")
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libdir}")
+endfunction()
+
 function(hxf_add_plugin name)
   if(NOT name MATCHES "^[A-Za-z0-9_.-]+$")
     message(FATAL_ERROR "hxf_add_plugin: '${name}' is not a plugin name (letters, digits, _ . -)")
@@ -29,8 +36,7 @@ function(hxf_add_plugin name)
     set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${HXF_PLUGIN_OUTPUT_DIR}")
   endif()
   if(HXF_LIBRARY_DIR)
-    file(RELATIVE_PATH to_libdir "${HXF_PLUGIN_DIR}" "${HXF_LIBRARY_DIR}")
-    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libdir}")
+    hxf_origin_rpath(${target} "${HXF_PLUGIN_DIR}")
   endif()
   install(TARGETS ${target} LIBRARY DESTINATION "${HXF_PLUGIN_DIR}")
 endfunction()

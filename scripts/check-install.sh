@@ -44,7 +44,7 @@ done
 plugin_dir=$(pkg-config --variable=plugindir hxf-core)
 [ "$plugin_dir" = "$prefix/lib/hxf/plugins/" ] || fail "plugin folder is $plugin_dir"
 while IFS= read -r -d '' file; do
-  file -b "$file" | grep -q '^ELF' || continue
+  [[ $(file -b "$file") == ELF* ]] || continue
   runpath=$(readelf -d "$file" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p; s/.*(RPATH).*\[\(.*\)\]/\1/p')
   IFS=: read -ra entries <<< "$runpath"
   for entry in "${entries[@]}"; do
@@ -56,14 +56,19 @@ while IFS= read -r -d '' file; do
   echo "ok  ${file#"$prefix"/}  ${runpath:-no RUNPATH}" >&2
 done < <(find "$prefix" -type f -print0)
 grep -rl --binary-files=text "$root/build" "$prefix" && fail "an installed file names the build tree"
-nm -D --defined-only "$plugin_dir/libhxf-plugin-sim.so" | grep -v ' A ' | awk '{print $3}' |
-  sort | tr '\n' ' ' | grep -qx 'CreatePlugin@@HXF_PLUGIN DestroyPlugin@@HXF_PLUGIN ' ||
-  fail "the simulator plugin exports more than its entry points"
+# Whole outputs into variables, then compared: `producer | grep -q` lets grep exit early, and
+# the producer's SIGPIPE would fail the pipeline.
+sim_exports=$(nm -D --defined-only "$plugin_dir/libhxf-plugin-sim.so" | awk '$2 != "A" {print $3}' |
+              sort | tr '\n' ' ')
+[ "$sim_exports" = 'CreatePlugin@@HXF_PLUGIN DestroyPlugin@@HXF_PLUGIN ' ] ||
+  fail "the simulator plugin exports more than its entry points: $sim_exports"
 LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$prefix/share/man/man1/hxf.1" 2>"$work/man.err" >/dev/null
 [ -s "$work/man.err" ] && { cat "$work/man.err" >&2; fail "the man page has warnings"; }
 
 echo "--- the installed tool" >&2
-"$prefix/bin/hxf" search lights --timeout 500 | grep -q "lamp-1" || fail "hxf finds no lamp"
+"$prefix/bin/hxf" search lights --timeout 500 > "$work/search.out" ||
+  fail "hxf search failed: $(cat "$work/search.out")"
+grep -q "^lamp-1 " "$work/search.out" || fail "hxf finds no lamp: $(cat "$work/search.out")"
 
 echo "--- examples through pkg-config" >&2
 cp -r examples "$work/pc"

@@ -1,5 +1,6 @@
 // hxf: search, list, listen to and talk with devices through the broker core.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -35,8 +36,11 @@ const char kFooter[] =
     "  hxf --json devices audio\n"
     "  hxf listen lights --for 5000\n";
 
+// What --log-level and HXF_LOG_LEVEL accept.
+const std::vector<std::string> kLogLevels{"debug", "info", "error"};
+
 bool KnownLogLevel(const std::string& level) {
-  return level == "debug" || level == "info" || level == "error";
+  return std::find(kLogLevels.begin(), kLogLevels.end(), level) != kLogLevels.end();
 }
 
 // Usage errors the parser cannot name itself: a missing or unknown command, a stray argument.
@@ -60,7 +64,7 @@ int main(int argc, char** argv) {
   app.add_option("--plugin", options.plugins, "provider plugin to load (repeatable; default: sim)");
   app.add_flag("--json", options.json, "one JSON object per event and line");
   app.add_option("--log-level", options.log_level, "show the core's log on stderr")
-      ->check(CLI::IsMember({"debug", "info", "error"}));
+      ->check(CLI::IsMember(kLogLevels));
 
   auto* search = app.add_subcommand("search", "search actively for devices offering a service");
   search->add_option("SERVICE", options.service, "service name, or * for every service")

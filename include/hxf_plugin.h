@@ -27,6 +27,28 @@ extern "C" {
 /** Marks the two entry points visible in a plugin built with hidden visibility. */
 #define HXF_PLUGIN_EXPORT __attribute__((visibility("default")))
 
+/** The ELF section that holds a plugin's self-description (see HXF_PLUGIN_INFO()). */
+#define HXF_PLUGIN_INFO_SECTION ".hxf_plugin_info"
+
+#define HXF_PLUGIN_INFO_JOIN2_(a, b) a##b
+#define HXF_PLUGIN_INFO_JOIN_(a, b) HXF_PLUGIN_INFO_JOIN2_(a, b)
+
+/**
+ * Describes the plugin to tools that read the library without loading it (`hxf plugins`):
+ * puts the text `KEY=VALUE` into the section HXF_PLUGIN_INFO_SECTION. Write it at file scope,
+ * once per key, in any source file of the plugin. Known keys:
+ * - `description`: one line saying what the plugin offers (see HXF_PLUGIN_DESCRIPTION());
+ * - `hidden`: why the plugin is not for users (test fixtures); `hxf plugins` then lists it
+ *   only with `--all`.
+ * No code runs and nothing is exported: the text is only data in the file.
+ */
+#define HXF_PLUGIN_INFO(key, value)                                                  \
+  __attribute__((section(HXF_PLUGIN_INFO_SECTION), used, aligned(1))) static const char \
+      HXF_PLUGIN_INFO_JOIN_(hxf_plugin_info_, __LINE__)[] = #key "=" value
+
+/** The plugin's one-line description, as `hxf plugins` shows it. */
+#define HXF_PLUGIN_DESCRIPTION(text) HXF_PLUGIN_INFO(description, text)
+
 /**
  * Starts the plugin. Called once per load, on a thread of the core's pool, after the library
  * has been opened.

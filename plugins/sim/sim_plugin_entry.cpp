@@ -2,18 +2,21 @@
 #include <memory>
 
 #include "SimPlugin.h"
+#include "hxf_plugin.h"
+
+HXF_PLUGIN_DESCRIPTION("a simulated home: lights, audio and climate devices (HXF_SIM_CONFIG)");
 
 namespace {
 std::unique_ptr<hxf_sim::Plugin> g_plugin;  // touched only by CreatePlugin and DestroyPlugin
 }
 
-extern "C" __attribute__((visibility("default"))) bool CreatePlugin(void) {
+bool CreatePlugin(void) {
   g_plugin = std::make_unique<hxf_sim::Plugin>();
   g_plugin->Start();  // returns at once; the worker reports the load result when ready
   return true;
 }
 
-extern "C" __attribute__((visibility("default"))) bool DestroyPlugin(void) {
+bool DestroyPlugin(void) {
   if (g_plugin == nullptr) return false;
   g_plugin->Stop();  // returns once no plugin code runs again
   g_plugin.reset();

@@ -27,10 +27,11 @@ expect() {  # expected, then the words
 
 expect "search" hxf se
 expect "devices demo" hxf de
-expect "--plugin --json --log-level --help" hxf --
+expect "--plugin --json --log-level --help --version" hxf --
 expect "debug" hxf --log-level d
-expect "--plugin --json --log-level --help --timeout" hxf search lights --
-expect "--plugin --json --log-level --help --for" hxf --json watch lights --
+expect "--plugin --json --log-level --help --version --timeout" hxf search lights --
+expect "--plugin --json --log-level --help --version --for" hxf --json watch lights --
+expect "--plugin --json --log-level --help --version --all" hxf plugins --
 expect "get set" hxf request lights ""
 expect "" hxf request lights get ""
 expect "sim" "$hxf_binary" --plugin si

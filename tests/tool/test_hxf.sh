@@ -14,6 +14,16 @@ run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
 expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
 expect_out() { grep -q -- "$1" "$out" || fail "stdout lacks: $1"; }
 expect_err() { grep -q -- "$1" "$err" || fail "stderr lacks: $1"; }
+expect_out_exactly() { grep -qF -- "$1" "$out" || fail "stdout lacks the text: $1"; }
+expect_no_out() { [ -s "$out" ] && fail "stdout should be empty"; return 0; }
+expect_last() { [ "$(tail -n 1 "$out")" = "$1" ] || fail "the last line is not: $1"; }
+# Every line of stdout is one JSON object with an "event" first.
+expect_json_lines() {
+  python3 -c 'import json,sys
+for line in open(sys.argv[1]):
+    obj = json.loads(line)
+    assert isinstance(obj, dict) and next(iter(obj)) == "event", line' "$out" || fail "a line is not one JSON event"
+}
 
 case "$case_name" in
   search)
@@ -29,16 +39,18 @@ case "$case_name" in
     expect_code "$code" 0
     [ "$(grep -c '"event":"found"' "$out")" = 2 ] || fail "expected two found events"
     expect_out '"device_id":"lamp-1"'
-    expect_out '{"event":"search_ended","found":2,"service":"lights"}'
-    if grep -v '^{.*}$' "$out" | grep -q .; then fail "a line is not one JSON object"; fi
+    expect_last '{"event":"end","command":"search","exit_code":0,"reason":"done"}'
+    expect_json_lines
     ;;
   unknown-service)
     code=$(run search nothing-here --timeout 300)
     expect_code "$code" 1
-    expect_out "no device offers nothing-here (search timed out after 300 ms)"
+    expect_err "^hxf: no device offers nothing-here within 300 ms (error 1: HXF_ERROR_TIMED_OUT)$"
+    expect_no_out
     code=$(run request nothing-here get)
     expect_code "$code" 1
-    expect_err "no provider offers the service nothing-here"
+    expect_err "^hxf: no provider offers the service nothing-here (error 6: HXF_ERROR_NOT_FOUND)$"
+    expect_no_out
     ;;
   devices)
     code=$(run devices audio --timeout 2000)
@@ -55,17 +67,37 @@ case "$case_name" in
   timeout)
     code=$(run request audio get device=radio-1 --timeout 300)
     expect_code "$code" 1
-    expect_out "get on audio: timed out after 300 ms"
+    expect_err "^hxf: get on audio: timed out after 300 ms (error 1: HXF_ERROR_TIMED_OUT)$"
+    expect_no_out
+    code=$(run --json request audio get device=radio-1 --timeout 300)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":1,"error_name":"HXF_ERROR_TIMED_OUT",.*"message":"get on audio: timed out after 300 ms"'
+    expect_last '{"event":"end","command":"request","exit_code":1,"reason":"timed_out"}'
+    code=$(run --json devices nothing-here --timeout 300)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":1,"error_name":"HXF_ERROR_TIMED_OUT",.*"message":"no device list for nothing-here within 300 ms"'
+    expect_last '{"event":"end","command":"devices","exit_code":1,"reason":"timed_out"}'
+    code=$(run --json search nothing-here --timeout 300)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":1,"error_name":"HXF_ERROR_TIMED_OUT",.*"message":"no device offers nothing-here within 300 ms"'
+    expect_last '{"event":"end","command":"search","exit_code":1,"reason":"timed_out"}'
+    expect_json_lines
     ;;
   out-of-range)
     code=$(run request lights set device=lamp-1 brightness=150)
     expect_code "$code" 1
-    expect_out "brightness 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)$"
+    expect_err "^hxf: set on lights failed: brightness 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)$"
+    expect_no_out
+    code=$(run --json request lights set device=lamp-1 brightness=150)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":4,"error_name":"HXF_ERROR_INVALID_PARAMETER",.*"properties":{"error":"brightness 150 is out of range 0..100"}'
+    expect_last '{"event":"end","command":"request","exit_code":1,"reason":"failed"}'
+    [ -s "$err" ] && fail "a failure in JSON mode also went to stderr"
     ;;
   wrong-type)
     code=$(run request climate set device=thermostat-1 target_temperature=warm)
     expect_code "$code" 1
-    expect_out "target_temperature takes a double, not a string"
+    expect_err "target_temperature takes a double, not a string"
     ;;
   malformed-config)
     printf '{\n  "devices": [\n    {"id": "x", "service": "s",}\n  ]\n}\n' >"$work/bad.json"
@@ -107,13 +139,50 @@ JSON
     kill -INT $pid
     wait $pid
     expect_code "$?" 130
-    expect_out "^stopped$"
+    expect_err "^stopped$"
     ;;
   watch)
     code=$(run watch lights --for 300)
     expect_code "$code" 0
-    expect_out "^watching lights for 300 ms"
-    expect_out "^done$"
+    expect_err "^watching lights for 300 ms"
+    expect_err "^done$"
+    ;;
+  json-lossless)
+    cat >"$work/exact.json" <<'JSON'
+{ "devices": [ {"id": "meter-1", "service": "meter",
+  "properties": [{"name": "reading", "type": "double", "value": 123456789.123},
+                 {"name": "fine", "type": "double", "value": 21.123456789},
+                 {"name": "count", "type": "int", "value": 9007199254740993},
+                 {"name": "whole", "type": "double", "value": 21},
+                 {"name": "ok", "type": "bool", "value": true},
+                 {"name": "label", "type": "string", "value": "a \"quoted\" 1.50"}]} ] }
+JSON
+    code=$(HXF_SIM_CONFIG="$work/exact.json" run --json request meter get device=meter-1)
+    expect_code "$code" 0
+    expect_out_exactly '"properties":{"count":9007199254740993,"device_id":"meter-1","fine":21.123456789,"label":"a \"quoted\" 1.50","ok":true,"reading":123456789.123,"whole":21.0}'
+    code=$(HXF_SIM_CONFIG="$work/exact.json" run --json request meter set device=meter-1 fine=0.1 count=-9223372036854775808)
+    expect_code "$code" 0
+    expect_out '"count":-9223372036854775808,.*"fine":0.1,'
+    code=$(HXF_SIM_CONFIG="$work/exact.json" run request meter get device=meter-1)
+    expect_out "^  reading  *123456789.123$"
+    expect_out "^  fine  *21.123456789$"
+    code=$(run request meter set count=9223372036854775808)
+    expect_code "$code" 2
+    expect_err "count=9223372036854775808: the integer does not fit in 64 bits"
+    ;;
+  json-schema)
+    for command in "search lights --timeout 500" "listen lights --for 500" "devices audio" \
+                   "request lights get device=lamp-1" "watch lights --for 200"; do
+      # shellcheck disable=SC2086
+      code=$(run --json $command)
+      expect_code "$code" 0
+      expect_json_lines
+      expect_last "{\"event\":\"end\",\"command\":\"${command%% *}\",\"exit_code\":0,\"reason\":\"done\"}"
+    done
+    code=$(run --json frobnicate)
+    expect_code "$code" 2
+    expect_out '^{"event":"error","error":null,"error_name":null,"message":"unknown command '"'"'frobnicate'"'"'"}$'
+    expect_last '{"event":"end","command":null,"exit_code":2,"reason":"usage"}'
     ;;
   usage)
     code=$(run)
@@ -161,7 +230,17 @@ JSON
   plugins)
     code=$(run plugins)
     expect_code "$code" 0
-    expect_out "^  sim$"
+    expect_out "^sim  a simulated home: lights, audio and climate devices"
+    grep -q "fixture\|^async\|^fault_" "$out" && fail "a test fixture is offered to users"
+    [ "$(wc -l <"$out")" = 1 ] || fail "expected the simulator only"
+    code=$(run plugins --all)
+    expect_code "$code" 0
+    expect_out "^async  *(no description) \[hidden: a fixture of the core's own tests\]$"
+    expect_out "^sim  "
+    code=$(run --json plugins)
+    expect_code "$code" 0
+    expect_out '^{"event":"plugin","description":"a simulated home: lights, audio and climate devices (HXF_SIM_CONFIG)","hidden":false,"name":"sim","path":"/.*/libhxf-plugin-sim.so"}$'
+    expect_last '{"event":"end","command":"plugins","exit_code":0,"reason":"done"}' 
     ;;
   missing-plugin)
     code=$(run --plugin no-such-plugin search lights)
@@ -175,7 +254,11 @@ JSON
     expect_err "^hxf: plugin createfails: failed to load: the plugin itself reported the failure (/.*/libhxf-plugin-createfails.so)$"
     code=$(run --plugin sim --plugin sim search lights)
     expect_code "$code" 1
-    expect_err "^hxf: plugin sim: load refused (error 2: HXF_ERROR_OPERATION_FAILED): it is already loaded$"
+    expect_err "^hxf: plugin sim: load refused: it is already loaded (error 2: HXF_ERROR_OPERATION_FAILED)$"
+    code=$(run --json --plugin no-such-plugin search lights)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":null,"error_name":null,"message":"plugin no-such-plugin: failed to load: /.*/libhxf-plugin-no-such-plugin.so does not exist","plugin":"no-such-plugin"}$'
+    expect_last '{"event":"end","command":"search","exit_code":1,"reason":"failed"}' 
     ;;
   demo)
     code=$(run demo)

@@ -1,8 +1,7 @@
 #include "CCommands.h"
 
-#include <dirent.h>
-
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <regex>
@@ -14,6 +13,7 @@ namespace {
 using Clock = CEventQueue::Clock;
 constexpr auto kSlice = std::chrono::milliseconds(100);
 constexpr auto kGrace = std::chrono::milliseconds(2000);  // for the core's own time-out report
+constexpr Clock::time_point kForever = Clock::time_point::max();
 
 hxf_string View(const std::string& text) {
   return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
@@ -21,8 +21,8 @@ hxf_string View(const std::string& text) {
 Clock::time_point In(uint32_t ms) {
   return Clock::now() + std::chrono::milliseconds(ms);
 }
-double SecondsLeft(Clock::time_point deadline) {
-  return std::chrono::duration<double>(deadline - Clock::now()).count();
+std::string Ms(uint32_t ms) {
+  return std::to_string(ms) + " ms";
 }
 
 bool IsDeparture(const Device& device) {
@@ -33,21 +33,25 @@ bool IsArrival(const Device& device) {
 }
 
 const std::regex kAssignment(R"(^([A-Za-z_][A-Za-z0-9_.-]*)=(.*)$)");
+const std::regex kInteger(R"(^[-+]?[0-9]+$)");
+const std::regex kDecimal(R"(^[-+]?([0-9]+\.[0-9]*|\.[0-9]+)([eE][-+]?[0-9]+)?$)");
 
-hxf_property_h MakeProperty(const std::string& assignment) {
+// NAME and VALUE of a well-formed assignment; "device" names the target device.
+std::pair<std::string, std::string> Split(const std::string& assignment) {
   std::smatch match;
   std::regex_match(assignment, match, kAssignment);
-  std::string name = match[1];
-  const std::string value = match[2];
-  if (name == "device") name = "device_id";
+  const std::string name = match[1];
+  return {name == "device" ? "device_id" : name, match[2]};
+}
+
+hxf_property_h MakeProperty(const std::string& assignment) {
+  const auto [name, value] = Split(assignment);
   const hxf_string key = View(name);
-  static const std::regex integer(R"(^[-+]?[0-9]+$)");
-  static const std::regex decimal(R"(^[-+]?([0-9]+\.[0-9]*|\.[0-9]+)([eE][-+]?[0-9]+)?$)");
   if (name == "device_id") return hxf_property_create_string(key, View(value));
   if (value == "true" || value == "false") return hxf_property_create_bool(key, value == "true");
-  if (std::regex_match(value, integer))
+  if (std::regex_match(value, kInteger))
     return hxf_property_create_int(key, std::strtoll(value.c_str(), nullptr, 10));
-  if (std::regex_match(value, decimal))
+  if (std::regex_match(value, kDecimal))
     return hxf_property_create_double(key, std::strtod(value.c_str(), nullptr));
   std::string text = value;
   if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
@@ -57,125 +61,153 @@ hxf_property_h MakeProperty(const std::string& assignment) {
 
 std::string ErrorText(const Event& event) {
   for (const PropertyValue& p : event.properties) {
-    if (p.name == "error") return p.text;
+    if (p.name == "error") return COutput::Text(p.value);
   }
-  return "error " + std::to_string(event.code);
+  return COutput::Code(event.code);
+}
+
+nlohmann::json Payload(const Event& event) {
+  return {{"list", event.list_name},
+          {"error", event.code},
+          {"error_name", COutput::CodeName(event.code)},
+          {"properties", COutput::ToJson(event.properties)}};
 }
 
 }  // namespace
 
-bool CCommands::ValidAssignment(const std::string& assignment) {
-  return std::regex_match(assignment, kAssignment);
+std::string CCommands::AssignmentProblem(const std::string& assignment) {
+  if (!std::regex_match(assignment, kAssignment)) return "expected NAME=VALUE, got " + assignment;
+  const auto [name, value] = Split(assignment);
+  if (name != "device_id" && std::regex_match(value, kInteger)) {
+    errno = 0;
+    std::strtoll(value.c_str(), nullptr, 10);
+    if (errno == ERANGE) return name + "=" + value + ": the integer does not fit in 64 bits";
+  }
+  if (name != "device_id" && std::regex_match(value, kDecimal)) {
+    errno = 0;
+    std::strtod(value.c_str(), nullptr);
+    if (errno == ERANGE) return name + "=" + value + ": the number does not fit in a double";
+  }
+  return "";
+}
+
+std::string CCommands::EndReason(int exit_code) const {
+  switch (exit_code) {
+    case kOk:
+      return "done";
+    case kUsage:
+      return "usage";
+    case kInterrupted:
+      return "interrupted";
+    default:
+      return timed_out_ ? "timed_out" : "failed";
+  }
+}
+
+int CCommands::Fail(const std::string& message, int code, nlohmann::json details) {
+  if (code == HXF_ERROR_TIMED_OUT) timed_out_ = true;
+  out_.Fail(message, code, std::move(details));
+  return kFailed;
 }
 
 template <typename OnEvent>
-bool CCommands::Pump(const std::string& what, Clock::time_point deadline, OnEvent&& on_event) {
+bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
+  const Clock::time_point end = wait.deadline == kForever ? kForever : wait.deadline + wait.grace;
   Event event{Event::kInterrupt};
-  while (Clock::now() < deadline) {
-    out_.Countdown(what, SecondsLeft(deadline));
-    if (!runtime_.Events().Next(&event, std::min(deadline, Clock::now() + kSlice))) continue;
+  bool completed = true;
+  while (Clock::now() < end) {
+    const Clock::time_point now = Clock::now();
+    if (wait.deadline != kForever && now < wait.deadline) {
+      out_.Countdown(wait.what, std::chrono::duration<double>(wait.deadline - now).count());
+    } else {
+      out_.EndCountdown();  // the time is up: what remains is the grace for the core's report
+    }
+    if (!runtime_.Events().Next(&event, std::min(end, now + kSlice))) continue;
     if (event.kind == Event::kInterrupt) {
-      out_.EndCountdown();
-      return false;
+      completed = false;
+      break;
     }
     if (!on_event(event)) break;
   }
   out_.EndCountdown();
-  return true;
+  return completed;
 }
 
 int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
-  if (hxf_core_client_start_active_search(runtime_.Client(), View(service), &CToolRuntime::OnFound,
-                                          timeout_ms, &runtime_) != HXF_ERROR_NONE) {
-    out_.Error("cannot search " + service);
-    return kFailed;
-  }
+  const hxf_error_e started = hxf_core_client_start_active_search(
+      runtime_.Client(), View(service), &CToolRuntime::OnFound, timeout_ms, &runtime_);
+  if (started != HXF_ERROR_NONE) return Fail("cannot search " + service, started);
   std::vector<Device> found;
   // The tool keeps its own deadline: once a device is found the core reports no time-out.
-  const bool completed = Pump("searching " + service, In(timeout_ms), [&](const Event& event) {
+  const bool completed = Pump({"searching " + service, In(timeout_ms)}, [&](const Event& event) {
     if (event.kind != Event::kFound) return true;
     if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return false;
     for (const Device& device : event.devices) {
       found.push_back(device);
-      nlohmann::json line = COutput::ToJson(device);
-      line["event"] = "found";
-      out_.Emit(line);
+      out_.Emit("found", COutput::ToJson(device));
     }
     return true;
   });
   hxf_core_client_stop_active_search(runtime_.Client(), View(service));
   out_.DeviceTable(found);
-  out_.Emit({{"event", completed ? "search_ended" : "interrupted"},
-             {"service", service},
-             {"found", found.size()}});
-  if (!completed) return kOk;  // stopped by the user
-  if (found.empty()) {
-    out_.Say("no device offers " + service + " (search timed out after " +
-             std::to_string(timeout_ms) + " ms)");
-    return kFailed;
-  }
+  if (!completed) return kInterrupted;
+  if (found.empty())
+    return Fail("no device offers " + service + " within " + Ms(timeout_ms), HXF_ERROR_TIMED_OUT,
+                {{"service", service}});
   out_.Say(std::to_string(found.size()) + " device(s) offer " + service);
   return kOk;
 }
 
 int CCommands::Listen(const std::string& service, uint32_t for_ms) {
-  if (hxf_core_client_start_passive_search(runtime_.Client(), View(service), &CToolRuntime::OnFound,
-                                           &runtime_) != HXF_ERROR_NONE) {
-    out_.Error("cannot listen to " + service);
-    return kFailed;
-  }
-  out_.Say("listening to " + service +
-           (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
-  const auto deadline = for_ms != 0 ? In(for_ms) : Clock::time_point::max();
-  const bool completed = Pump("listening to " + service, deadline, [&](const Event& event) {
+  const hxf_error_e started = hxf_core_client_start_passive_search(
+      runtime_.Client(), View(service), &CToolRuntime::OnFound, &runtime_);
+  if (started != HXF_ERROR_NONE) return Fail("cannot listen to " + service, started);
+  out_.Note("listening to " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
+  const Wait wait{"listening to " + service, for_ms != 0 ? In(for_ms) : kForever};
+  const bool completed = Pump(wait, [&](const Event& event) {
     if (event.kind != Event::kFound) return true;
     for (const Device& device : event.devices) {
       const char* what = IsDeparture(device) ? "left" : (IsArrival(device) ? "arrived" : "found");
-      nlohmann::json line = COutput::ToJson(device);
-      line["event"] = what;
-      out_.Emit(line);
+      out_.Emit(what, COutput::ToJson(device));
       out_.Say(std::string(what) + "  " + device.id + "  " + device.name + "  " + device.address);
     }
     return true;
   });
   hxf_core_client_stop_passive_search(runtime_.Client(), View(service));
-  out_.Say(completed ? "done" : "stopped");
-  out_.Emit({{"event", completed ? "listen_ended" : "interrupted"}, {"service", service}});
-  return kOk;
+  out_.Note(completed ? "done" : "stopped");
+  return completed ? kOk : kInterrupted;
 }
 
 int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
-  if (hxf_core_client_get_device_list(runtime_.Client(), View(service), &CToolRuntime::OnList,
-                                      timeout_ms, &runtime_) != HXF_ERROR_NONE) {
-    out_.Error("cannot list " + service);
-    return kFailed;
-  }
-  int code = kFailed;
+  const hxf_error_e asked = hxf_core_client_get_device_list(
+      runtime_.Client(), View(service), &CToolRuntime::OnList, timeout_ms, &runtime_);
+  if (asked != HXF_ERROR_NONE) return Fail("cannot list " + service, asked);
+  int code = -1;
   const bool completed =
-      Pump("listing " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
+      Pump({"listing " + service, In(timeout_ms), kGrace}, [&](const Event& event) {
         if (event.kind != Event::kList) return true;
         if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-          out_.Say("no device list for " + service + " within " + std::to_string(timeout_ms) +
-                   " ms");
-          out_.Emit({{"event", "timeout"}, {"service", service}});
+          code = Fail("no device list for " + service + " within " + Ms(timeout_ms),
+                      HXF_ERROR_TIMED_OUT, {{"service", service}});
           return false;
         }
         out_.DeviceTable(event.devices);
-        for (const Device& device : event.devices) {
-          nlohmann::json line = COutput::ToJson(device);
-          line["event"] = "device";
-          out_.Emit(line);
-        }
+        for (const Device& device : event.devices) out_.Emit("device", COutput::ToJson(device));
         code = kOk;
         return false;
       });
-  return completed ? code : kOk;
+  if (!completed) return kInterrupted;
+  if (code < 0)
+    return Fail("the core reported nothing for " + service + " within " + Ms(timeout_ms),
+                HXF_ERROR_TIMED_OUT, {{"service", service}});
+  return code;
 }
 
 hxf_service_session_h CCommands::Subscribe(const std::string& service) {
   hxf_service_session_h session = hxf_core_client_subscribe_service(
       runtime_.Client(), View(service), &CToolRuntime::OnNotification, &runtime_);
-  if (session == nullptr) out_.Error("no provider offers the service " + service);
+  if (session == nullptr)
+    Fail("no provider offers the service " + service, HXF_ERROR_NOT_FOUND, {{"service", service}});
   return session;
 }
 
@@ -195,11 +227,11 @@ int CCommands::SendAndWait(hxf_service_session_h session, const std::string& ser
                                       timeout_ms, &transaction, &runtime_);
   hxf_property_list_destroy(list);
   if (sent != HXF_ERROR_NONE) {
-    out_.Error("request refused (" + COutput::Code(sent) + ")");
+    Fail("request refused", sent, {{"service", service}, {"operation", operation}});
     return sent;
   }
   int code = -1;
-  Pump(operation + " on " + service, In(timeout_ms) + kGrace, [&](const Event& event) {
+  Pump({operation + " on " + service, In(timeout_ms), kGrace}, [&](const Event& event) {
     if (event.kind == Event::kNotification) {
       notifications_.push_back(event);
       return true;
@@ -218,69 +250,69 @@ int CCommands::Request(const std::string& service, const std::string& operation,
   if (session == nullptr) return kFailed;
   Event result{Event::kResult};
   const int code = SendAndWait(session, service, operation, assignments, timeout_ms, &result);
+  nlohmann::json details = Payload(result);
+  details["service"] = service;
+  details["operation"] = operation;
   if (code == HXF_ERROR_NONE) {
     out_.Say(operation + " on " + service + ": ok");
     out_.Properties(result.properties);
-    out_.Emit({{"event", "result"},
-               {"error", 0},
-               {"list", result.list_name},
-               {"properties", COutput::ToJson(result.properties)}});
+    out_.Emit("result", std::move(details));
     return kOk;
   }
-  if (code == HXF_ERROR_TIMED_OUT) {
-    out_.Say(operation + " on " + service + ": timed out after " + std::to_string(timeout_ms) +
-             " ms");
-    out_.Emit({{"event", "result"}, {"error", 1}, {"timed_out", true}});
-  } else if (code > 0) {
-    out_.Say(operation + " on " + service + ": failed: " + ErrorText(result) + " (" +
-             COutput::Code(code) + ")");
-    out_.Emit({{"event", "result"}, {"error", code}, {"message", ErrorText(result)}});
-  } else if (runtime_.Interrupted()) {
-    return kOk;
-  }
-  return kFailed;
+  if (runtime_.Interrupted()) return kInterrupted;
+  if (code < 0)  // no answer at all, not even the core's time-out
+    return Fail(operation + " on " + service + ": no result within " + Ms(timeout_ms),
+                HXF_ERROR_TIMED_OUT, {{"service", service}, {"operation", operation}});
+  if (code == HXF_ERROR_TIMED_OUT)
+    return Fail(operation + " on " + service + ": timed out after " + Ms(timeout_ms), code,
+                std::move(details));
+  return Fail(operation + " on " + service + " failed: " + ErrorText(result), code,
+              std::move(details));
 }
 
 int CCommands::Watch(const std::string& service, uint32_t for_ms) {
   if (Subscribe(service) == nullptr) return kFailed;
-  out_.Say("watching " + service +
-           (for_ms != 0 ? " for " + std::to_string(for_ms) + " ms" : " (Ctrl-C stops)"));
-  const auto deadline = for_ms != 0 ? In(for_ms) : Clock::time_point::max();
-  const bool completed = Pump("watching " + service, deadline, [&](const Event& event) {
+  out_.Note("watching " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
+  const Wait wait{"watching " + service, for_ms != 0 ? In(for_ms) : kForever};
+  const bool completed = Pump(wait, [&](const Event& event) {
     if (event.kind != Event::kNotification) return true;
     out_.Say("notification from " + event.name + " (" + event.list_name + ")");
     out_.Properties(event.properties);
-    out_.Emit({{"event", "notification"},
-               {"service", event.name},
-               {"list", event.list_name},
-               {"properties", COutput::ToJson(event.properties)}});
+    nlohmann::json details = Payload(event);
+    details["service"] = event.name;
+    out_.Emit("notification", std::move(details));
     return true;
   });
-  out_.Say(completed ? "done" : "stopped");
-  return kOk;
+  out_.Note(completed ? "done" : "stopped");
+  return completed ? kOk : kInterrupted;
 }
 
-int CCommands::Plugins(const COutput& out) {
-  std::vector<std::string> names;
-  if (DIR* dir = opendir(HXF_TOOL_PLUGIN_DIR)) {
-    while (dirent* entry = readdir(dir)) {
-      const std::string file = entry->d_name;
-      const std::string prefix = "libhxf-plugin-";
-      const std::string suffix = ".so";
-      if (file.size() > prefix.size() + suffix.size() && file.rfind(prefix, 0) == 0 &&
-          file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        names.push_back(file.substr(prefix.size(), file.size() - prefix.size() - suffix.size()));
-      }
-    }
-    closedir(dir);
+int CCommands::Plugins(const COutput& out, bool all) {
+  const std::string folder = HXF_TOOL_PLUGIN_DIR;
+  std::vector<PluginInfo> shown;
+  for (PluginInfo& plugin : ListPlugins(folder)) {
+    if (all || !plugin.Hidden()) shown.push_back(std::move(plugin));
   }
-  std::sort(names.begin(), names.end());
-  out.Say("plugins in " + std::string(HXF_TOOL_PLUGIN_DIR) + ":");
-  for (const std::string& name : names) {
-    out.Say("  " + name);
-    out.Emit({{"event", "plugin"}, {"name", name}});
+  if (shown.empty()) {
+    out.Fail("no plugin in " + folder, HXF_ERROR_NOT_FOUND);
+    return kFailed;
   }
-  return names.empty() ? kFailed : kOk;
+  size_t width = 0;
+  for (const PluginInfo& plugin : shown) width = std::max(width, plugin.name.size());
+  out.Note("plugins in " + folder + ":");
+  for (const PluginInfo& plugin : shown) {
+    std::string line =
+        plugin.name + std::string(width - plugin.name.size() + 2, ' ') + plugin.Description();
+    if (plugin.Hidden()) line += " [hidden: " + plugin.info.at("hidden") + "]";
+    out.Say(line);
+    out.Emit("plugin", {{"name", plugin.name},
+                        {"description", plugin.info.count("description") != 0
+                                            ? nlohmann::json(plugin.info.at("description"))
+                                            : nlohmann::json()},
+                        {"hidden", plugin.Hidden()},
+                        {"path", plugin.path}});
+  }
+  return kOk;
 }
 
 int CCommands::Demo() {
@@ -308,15 +340,15 @@ int CCommands::Demo() {
     if (event.kind != Event::kNotification) return true;
     out_.Say("   notification (" + event.list_name + "):");
     out_.Properties(event.properties);
-    out_.Emit({{"event", "notification"},
-               {"list", event.list_name},
-               {"properties", COutput::ToJson(event.properties)}});
+    nlohmann::json details = Payload(event);
+    details["service"] = event.name;
+    out_.Emit("notification", std::move(details));
     notified = true;
     return false;
   };
   for (const Event& early : notifications_) show(early);
   notifications_.clear();
-  if (!notified) Pump("waiting for the notification", In(2000), show);
+  if (!notified) Pump({"waiting for the notification", In(2000)}, show);
   if (!notified) return kFailed;
   out_.Say("== 7. A bad value is refused and changes nothing: brightness=150.");
   const int refused =
@@ -330,8 +362,8 @@ int CCommands::Demo() {
                ? "   timed out, as expected (" + COutput::Code(timed_out) + ")"
                : "   unexpected answer");
   out_.Say(
-      "== Done. Try: hxf search climate, hxf listen lights, hxf request lights set device=lamp-1 "
-      "power=false");
+      "== Done. Try: hxf search climate, hxf watch climate, hxf request lights set "
+      "device=lamp-1 power=false");
   return timed_out == HXF_ERROR_TIMED_OUT && refused == HXF_ERROR_INVALID_PARAMETER ? kOk : kFailed;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "COutput.h"
+#include "CPluginInfo.h"
 #include "CToolRuntime.h"
 
 namespace hxf_tool {
@@ -24,17 +25,30 @@ class CCommands {
               const std::vector<std::string>& assignments, uint32_t timeout_ms);
   int Watch(const std::string& service, uint32_t for_ms);
   int Demo();
-  // Needs no plugin loaded: lists the plugin libraries in the plugin folder.
-  static int Plugins(const COutput& out);
+  // Needs no plugin loaded: lists the plugins in the plugin folder with their descriptions;
+  // test fixtures only with `all`.
+  static int Plugins(const COutput& out, bool all);
+  // The reason the "end" event gives for `exit_code`: done, timed_out, failed, usage or
+  // interrupted.
+  std::string EndReason(int exit_code) const;
   // "NAME=VALUE" with VALUE true/false, an integer, a decimal or text ("device" means the
-  // target device). False for a malformed assignment.
-  static bool ValidAssignment(const std::string& assignment);
+  // target device). Empty when well formed, else what is wrong.
+  static std::string AssignmentProblem(const std::string& assignment);
 
  private:
-  // Waits for events until `deadline`, feeding each to `on_event` until it returns false.
-  // Shows a countdown for `what` meanwhile. False when interrupted.
+  // How long Pump waits: until `deadline`, showing a countdown to it (none when it is
+  // `forever`), and `grace` more without one, for the core's own time-out report.
+  struct Wait {
+    std::string what;
+    CEventQueue::Clock::time_point deadline;
+    CEventQueue::Clock::duration grace{};
+  };
+  // Feeds events to `on_event` until it returns false or the wait ends. False when
+  // interrupted.
   template <typename OnEvent>
-  bool Pump(const std::string& what, CEventQueue::Clock::time_point deadline, OnEvent&& on_event);
+  bool Pump(const Wait& wait, OnEvent&& on_event);
+  // Reports a failure and returns kFailed; a time-out is HXF_ERROR_TIMED_OUT.
+  int Fail(const std::string& message, int code, nlohmann::json details = nlohmann::json::object());
   hxf_service_session_h Subscribe(const std::string& service);
   // Sends one request and waits for its result; prints it. Returns the error code, or -1
   // when no answer came (interrupted or lost).
@@ -46,6 +60,7 @@ class CCommands {
   const COutput& out_;
   // Notifications that arrived while a request waited for its result (they may overtake it).
   std::vector<Event> notifications_;
+  bool timed_out_ = false;  // the command failed by a time-out
 };
 
 }  // namespace hxf_tool

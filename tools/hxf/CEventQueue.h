@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -14,8 +15,10 @@ struct Device {
   std::string service, id, name, interface_name, interface_type, address, ui_meta;
 };
 
+// A property as the core delivered it: bool, 64-bit integer, double or text, kept exactly.
 struct PropertyValue {
-  std::string name, type, text;
+  std::string name;
+  nlohmann::json value;
 };
 
 struct Event {

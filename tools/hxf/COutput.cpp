@@ -3,45 +3,103 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 
 namespace hxf_tool {
 
+namespace {
+
+// Erases the line the cursor is on and returns to its start.
+constexpr char kEraseLine[] = "\r\033[K";
+
+const char* const kCodeNames[] = {"HXF_ERROR_NONE",
+                                  "HXF_ERROR_TIMED_OUT",
+                                  "HXF_ERROR_OPERATION_FAILED",
+                                  "HXF_ERROR_CREATE_FAILED",
+                                  "HXF_ERROR_INVALID_PARAMETER",
+                                  "HXF_ERROR_OUT_OF_MEMORY",
+                                  "HXF_ERROR_NOT_FOUND",
+                                  "HXF_ERROR_TYPE_MISMATCH",
+                                  nullptr,
+                                  nullptr,
+                                  "HXF_ERROR_INVALID_HANDLE",
+                                  nullptr,
+                                  "HXF_ERROR_INVALID_CLIENT",
+                                  "HXF_ERROR_INVALID_TRANSACTION",
+                                  "HXF_ERROR_INVALID_SERVICE_NAME"};
+
+const char* NameOf(int code) {
+  return code >= 0 && code < static_cast<int>(std::size(kCodeNames)) ? kCodeNames[code] : nullptr;
+}
+
+}  // namespace
+
+COutput::COutput(bool json) : json_(json), countdown_(!json && isatty(STDERR_FILENO) == 1) {}
+
 std::string COutput::Code(int code) {
-  static const char* const kNames[] = {"HXF_ERROR_NONE",
-                                       "HXF_ERROR_TIMED_OUT",
-                                       "HXF_ERROR_OPERATION_FAILED",
-                                       "HXF_ERROR_CREATE_FAILED",
-                                       "HXF_ERROR_INVALID_PARAMETER",
-                                       "HXF_ERROR_OUT_OF_MEMORY",
-                                       "HXF_ERROR_NOT_FOUND",
-                                       "HXF_ERROR_TYPE_MISMATCH",
-                                       nullptr,
-                                       nullptr,
-                                       "HXF_ERROR_INVALID_HANDLE",
-                                       nullptr,
-                                       "HXF_ERROR_INVALID_CLIENT",
-                                       "HXF_ERROR_INVALID_TRANSACTION",
-                                       "HXF_ERROR_INVALID_SERVICE_NAME"};
-  const bool named =
-      code >= 0 && code < static_cast<int>(std::size(kNames)) && kNames[code] != nullptr;
-  return "error " + std::to_string(code) + (named ? std::string(": ") + kNames[code] : "");
+  const char* name = NameOf(code);
+  return "error " + std::to_string(code) + (name != nullptr ? std::string(": ") + name : "");
+}
+
+nlohmann::json COutput::CodeName(int code) {
+  const char* name = NameOf(code);
+  return name != nullptr ? nlohmann::json(name) : nlohmann::json();
+}
+
+std::string COutput::Text(const nlohmann::json& value) {
+  return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+void COutput::Write(FILE* stream, const std::string& text) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (countdown_shown_) {
+    std::fputs(kEraseLine, stderr);
+    std::fflush(stderr);
+    countdown_shown_ = false;
+  }
+  std::fputs(text.c_str(), stream);
+  std::fflush(stream);
 }
 
 void COutput::Say(const std::string& line) const {
-  if (!json_) std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
+  if (!json_) Write(stdout, line + "\n");
 }
 
-void COutput::Error(const std::string& line) const {
-  std::fprintf(stderr, "hxf: %s\n", line.c_str());
+void COutput::Note(const std::string& line) const {
+  if (!json_) Write(stderr, line + "\n");
 }
 
-void COutput::Emit(const nlohmann::json& object) const {
+void COutput::Fail(const std::string& message, int code, nlohmann::json details) const {
+  if (!json_) {
+    Write(stderr, "hxf: " + message + (code != kNoCode ? " (" + Code(code) + ")" : "") + "\n");
+    return;
+  }
+  details["error"] = code != kNoCode ? nlohmann::json(code) : nlohmann::json();
+  details["error_name"] = CodeName(code);
+  details["message"] = message;
+  Emit("error", std::move(details));
+}
+
+void COutput::Emit(const std::string& event, nlohmann::json object) const {
   if (!json_) return;
-  std::printf("%s\n", object.dump().c_str());
-  std::fflush(stdout);
+  // nlohmann::json keeps keys sorted; "event" is put first by hand so lines read well.
+  std::string line = "{\"event\":" + nlohmann::json(event).dump();
+  const std::string rest = object.dump();
+  if (rest.size() > 2)
+    line += "," + rest.substr(1);
+  else
+    line += "}";
+  Write(stdout, line + "\n");
+}
+
+void COutput::End(const std::string& command, const std::string& reason, int exit_code) const {
+  Emit("end", {{"command", command.empty() ? nlohmann::json() : nlohmann::json(command)},
+               {"reason", reason},
+               {"exit_code", exit_code}});
+}
+
+void COutput::Log(const std::string& line) const {
+  Write(stderr, line + "\n");
 }
 
 nlohmann::json COutput::ToJson(const Device& d) {
@@ -57,17 +115,7 @@ nlohmann::json COutput::ToJson(const Device& d) {
 
 nlohmann::json COutput::ToJson(const std::vector<PropertyValue>& properties) {
   nlohmann::json object = nlohmann::json::object();
-  for (const PropertyValue& p : properties) {
-    if (p.type == "bool") {
-      object[p.name] = p.text == "true";
-    } else if (p.type == "int") {
-      object[p.name] = std::stoll(p.text);
-    } else if (p.type == "double") {
-      object[p.name] = std::stod(p.text);
-    } else {
-      object[p.name] = p.text;
-    }
-  }
+  for (const PropertyValue& p : properties) object[p.name] = p.value;
   return object;
 }
 
@@ -81,38 +129,39 @@ void COutput::DeviceTable(const std::vector<Device>& devices) const {
   for (const auto& row : rows) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
   }
+  std::string table;
   for (const auto& row : rows) {
-    std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) line += std::string(widths[i] - row[i].size() + 2, ' ');
+      table += row[i];
+      if (i + 1 < row.size()) table += std::string(widths[i] - row[i].size() + 2, ' ');
     }
-    std::printf("%s\n", line.c_str());
+    table += "\n";
   }
-  std::fflush(stdout);
+  Write(stdout, table);
 }
 
 void COutput::Properties(const std::vector<PropertyValue>& properties) const {
-  if (json_) return;
+  if (json_ || properties.empty()) return;
   size_t width = 0;
   for (const PropertyValue& p : properties) width = std::max(width, p.name.size());
-  for (const PropertyValue& p : properties) {
-    std::printf("  %s%s  %s\n", p.name.c_str(), std::string(width - p.name.size(), ' ').c_str(),
-                p.text.c_str());
-  }
-  std::fflush(stdout);
+  std::string lines;
+  for (const PropertyValue& p : properties)
+    lines += "  " + p.name + std::string(width - p.name.size(), ' ') + "  " + Text(p.value) + "\n";
+  Write(stdout, lines);
 }
 
 void COutput::Countdown(const std::string& what, double seconds_left) const {
-  if (json_ || !isatty(STDOUT_FILENO)) return;
-  std::fprintf(stderr, "\r%s... %4.1f s left ", what.c_str(), std::max(0.0, seconds_left));
+  if (!countdown_) return;
+  char left[32];
+  std::snprintf(left, sizeof left, "%.1f", std::max(0.0, seconds_left));
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::fprintf(stderr, "%s%s... %s s left", kEraseLine, what.c_str(), left);
   std::fflush(stderr);
+  countdown_shown_ = true;
 }
 
 void COutput::EndCountdown() const {
-  if (json_ || !isatty(STDOUT_FILENO)) return;
-  std::fprintf(stderr, "\r%60s\r", "");
-  std::fflush(stderr);
+  if (countdown_) Write(stderr, "");
 }
 
 }  // namespace hxf_tool

@@ -42,40 +42,34 @@ std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
   std::vector<PropertyValue> properties;
   for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
        p = hxf_property_list_get_next(list, p)) {
-    PropertyValue value{hxf_property_get_name(p), "", ""};
+    PropertyValue property{hxf_property_get_name(p), nullptr};
     switch (hxf_property_get_type(p)) {
       case HXF_PROPERTY_TYPE_BOOL: {
         bool v = false;
         hxf_property_get_bool(p, &v);
-        value.type = "bool";
-        value.text = v ? "true" : "false";
+        property.value = v;
         break;
       }
       case HXF_PROPERTY_TYPE_INT: {
         int64_t v = 0;
         hxf_property_get_int(p, &v);
-        value.type = "int";
-        value.text = std::to_string(v);
+        property.value = v;
         break;
       }
       case HXF_PROPERTY_TYPE_DOUBLE: {
         double v = 0;
         hxf_property_get_double(p, &v);
-        char text[64];
-        std::snprintf(text, sizeof text, "%g", v);
-        value.type = "double";
-        value.text = text;
+        property.value = v;  // written back shortest-exact: it reads back as the same double
         break;
       }
       default: {
         const char* v = "";
         uint32_t length = 0;
         hxf_property_get_string(p, &v, &length);
-        value.type = "string";
-        value.text.assign(v, length);
+        property.value = std::string(v, length);
       }
     }
-    properties.push_back(value);
+    properties.push_back(std::move(property));
   }
   return properties;
 }
@@ -130,11 +124,13 @@ void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* 
   const bool core_line =
       std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
   if (priority < Self(self)->log_threshold_ && (core_line || priority < DLOG_ERROR)) return;
-  const size_t length = std::strlen(text);
-  std::fprintf(stderr, "%s: %s%s", tag, text, length > 0 && text[length - 1] == '\n' ? "" : "\n");
+  std::string line = std::string(tag) + ": " + text;
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  Self(self)->out_.Log(line);
 }
 
-CToolRuntime::CToolRuntime(const std::string& log_level) : log_threshold_(Threshold(log_level)) {
+CToolRuntime::CToolRuntime(const std::string& log_level, const COutput& out)
+    : log_threshold_(Threshold(log_level)), out_(out) {
   hxf_host_log_set_sink(&CToolRuntime::OnLog, this);
   sigset_t set = StopSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on
@@ -159,9 +155,9 @@ void CToolRuntime::WatchSignals() {
   }
 }
 
-bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& out) {
+bool CToolRuntime::Open(const std::vector<std::string>& plugins) {
   if (hxf_core_initialize() != HXF_ERROR_NONE) {
-    out.Error("the core failed to initialise");
+    out_.Fail("the core failed to initialise");
     return false;
   }
   opened_ = true;
@@ -170,8 +166,9 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
         hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
                              &CToolRuntime::OnLoaded, this);
     if (code != HXF_ERROR_NONE) {
-      out.Error("plugin " + plugin + ": load refused (" + COutput::Code(code) + ")" +
-                (code == HXF_ERROR_OPERATION_FAILED ? ": it is already loaded" : ""));
+      out_.Fail("plugin " + plugin + ": load refused" +
+                    (code == HXF_ERROR_OPERATION_FAILED ? ": it is already loaded" : ""),
+                code, {{"plugin", plugin}});
       return false;
     }
     Event event{Event::kInterrupt};
@@ -182,19 +179,21 @@ bool CToolRuntime::Open(const std::vector<std::string>& plugins, const COutput& 
       if (event.kind == Event::kLoaded && event.name == plugin) {
         loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
         if (!loaded)
-          out.Error("plugin " + plugin + ": failed to load: " + LoadFailureReason(plugin));
+          out_.Fail("plugin " + plugin + ": failed to load: " + LoadFailureReason(plugin),
+                    COutput::kNoCode, {{"plugin", plugin}});
         break;
       }
     }
     if (!loaded) {
       if (event.kind != Event::kLoaded)
-        out.Error("plugin " + plugin + ": no load result within 10 s");
+        out_.Fail("plugin " + plugin + ": no load result within 10 s", HXF_ERROR_TIMED_OUT,
+                  {{"plugin", plugin}});
       return false;
     }
   }
   client_ = hxf_core_client_create(hxf_string_from_cstr("hxf"));
   if (client_ == nullptr) {
-    out.Error("cannot create a client");
+    out_.Fail("cannot create a client");
     return false;
   }
   return true;

@@ -19,14 +19,15 @@ class CToolRuntime {
   // Ctrl-C becomes an event. Call before any other thread exists. `log_level` (debug, info,
   // error or empty) chooses which of the core's log lines reach stderr; a plugin's own
   // error lines always do, so that a failed load says why.
-  explicit CToolRuntime(const std::string& log_level);
+  // Failures and log lines go to `out`, which must outlive the runtime.
+  CToolRuntime(const std::string& log_level, const COutput& out);
   ~CToolRuntime();
   CToolRuntime(const CToolRuntime&) = delete;
   CToolRuntime& operator=(const CToolRuntime&) = delete;
 
   // Initialises the core, loads each plugin and waits for its load result; then makes the
   // client. False (after an error message) on any failure.
-  bool Open(const std::vector<std::string>& plugins, const COutput& out);
+  bool Open(const std::vector<std::string>& plugins);
   // Destroys the client, unloads the plugins and finalises the core.
   void Close();
 
@@ -50,6 +51,7 @@ class CToolRuntime {
   static void OnLog(int priority, const char* tag, const char* text, void* self);
 
   int log_threshold_;
+  const COutput& out_;
   CEventQueue events_;
   std::atomic<bool> interrupted_{false};
   std::atomic<bool> closing_{false};

@@ -21,6 +21,7 @@ struct Options {
   std::vector<std::string> assignments;
   uint32_t timeout_ms = 3000;
   uint32_t for_ms = 0;
+  bool all = false;
 };
 
 const char kFooter[] =
@@ -43,10 +44,16 @@ bool KnownLogLevel(const std::string& level) {
   return std::find(kLogLevels.begin(), kLogLevels.end(), level) != kLogLevels.end();
 }
 
-// Usage errors the parser cannot name itself: a missing or unknown command, a stray argument.
-int UsageError(const CLI::App& app, const std::string& problem) {
+// A usage error: the problem and the usage on stderr; in JSON mode also an "error" and an
+// "end" event, so that a script reading stdout sees why nothing else came.
+int UsageError(const CLI::App& app, bool json, const std::string& problem, bool show_usage = true) {
   if (!problem.empty()) std::fprintf(stderr, "hxf: %s\n", problem.c_str());
-  std::fputs(app.help().c_str(), stderr);
+  if (show_usage) std::fputs(app.help().c_str(), stderr);
+  if (json) {
+    const hxf_tool::COutput out(true);
+    out.Fail(problem.empty() ? "a command is required" : problem);
+    out.End("", "usage", hxf_tool::kUsage);
+  }
   return hxf_tool::kUsage;
 }
 
@@ -90,10 +97,7 @@ int main(int argc, char** argv) {
       ->add_option("OPERATION", options.operation, "operation, the request's list name: get or set")
       ->required();
   request->add_option("NAME=VALUE", options.assignments, "properties; device=ID picks the device")
-      ->check([](const std::string& text) {
-        return CCommands::ValidAssignment(text) ? std::string()
-                                                : "expected NAME=VALUE, got " + text;
-      });
+      ->check(&CCommands::AssignmentProblem);
   request->add_option("--timeout", options.timeout_ms,
                       "milliseconds to wait for the result (default 3000)");
   request->footer("Example: hxf request lights set device=lamp-1 brightness=40 power=true");
@@ -103,7 +107,8 @@ int main(int argc, char** argv) {
   watch->add_option("--for", options.for_ms, "milliseconds to watch (default: until Ctrl-C)");
   watch->footer("Example: hxf watch lights --for 8000");
 
-  auto* plugins = app.add_subcommand("plugins", "list the plugin libraries in the plugin folder");
+  auto* plugins = app.add_subcommand("plugins", "list the plugins a user can load, described");
+  plugins->add_flag("--all", options.all, "also the test fixtures of the build tree");
   plugins->footer("Example: hxf plugins");
   auto* demo = app.add_subcommand("demo", "a guided tour of the simulator");
   demo->footer("Example: hxf demo");
@@ -111,40 +116,55 @@ int main(int argc, char** argv) {
   // unknown command (or a stray argument), reported by name below.
   app.allow_extras();
 
+  // Known before parsing, so that even a command line the parser refuses is answered in JSON.
+  const bool json_asked = std::find_if(argv + 1, argv + argc, [](const char* arg) {
+                            return std::string(arg) == "--json";
+                          }) != argv + argc;
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {  // --help, --version
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);
-    return hxf_tool::kUsage;
+    return UsageError(app, json_asked, e.what(), false);
   }
   const std::vector<std::string> extras = app.remaining();
   if (app.get_subcommands().empty()) {
-    if (extras.empty()) return UsageError(app, "");
+    if (extras.empty()) return UsageError(app, json_asked, "");
     return UsageError(
-        app, (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unknown command '") +
-                 extras.front() + "'");
+        app, json_asked,
+        (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unknown command '") +
+            extras.front() + "'");
   }
-  if (!extras.empty()) return UsageError(app, "unexpected argument '" + extras.front() + "'");
+  if (!extras.empty())
+    return UsageError(app, json_asked, "unexpected argument '" + extras.front() + "'");
   if (options.log_level.empty()) {
     const char* level = std::getenv("HXF_LOG_LEVEL");
     if (level != nullptr && *level != '\0') {
       if (!KnownLogLevel(level))
         return UsageError(
-            app, std::string("HXF_LOG_LEVEL must be debug, info or error, not '") + level + "'");
+            app, json_asked,
+            std::string("HXF_LOG_LEVEL must be debug, info or error, not '") + level + "'");
       options.log_level = level;
     }
   }
 
   if (options.plugins.empty()) options.plugins.push_back("sim");
+  const std::string command = app.get_subcommands().front()->get_name();
   const hxf_tool::COutput out(options.json);
-  if (plugins->parsed()) return CCommands::Plugins(out);
+  if (plugins->parsed()) {
+    const int code = CCommands::Plugins(out, options.all);
+    out.End(command, code == hxf_tool::kOk ? "done" : "failed", code);
+    return code;
+  }
 
-  hxf_tool::CToolRuntime runtime(options.log_level);
-  if (!runtime.Open(options.plugins, out)) {
+  hxf_tool::CToolRuntime runtime(options.log_level, out);
+  if (!runtime.Open(options.plugins)) {
     runtime.Close();
-    return runtime.Interrupted() ? hxf_tool::kInterrupted : hxf_tool::kFailed;
+    const bool interrupted = runtime.Interrupted();
+    out.End(command, interrupted ? "interrupted" : "failed",
+            interrupted ? hxf_tool::kInterrupted : hxf_tool::kFailed);
+    return interrupted ? hxf_tool::kInterrupted : hxf_tool::kFailed;
   }
   CCommands commands(runtime, out);
   int code = hxf_tool::kFailed;
@@ -158,5 +178,7 @@ int main(int argc, char** argv) {
   if (demo->parsed()) code = commands.Demo();
   runtime.Close();
   // Stopped by Ctrl-C (or SIGTERM): the shell's convention, whatever the command made of it.
-  return runtime.Interrupted() ? hxf_tool::kInterrupted : code;
+  if (runtime.Interrupted()) code = hxf_tool::kInterrupted;
+  out.End(command, commands.EndReason(code), code);
+  return code;
 }

@@ -125,6 +125,7 @@ bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
     if (!runtime_.Events().Next(&event, std::min(end, now + kSlice))) continue;
     if (event.kind == Event::kInterrupt) {
       completed = false;
+      out_.Interrupted();
       break;
     }
     if (!on_event(event)) break;

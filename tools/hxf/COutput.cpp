@@ -34,7 +34,8 @@ const char* NameOf(int code) {
 
 }  // namespace
 
-COutput::COutput(bool json) : json_(json), countdown_(!json && isatty(STDERR_FILENO) == 1) {}
+COutput::COutput(bool json)
+    : json_(json), stderr_tty_(isatty(STDERR_FILENO) == 1), countdown_(!json && stderr_tty_) {}
 
 std::string COutput::Code(int code) {
   const char* name = NameOf(code);
@@ -162,6 +163,17 @@ void COutput::Countdown(const std::string& what, double seconds_left) const {
 
 void COutput::EndCountdown() const {
   if (countdown_) Write(stderr, "");
+}
+
+void COutput::Interrupted() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (countdown_shown_) {
+    std::fputs(kEraseLine, stderr);  // the "^C" went onto the countdown's line: both go
+    countdown_shown_ = false;
+  } else if (stderr_tty_) {
+    std::fputs("\n", stderr);
+  }
+  std::fflush(stderr);
 }
 
 }  // namespace hxf_tool

@@ -42,6 +42,9 @@ class COutput {
   // Shows "WHAT... N.N s left" (only on a terminal, human mode); EndCountdown erases it.
   void Countdown(const std::string& what, double seconds_left) const;
   void EndCountdown() const;
+  // Ctrl-C was pressed: on a terminal, what follows starts on a line of its own (the
+  // terminal echoed "^C" on the current one; a countdown's line is erased with it).
+  void Interrupted() const;
 
   // "error 4: HXF_ERROR_INVALID_PARAMETER": a code as people read it, number and name.
   static std::string Code(int code);
@@ -58,6 +61,7 @@ class COutput {
   void Write(FILE* stream, const std::string& text) const;
 
   const bool json_;
+  const bool stderr_tty_;
   const bool countdown_;  // human mode and stderr is a terminal
   // The main thread prints and the core's threads log: one lock keeps lines whole and the
   // countdown erased before either writes.

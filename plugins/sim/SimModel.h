@@ -11,11 +11,20 @@ namespace hxf_sim {
 
 using Value = std::variant<bool, int64_t, double, std::string>;
 
+// A numeric property that changes on its own, as a measured value does: every `every_ms` it
+// moves by `step` up or down (at random, within its range) and subscribers are notified.
+struct Drift {
+  double step = 0;
+  uint32_t every_ms = 0;
+};
+
 struct Property {
   std::string name;
   Value value;
   std::optional<double> min;  // numeric properties only
   std::optional<double> max;
+  bool read_only = false;      // "set" refuses it
+  std::optional<Drift> drift;  // numeric properties only
 };
 
 enum class Response { kNormal, kSlow, kNever };
@@ -47,9 +56,16 @@ struct Model {
 // The embedded default home: three services, eight devices.
 Model DefaultModel();
 
-// Reads a model from a JSON file. On failure returns nothing and sets `error` to a text
-// naming the file, the line and the problem.
+// Reads a model from a JSON file. On failure returns nothing and sets `error` to
+// "PATH:LINE: problem", LINE being the line of the offending key or value. Refused: JSON
+// errors, duplicate keys, unknown keys (the nearest known key is suggested), wrong types,
+// values out of range, two devices with the same id in one service, two properties of one
+// device with the same name.
 std::optional<Model> LoadModel(const std::string& path, std::string* error);
+
+// Moves a drifting property one step, up when `up` (down at the top of its range, and the
+// other way round); the value stays a multiple of the step's decimals.
+void DriftStep(Property* property, bool up);
 
 // Checks `value` against the property's type and range; returns an empty text when it may
 // be applied, else what is wrong. An integer is accepted for a double property.

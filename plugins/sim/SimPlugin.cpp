@@ -128,6 +128,7 @@ void Plugin::Setup() {
     hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
     hxf_core_service_handler_subscribe_service(handler, View(name));
   }
+  StartDrifts();
   dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(),
              services_.size());
   hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
@@ -261,81 +262,127 @@ void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
 }
 
 void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
-                     const List& request_copy) {
-  hxf_property_list_h request = request_copy.get();
-  const std::string operation = hxf_property_list_get_name(request);
+                     const List& request) {
   std::string device_id;
   Value id_value;
-  if (hxf_property_h id = hxf_property_list_find(request, hxf_string_from_cstr("device_id"))) {
+  if (hxf_property_h id =
+          hxf_property_list_find(request.get(), hxf_string_from_cstr("device_id"))) {
     if (ReadProperty(id, &id_value) && std::holds_alternative<std::string>(id_value))
       device_id = std::get<std::string>(id_value);
   }
   Device* device = device_id.empty() ? model_.First(service) : model_.Find(service, device_id);
   if (device == nullptr) {
-    Answer(service, transaction, ErrorList(operation, "unknown device " + device_id),
+    Answer(service, transaction,
+           ErrorList(hxf_property_list_get_name(request.get()), "unknown device " + device_id),
            HXF_ERROR_INVALID_PARAMETER);
     return;
   }
   if (device->response == Response::kNever)
     return;  // an unresponsive device: the request times out
-  const std::string id = device->id;
-  auto respond = [this, service, transaction, request_copy, request, operation, id] {
-    Device* target = model_.Find(service, id);
-    if (target == nullptr) {
-      Answer(service, transaction, ErrorList(operation, "device " + id + " is gone"),
-             HXF_ERROR_OPERATION_FAILED);
-    } else if (operation == "get") {
-      Answer(service, transaction, DeviceState("get", *target), HXF_ERROR_NONE);
-    } else if (operation == "set") {
-      // Validate everything first: a bad value changes nothing.
-      std::vector<std::pair<Property*, Value>> changes;
-      std::string problem;
-      for (hxf_property_h p = hxf_property_list_get_first(request); p != nullptr && problem.empty();
-           p = hxf_property_list_get_next(request, p)) {
-        const std::string name = hxf_property_get_name(p);
-        if (name == "device_id") continue;
-        Property* property = nullptr;
-        for (Property& candidate : target->properties) {
-          if (candidate.name == name) property = &candidate;
-        }
-        Value value;
-        if (property == nullptr) {
-          problem = "unknown property " + name;
-        } else if (!ReadProperty(p, &value)) {
-          problem = "unreadable value for " + name;
-        } else {
-          problem = Validate(*property, value);
-          if (problem.empty()) {
-            if (std::holds_alternative<double>(property->value) &&
-                std::holds_alternative<int64_t>(value)) {
-              value = static_cast<double>(std::get<int64_t>(value));
-            }
-            changes.emplace_back(property, value);
-          }
-        }
-      }
-      if (!problem.empty()) {
-        Answer(service, transaction, ErrorList(operation, problem), HXF_ERROR_INVALID_PARAMETER);
-      } else {
-        for (auto& [property, value] : changes) property->value = value;
-        Answer(service, transaction, DeviceState("set", *target), HXF_ERROR_NONE);
-        // Everyone subscribed hears the new state; no transaction: the request is answered.
-        hxf_property_list_h state = DeviceState("state", *target);
-        hxf_core_service_handler_notify(services_[service].handler, View(service), state, nullptr,
-                                        HXF_ERROR_NONE);
-        hxf_property_list_destroy(state);
-      }
-    } else {
-      Answer(service, transaction,
-             ErrorList(operation, "unknown operation " + operation + " (get or set)"),
-             HXF_ERROR_INVALID_PARAMETER);
-    }
+  auto respond = [this, service, transaction, request, id = device->id] {
+    Respond(service, transaction, request.get(), id);
   };
   if (device->response == Response::kSlow) {
     worker_.Post(respond, device->response_ms);
   } else {
     respond();
   }
+}
+
+void Plugin::Respond(const std::string& service, hxf_transaction_h transaction,
+                     hxf_property_list_h request, const std::string& id) {
+  const std::string operation = hxf_property_list_get_name(request);
+  Device* device = model_.Find(service, id);
+  if (device == nullptr) {
+    Answer(service, transaction, ErrorList(operation, "device " + id + " is gone"),
+           HXF_ERROR_OPERATION_FAILED);
+  } else if (operation == "get") {
+    Answer(service, transaction, DeviceState("get", *device), HXF_ERROR_NONE);
+  } else if (operation == "set") {
+    Set(service, transaction, request, device);
+  } else {
+    Answer(service, transaction,
+           ErrorList(operation, "unknown operation " + operation + " (get or set)"),
+           HXF_ERROR_INVALID_PARAMETER);
+  }
+}
+
+namespace {
+
+using Changes = std::vector<std::pair<Property*, Value>>;
+
+// The changes a "set" asks of `device`, each validated; empty text when all may be applied,
+// else the first problem (then nothing is to change).
+std::string CollectChanges(Device* device, hxf_property_list_h request, Changes* changes) {
+  for (hxf_property_h p = hxf_property_list_get_first(request); p != nullptr;
+       p = hxf_property_list_get_next(request, p)) {
+    const std::string name = hxf_property_get_name(p);
+    if (name == "device_id") continue;
+    Property* property = nullptr;
+    for (Property& candidate : device->properties) {
+      if (candidate.name == name) property = &candidate;
+    }
+    Value value;
+    if (property == nullptr) return "unknown property " + name;
+    if (property->read_only) return name + " is read-only";
+    if (!ReadProperty(p, &value)) return "unreadable value for " + name;
+    const std::string problem = Validate(*property, value);
+    if (!problem.empty()) return problem;
+    if (std::holds_alternative<double>(property->value) && std::holds_alternative<int64_t>(value))
+      value = static_cast<double>(std::get<int64_t>(value));
+    changes->emplace_back(property, std::move(value));
+  }
+  return "";
+}
+
+}  // namespace
+
+void Plugin::Set(const std::string& service, hxf_transaction_h transaction,
+                 hxf_property_list_h request, Device* device) {
+  Changes changes;
+  const std::string problem = CollectChanges(device, request, &changes);
+  if (!problem.empty()) {
+    Answer(service, transaction, ErrorList("set", problem), HXF_ERROR_INVALID_PARAMETER);
+    return;
+  }
+  for (auto& [property, value] : changes) property->value = std::move(value);
+  Answer(service, transaction, DeviceState("set", *device), HXF_ERROR_NONE);
+  NotifyState(service, *device);
+}
+
+void Plugin::NotifyState(const std::string& service, const Device& device) {
+  // Everyone subscribed hears the new state; no transaction: no request is answered by it.
+  hxf_property_list_h state = DeviceState("state", device);
+  hxf_core_service_handler_notify(services_[service].handler, View(service), state, nullptr,
+                                  HXF_ERROR_NONE);
+  hxf_property_list_destroy(state);
+}
+
+// ---- devices living on their own ----
+
+void Plugin::StartDrifts() {
+  for (const Device& device : model_.devices) {
+    for (const Property& property : device.properties) {
+      if (property.drift)
+        ScheduleDrift(device.service, device.id, property.name, property.drift->every_ms);
+    }
+  }
+}
+
+void Plugin::ScheduleDrift(const std::string& service, const std::string& id,
+                           const std::string& name, uint32_t every_ms) {
+  worker_.Post(
+      [this, service, id, name, every_ms] {
+        Device* device = model_.Find(service, id);
+        if (device == nullptr) return;
+        for (Property& property : device->properties) {
+          if (property.name != name) continue;
+          DriftStep(&property, random_() % 2 == 0);
+          NotifyState(service, *device);
+        }
+        ScheduleDrift(service, id, name, every_ms);
+      },
+      every_ms);
 }
 
 // ---- callbacks (core threads): copy, post, return ----

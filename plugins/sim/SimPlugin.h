@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,16 @@ class Plugin {
   void Listen(const std::string& service);
   using List = std::shared_ptr<void>;  // an owned property list
   void Request(const std::string& service, hxf_transaction_h transaction, const List& request);
+  // Answers a request to device `id` (when it is due: a slow device answers late).
+  void Respond(const std::string& service, hxf_transaction_h transaction,
+               hxf_property_list_h request, const std::string& id);
+  // Validates every change first: a bad value changes nothing.
+  void Set(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h request,
+           Device* device);
+  void NotifyState(const std::string& service, const Device& device);
+  void StartDrifts();
+  void ScheduleDrift(const std::string& service, const std::string& id, const std::string& name,
+                     uint32_t every_ms);
   void AddDevice(Device device);
   void Report(const std::string& service, const Device& device, const char* presence);
   void Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
@@ -56,7 +67,8 @@ class Plugin {
   static void OnDestroyed(hxf_service_handler_h, void* self);
 
   Worker worker_;
-  Model model_;  // worker only
+  Model model_;              // worker only
+  std::minstd_rand random_;  // worker only: which way a drifting value moves
   std::map<std::string, Service>
       services_;  // worker only (handlers are read by Stop after the join)
 

@@ -119,7 +119,78 @@ case "$case_name" in
 JSON
     code=$(HXF_SIM_CONFIG="$work/range.json" run search garden --timeout 300)
     expect_code "$code" 1
-    expect_err "range.json:4: devices\[1\] (\"bad-1\").properties\[0\]: level 11 is out of range 0..10"
+    expect_err "range.json:5: devices\[1\] (\"bad-1\").properties\[0\]: level 11 is out of range 0..10"
+    ;;
+  config-errors)
+    # Each mistake is refused at its own line, with what is wrong.
+    config_error() {  # FILE-CONTENT EXPECTED-ERROR
+      printf '%s\n' "$1" >"$work/c.json"
+      code=$(HXF_SIM_CONFIG="$work/c.json" run search x --timeout 300)
+      expect_code "$code" 1
+      expect_err "^HXF_SIM: sim: bad configuration $work/c.json:$2\$"
+    }
+    config_error '{"devices": [
+  {"id": "a", "service": "x"},
+  {"id": "b", "service": "x"},
+  {"id": "a", "service": "x"}]}' \
+      '4: devices\[2\]: duplicate device id "a" in service x (first on line 2)'
+    config_error '{"devices": [
+  {"id": "a", "service": "x", "properties": [
+    {"name": "power", "type": "bool", "value": true},
+    {"name": "power", "type": "bool", "value": false}]}]}' \
+      '4: devices\[0\] ("a").properties\[1\]: duplicate property "power" (first on line 3)'
+    config_error '{"devices": [
+  {"id": "a", "service": "x",
+   "respnse": "slow"}]}' \
+      '3: devices\[0\] ("a"): unknown key "respnse" (did you mean "response"?)'
+    config_error '{"devices": [
+  {"id": "a", "service": "x",
+   "arive_after_ms": 100}]}' \
+      '3: devices\[0\] ("a"): unknown key "arive_after_ms" (did you mean "arrive_after_ms"?)'
+    config_error '{"devices": [
+  {"id": "a", "service": "x", "colour": "red"}]}' \
+      '2: devices\[0\] ("a"): unknown key "colour"'
+    config_error '{"devices": [
+  {"id": "a", "service": "x", "properties": [
+    {"name": "level",
+     "type": "int",
+     "value": "high"}]}]}' \
+      '5: devices\[0\] ("a").properties\[0\]: value "high" is not of type "int"'
+    config_error '{"devices": [
+  {"id": "a", "service": "x",
+   "service": "y"}]}' \
+      '3: duplicate key "service" (first on line 2)'
+    config_error '{"devices": [
+  {"id": "a", "service": "x", "properties": [
+    {"name": "t", "type": "double", "value": 20,
+     "drift": {"step": 0.1, "every_ms": 10}}]}]}' \
+      '4: devices\[0\] ("a").properties\[0\].drift: "every_ms" must be at least 100'
+    config_error '{"devices": [
+  {"id": "a", "service": "x", "properties": [
+    {"name": "on", "type": "bool", "value": true,
+     "drift": {"step": 1}}]}]}' \
+      '4: devices\[0\] ("a").properties\[0\].drift: only a number can drift'
+    config_error '{"devices": []}' '1: "devices" is empty'
+    ;;
+  living-device)
+    # A drifting property changes on its own and every subscriber hears it; it is read-only.
+    cat >"$work/live.json" <<'JSON'
+{ "devices": [ {"id": "meter-1", "service": "meter", "properties": [
+    {"name": "level", "type": "double", "value": 5.0, "min": 0, "max": 10, "read_only": true,
+     "drift": {"step": 0.5, "every_ms": 200}}]} ] }
+JSON
+    code=$(HXF_SIM_CONFIG="$work/live.json" run --json watch meter --for 1500)
+    expect_code "$code" 0
+    [ "$(grep -c '"event":"notification"' "$out")" -ge 3 ] || fail "expected a notification every 200 ms"
+    grep -q '"level":\(4.5\|5.5\)' "$out" || fail "the first step is not 0.5 from 5.0"
+    grep '"event":"notification"' "$out" | grep -vq '"level":[0-9]*\.[05][,}]' && fail "a level is not a multiple of 0.5"
+    code=$(HXF_SIM_CONFIG="$work/live.json" run request meter set device=meter-1 level=3.0)
+    expect_code "$code" 1
+    expect_err "^hxf: set on meter failed: level is read-only (error 4: HXF_ERROR_INVALID_PARAMETER)$"
+    # The default thermostat's temperature drifts every 3 s.
+    code=$(run --json watch climate --for 3800)
+    expect_code "$code" 0
+    expect_out '^{"event":"notification",.*"device_id":"thermostat-1",.*"temperature":\(20.4\|20.6\)[,}]'
     ;;
   custom-config)
     cat >"$work/home.json" <<'JSON'

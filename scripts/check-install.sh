@@ -12,7 +12,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
-scripts/install-deps.sh docs
+scripts/install-deps.sh install
 
 work=$(mktemp -d /tmp/hxf-install.XXXXXX)
 trap 'rm -rf "$work"' EXIT

@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
-scripts/install-deps.sh
+scripts/install-deps.sh sanitizers
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 work=$(mktemp -d)

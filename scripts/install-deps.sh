@@ -1,20 +1,27 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, if any is missing.
-# Usage: scripts/install-deps.sh [docs]   (docs: also what the docs target and the install
-# check need: Doxygen, graphviz, man)
+# Installs the Debian packages a job needs, if any is missing.
+# Usage: scripts/install-deps.sh [GROUP]...
+#   (no group)  the main job: compiler, CMake, Ninja, CLI11 and nlohmann-json
+#   tests       + GoogleTest, Google Benchmark, tmux and python3 (the tool's tests)
+#   sanitizers  + clang and its sanitizer runtimes (the asan, tsan and fuzz presets)
+#   docs        + Doxygen, graphviz and man (the docs target)
+#   install     + docs, pkg-config, make and file (scripts/check-install.sh)
 set -euo pipefail
 
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libbenchmark-dev nlohmann-json3-dev
-          libcli11-dev pkg-config make file)
+packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
 for group in "$@"; do
   case "$group" in
+    tests) packages+=(libgtest-dev libbenchmark-dev tmux python3) ;;
+    sanitizers) packages+=(clang libclang-rt-14-dev) ;;
     docs) packages+=(doxygen graphviz man-db) ;;
+    install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done
 missing=()
 for pkg in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" || missing+=("$pkg")
+  status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+  [ "$status" = "install ok installed" ] || missing+=("$pkg")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite. Usage: scripts/test.sh [dev|asan|tsan|install]...
-# (default: dev). Installs missing build dependencies first. HXF_LONG_TESTS=1 makes the
+# (default: dev). Installs what the chosen runs need first (scripts/install-deps.sh). HXF_LONG_TESTS=1 makes the
 # stress run last a minute instead of three seconds. "install" installs into a temporary
 # prefix and builds and runs the examples against it (scripts/check-install.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(dev)
+groups=(tests)
+for preset in "${presets[@]}"; do
+  case "$preset" in asan | tsan) groups+=(sanitizers) ;; install) groups+=(install) ;; esac
+done
+scripts/install-deps.sh "${groups[@]}"
 for preset in "${presets[@]}"; do
   echo "=== ${preset} ===" >&2
   if [ "$preset" = install ]; then

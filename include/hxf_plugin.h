@@ -30,8 +30,10 @@ extern "C" {
 /** The ELF section that holds a plugin's self-description (see HXF_PLUGIN_INFO()). */
 #define HXF_PLUGIN_INFO_SECTION ".hxf_plugin_info"
 
+/** @cond internal: a unique name for each HXF_PLUGIN_INFO() line */
 #define HXF_PLUGIN_INFO_JOIN2_(a, b) a##b
 #define HXF_PLUGIN_INFO_JOIN_(a, b) HXF_PLUGIN_INFO_JOIN2_(a, b)
+/** @endcond */
 
 /**
  * Describes the plugin to tools that read the library without loading it (`hxf plugins`):

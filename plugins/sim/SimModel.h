@@ -7,9 +7,11 @@
 #include <variant>
 #include <vector>
 
+#include "PluginKit.h"
+
 namespace hxf_sim {
 
-using Value = std::variant<bool, int64_t, double, std::string>;
+using hxf_plugin_kit::Value;
 
 // A numeric property that changes on its own, as a measured value does: every `every_ms` it
 // moves by `step` up or down (at random, within its range) and subscribers are notified.
@@ -29,14 +31,10 @@ struct Property {
 
 enum class Response { kNormal, kSlow, kNever };
 
-struct Device {
-  std::string id;
+// A device as consumers see it (id, name, interface, address, UI meta data as JSON text),
+// the service it offers and how it behaves.
+struct Device : hxf_plugin_kit::EndpointInfo {
   std::string service;
-  std::string name;
-  std::string interface_name;
-  std::string interface_type;
-  std::string address;
-  std::string ui_meta;  // JSON text
   std::vector<Property> properties;
   Response response = Response::kNormal;
   uint32_t response_ms = 0;      // delay of a slow device's answers

@@ -13,65 +13,14 @@ namespace {
 constexpr const char* kTag = "HXF_SIM";
 constexpr auto kDestroyWait = std::chrono::seconds(10);
 
-hxf_string View(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
-std::string Copy(hxf_string text) {
-  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
-}
+using hxf_plugin_kit::Copy;
+using hxf_plugin_kit::ErrorList;
+using hxf_plugin_kit::Push;
+using hxf_plugin_kit::ReadProperty;
+using hxf_plugin_kit::View;
+
 Plugin* Self(void* user_data) {
   return static_cast<Plugin*>(user_data);
-}
-
-hxf_property_h MakeProperty(const std::string& name, const Value& value) {
-  return std::visit(
-      [&](const auto& v) -> hxf_property_h {
-        using T = std::decay_t<decltype(v)>;
-        if constexpr (std::is_same_v<T, bool>) return hxf_property_create_bool(View(name), v);
-        if constexpr (std::is_same_v<T, int64_t>) return hxf_property_create_int(View(name), v);
-        if constexpr (std::is_same_v<T, double>) return hxf_property_create_double(View(name), v);
-        if constexpr (std::is_same_v<T, std::string>)
-          return hxf_property_create_string(View(name), View(v));
-      },
-      value);
-}
-
-void Push(hxf_property_list_h list, const std::string& name, const Value& value) {
-  hxf_property_h property = MakeProperty(name, value);
-  hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
-  hxf_property_destroy(property);
-}
-
-bool ReadProperty(hxf_property_h property, Value* value) {
-  switch (hxf_property_get_type(property)) {
-    case HXF_PROPERTY_TYPE_BOOL: {
-      bool v = false;
-      hxf_property_get_bool(property, &v);
-      *value = v;
-      return true;
-    }
-    case HXF_PROPERTY_TYPE_INT: {
-      int64_t v = 0;
-      hxf_property_get_int(property, &v);
-      *value = v;
-      return true;
-    }
-    case HXF_PROPERTY_TYPE_DOUBLE: {
-      double v = 0;
-      hxf_property_get_double(property, &v);
-      *value = v;
-      return true;
-    }
-    case HXF_PROPERTY_TYPE_STRING: {
-      const char* v = nullptr;
-      uint32_t length = 0;
-      hxf_property_get_string(property, &v, &length);
-      *value = std::string(v, length);
-      return true;
-    }
-    default:
-      return false;
-  }
 }
 
 // A list named `name` holding the device id and every property of the device.
@@ -79,12 +28,6 @@ hxf_property_list_h DeviceState(const char* name, const Device& device) {
   hxf_property_list_h list = hxf_property_list_create(hxf_string_from_cstr(name));
   Push(list, "device_id", device.id);
   for (const Property& property : device.properties) Push(list, property.name, property.value);
-  return list;
-}
-
-hxf_property_list_h ErrorList(const std::string& operation, const std::string& problem) {
-  hxf_property_list_h list = hxf_property_list_create(View(operation));
-  Push(list, "error", problem);
   return list;
 }
 
@@ -136,53 +79,16 @@ void Plugin::Setup() {
 
 void Plugin::Stop() {
   worker_.Stop();  // from here on no plugin task runs, and callbacks post into the void
-  int handlers = 0;
-  for (auto& [name, service] : services_) {
-    if (hxf_core_service_handler_destroy_async(service.handler, &Plugin::OnDestroyed, this) ==
-        HXF_ERROR_NONE) {
-      ++handlers;
-    }
-  }
-  // A handler's destroyed callback runs after its last callback: then no core thread is in
-  // this plugin's code any more.
-  std::unique_lock<std::mutex> lock(destroyed_mutex_);
-  if (!destroyed_cv_.wait_for(lock, kDestroyWait, [&] { return destroyed_ >= handlers; })) {
+  std::vector<hxf_service_handler_h> handlers;
+  for (auto& [name, service] : services_) handlers.push_back(service.handler);
+  if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
     dlog_print(DLOG_ERROR, kTag, "sim: handlers not destroyed in time\n");
-  }
-}
-
-void Plugin::OnDestroyed(hxf_service_handler_h, void* self) {
-  Plugin* plugin = Self(self);
-  std::lock_guard<std::mutex> lock(plugin->destroyed_mutex_);
-  ++plugin->destroyed_;
-  plugin->destroyed_cv_.notify_all();
 }
 
 // ---- discovery ----
 
-// An endpoint of `service` describing `device`, with `meta` as its UI meta data.
-static hxf_endpoint_h MakeEndpoint(const std::string& service, const Device& device,
-                                   const std::string& meta) {
-  hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
-  hxf_endpoint_set_device_id(endpoint, View(device.id));
-  hxf_endpoint_set_device_name(endpoint, View(device.name));
-  hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
-  hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
-  hxf_endpoint_set_address(endpoint, View(device.address));
-  hxf_endpoint_set_ui_meta(endpoint, View(meta));
-  return endpoint;
-}
-
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
-  // The core delivers every report as "found"; a departure travels in the UI meta data.
-  std::string meta = device.ui_meta;
-  if (presence != nullptr) {
-    meta = std::string("{\"presence\":\"") + presence +
-           "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
-  }
-  hxf_endpoint_h endpoint = MakeEndpoint(service, device, meta);
-  hxf_core_service_handler_report_device_found(services_[service].handler, endpoint);
-  hxf_endpoint_destroy(endpoint);
+  hxf_plugin_kit::ReportFound(services_[service].handler, service, device, presence);
 }
 
 void Plugin::Search(const std::string& service) {
@@ -205,7 +111,7 @@ void Plugin::DeviceList(const std::string& service) {
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   for (const Device& device : model_.devices) {
     if (device.service != service || device.arrive_after_ms != 0) continue;
-    hxf_endpoint_h endpoint = MakeEndpoint(service, device, device.ui_meta);
+    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(service, device);
     hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
     hxf_endpoint_destroy(endpoint);
   }
@@ -263,13 +169,7 @@ void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
 
 void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
                      const List& request) {
-  std::string device_id;
-  Value id_value;
-  if (hxf_property_h id =
-          hxf_property_list_find(request.get(), hxf_string_from_cstr("device_id"))) {
-    if (ReadProperty(id, &id_value) && std::holds_alternative<std::string>(id_value))
-      device_id = std::get<std::string>(id_value);
-  }
+  const std::string device_id = hxf_plugin_kit::FindText(request.get(), "device_id");
   Device* device = device_id.empty() ? model_.First(service) : model_.Find(service, device_id);
   if (device == nullptr) {
     Answer(service, transaction,

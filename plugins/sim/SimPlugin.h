@@ -64,17 +64,12 @@ class Plugin {
   static void OnRequest(hxf_service_handler_h, hxf_transaction_h transaction,
                         hxf_property_list_h properties, void* self);
   static void OnSessionCreated(hxf_service_handler_h, hxf_service_session_h, void*) {}
-  static void OnDestroyed(hxf_service_handler_h, void* self);
 
   Worker worker_;
   Model model_;              // worker only
   std::minstd_rand random_;  // worker only: which way a drifting value moves
   std::map<std::string, Service>
       services_;  // worker only (handlers are read by Stop after the join)
-
-  std::mutex destroyed_mutex_;
-  std::condition_variable destroyed_cv_;
-  int destroyed_ = 0;
 };
 
 }  // namespace hxf_sim

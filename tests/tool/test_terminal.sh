@@ -26,15 +26,26 @@ tmux_ -f /dev/null new-session -d -s t -x 100 -y 40 "bash --noprofile --rcfile $
 screen() { tmux_ capture-pane -p -t t | sed -e 's/[[:space:]]*$//' | sed -e '/./,$!d' | sed -e ':a' -e '/^\n*$/{$d;N;ba' -e '}'; }
 fail() { echo "FAIL [$case_name]: $*"; echo "--- screen"; screen; exit 1; }
 type_line() { tmux_ send-keys -t t -l "$1"; tmux_ send-keys -t t Enter; }
+# Clears the screen and waits (at most 10 s) until the shell has drawn its prompt on it
+# again: keys typed before the shell reads them would be echoed ahead of its prompt.
+fresh_prompt() {
+  type_line "clear; tmux wait-for -S ready"
+  timeout 10 tmux -L "$socket" wait-for ready || fail "the shell did not clear the screen"
+  for _ in $(seq 1 200); do
+    [ "$(screen)" = '$' ] && return 0
+    sleep 0.05
+  done
+  fail "no prompt on a cleared screen"
+}
 # Runs CMD in the terminal and waits (at most 30 s) until it has finished.
 run_to_end() {
-  tmux_ send-keys -t t "clear" Enter
+  fresh_prompt
   type_line "run $1"
   timeout 30 tmux -L "$socket" wait-for done || fail "'$1' did not finish within 30 s"
 }
 # Starts CMD in the terminal without waiting for it.
 start() {
-  tmux_ send-keys -t t "clear" Enter
+  fresh_prompt
   type_line "run $1"
 }
 # Waits (at most 10 s) until a line of the screen matches the extended regex.

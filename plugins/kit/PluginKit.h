@@ -1,0 +1,162 @@
+// What every provider plugin of this repository needs around the C API: typed values in and
+// out of property lists, endpoints, and the way a departure is reported. Header only: each
+// plugin keeps its own copy, so that it exports nothing but its two entry points.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "hxf_core.h"
+
+namespace hxf_plugin_kit {
+
+using Value = std::variant<bool, int64_t, double, std::string>;
+
+inline hxf_string View(const std::string& text) {
+  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+}
+inline std::string Copy(hxf_string text) {
+  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
+}
+
+inline hxf_property_h MakeProperty(const std::string& name, const Value& value) {
+  return std::visit(
+      [&](const auto& v) -> hxf_property_h {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, bool>) return hxf_property_create_bool(View(name), v);
+        if constexpr (std::is_same_v<T, int64_t>) return hxf_property_create_int(View(name), v);
+        if constexpr (std::is_same_v<T, double>) return hxf_property_create_double(View(name), v);
+        if constexpr (std::is_same_v<T, std::string>)
+          return hxf_property_create_string(View(name), View(v));
+      },
+      value);
+}
+
+inline void Push(hxf_property_list_h list, const std::string& name, const Value& value) {
+  hxf_property_h property = MakeProperty(name, value);
+  hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
+  hxf_property_destroy(property);
+}
+
+// The property's value; false for a type this kit does not know.
+inline bool ReadProperty(hxf_property_h property, Value* value) {
+  switch (hxf_property_get_type(property)) {
+    case HXF_PROPERTY_TYPE_BOOL: {
+      bool v = false;
+      hxf_property_get_bool(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_INT: {
+      int64_t v = 0;
+      hxf_property_get_int(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_DOUBLE: {
+      double v = 0;
+      hxf_property_get_double(property, &v);
+      *value = v;
+      return true;
+    }
+    case HXF_PROPERTY_TYPE_STRING: {
+      const char* v = nullptr;
+      uint32_t length = 0;
+      hxf_property_get_string(property, &v, &length);
+      *value = std::string(v, length);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+// The text of the string property `name` of `list`, or empty.
+inline std::string FindText(hxf_property_list_h list, const char* name) {
+  Value value;
+  hxf_property_h property = hxf_property_list_find(list, hxf_string_from_cstr(name));
+  if (property != nullptr && ReadProperty(property, &value) &&
+      std::holds_alternative<std::string>(value))
+    return std::get<std::string>(value);
+  return "";
+}
+
+// A list named `operation` holding only the text of what went wrong.
+inline hxf_property_list_h ErrorList(const std::string& operation, const std::string& problem) {
+  hxf_property_list_h list = hxf_property_list_create(View(operation));
+  Push(list, "error", problem);
+  return list;
+}
+
+// How a device appears to consumers.
+struct EndpointInfo {
+  std::string id, name, interface_name, interface_type, address, ui_meta;
+};
+
+// The core reports every discovery as "found": an arrival or a departure seen while
+// listening travels in the UI meta data, {"presence":"arrived"|"left","device":META}.
+inline std::string PresenceMeta(const std::string& meta, const char* presence) {
+  if (presence == nullptr) return meta;
+  return std::string("{\"presence\":\"") + presence +
+         "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
+}
+
+inline hxf_endpoint_h MakeEndpoint(const std::string& service, const EndpointInfo& device,
+                                   const char* presence = nullptr) {
+  hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
+  hxf_endpoint_set_device_id(endpoint, View(device.id));
+  hxf_endpoint_set_device_name(endpoint, View(device.name));
+  hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
+  hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
+  hxf_endpoint_set_address(endpoint, View(device.address));
+  hxf_endpoint_set_ui_meta(endpoint, View(PresenceMeta(device.ui_meta, presence)));
+  return endpoint;
+}
+
+// Reports one device to the handler's searchers or listeners.
+inline void ReportFound(hxf_service_handler_h handler, const std::string& service,
+                        const EndpointInfo& device, const char* presence = nullptr) {
+  hxf_endpoint_h endpoint = MakeEndpoint(service, device, presence);
+  hxf_core_service_handler_report_device_found(handler, endpoint);
+  hxf_endpoint_destroy(endpoint);
+}
+
+// Destroys `handlers` and waits (at most `wait`) until the core has run the destroyed
+// callback of each: that callback comes after a handler's last one, so from then on no core
+// thread is in the plugin's code. False when the wait ran out.
+inline bool DestroyHandlers(const std::vector<hxf_service_handler_h>& handlers,
+                            std::chrono::milliseconds wait) {
+  struct Countdown {
+    std::mutex mutex;  // guards left; the core's thread counts down, the caller waits
+    std::condition_variable done;
+    size_t left = 0;
+  };
+  // On the heap: a callback that comes after a wait that ran out must still find it (then
+  // it is left behind on purpose).
+  auto* countdown = new Countdown;
+  const auto destroyed = [](hxf_service_handler_h, void* user_data) {
+    auto* c = static_cast<Countdown*>(user_data);
+    std::lock_guard<std::mutex> lock(c->mutex);
+    --c->left;
+    c->done.notify_all();
+  };
+  for (hxf_service_handler_h handler : handlers) {
+    std::lock_guard<std::mutex> lock(countdown->mutex);
+    if (hxf_core_service_handler_destroy_async(handler, destroyed, countdown) == HXF_ERROR_NONE)
+      ++countdown->left;
+  }
+  bool all = false;
+  {
+    std::unique_lock<std::mutex> lock(countdown->mutex);
+    all = countdown->done.wait_for(lock, wait, [&] { return countdown->left == 0; });
+  }
+  if (all) delete countdown;
+  return all;
+}
+
+}  // namespace hxf_plugin_kit

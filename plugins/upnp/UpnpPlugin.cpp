@@ -1,0 +1,510 @@
+#include "UpnpPlugin.h"
+
+#include <dlfcn.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "hxf_host_platform.h"
+
+namespace hxf_upnp {
+
+namespace {
+
+using hxf_plugin_kit::Copy;
+using hxf_plugin_kit::View;
+
+constexpr const char* kTag = "HXF_UPNP";
+constexpr const char* kSwitchPower = "urn:schemas-upnp-org:service:SwitchPower:1";
+constexpr const char* kDimming = "urn:schemas-upnp-org:service:Dimming:1";
+constexpr uint32_t kRescanEveryMs = 1500;  // while an active search runs
+constexpr uint32_t kMx = 1;                // seconds a device may wait before answering
+constexpr uint32_t kListWaitMs = 2000;     // an empty cache is rescanned this long
+constexpr uint32_t kFindWaitMs = 3000;     // a request for an unknown device waits this long
+constexpr uint32_t kUnsubscribeMs = 300;   // the loop runs this long on unload for UNSUBSCRIBE
+constexpr auto kDestroyWait = std::chrono::seconds(10);
+
+Plugin* Self(void* user_data) {
+  return static_cast<Plugin*>(user_data);
+}
+
+std::string Text(const char* text) {
+  return text != nullptr ? text : "";
+}
+// For the getters that return a newly allocated string.
+std::string Take(char* text) {
+  std::string copy = Text(text);
+  g_free(text);
+  return copy;
+}
+
+std::string HostOf(const std::string& url) {
+  GUri* uri = g_uri_parse(url.c_str(), G_URI_FLAGS_NONE, nullptr);
+  if (uri == nullptr) return "";
+  std::string host = Text(g_uri_get_host(uri));
+  g_uri_unref(uri);
+  return host;
+}
+
+// GLib, GSSDP, GUPnP and libsoup register GObject types that outlive an unload: if dlclose
+// unmapped them, the next load would register the same type names again and fail. They are
+// kept mapped for the life of the process (RTLD_NODELETE on the copies already loaded).
+void PinLibraries() {
+  for (const char* library : {"libgupnp-1.6.so.0", "libgssdp-1.6.so.0", "libsoup-3.0.so.0",
+                              "libgio-2.0.so.0", "libgobject-2.0.so.0", "libglib-2.0.so.0"}) {
+    if (dlopen(library, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) == nullptr)
+      dlog_print(DLOG_ERROR, kTag, "upnp: cannot pin %s: %s\n", library, dlerror());
+  }
+}
+
+}  // namespace
+
+// ---- threads ----
+
+void Plugin::Start() {
+  PinLibraries();
+  thread_ = std::thread([this] { Run(); });
+}
+
+void Plugin::Stop() {
+  Post([this] { Teardown(); });  // the last task: it ends the loop
+  thread_.join();
+  std::vector<hxf_service_handler_h> handlers;
+  for (const auto& [name, handler] : handlers_) handlers.push_back(handler);
+  if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
+    dlog_print(DLOG_ERROR, kTag, "upnp: handlers not destroyed in time\n");
+}
+
+void Plugin::Post(Task task) {
+  std::lock_guard<std::mutex> lock(post_mutex_);
+  if (stopping_) return;
+  posted_.push_back(std::move(task));
+  // Before the thread has its context, Run picks the tasks up.
+  if (context_ != nullptr && posted_.size() == 1)
+    g_main_context_invoke(context_, &Plugin::RunPosted, this);
+}
+
+gboolean Plugin::RunPosted(gpointer self) {
+  Plugin* plugin = Self(self);
+  std::deque<Task> tasks;
+  {
+    std::lock_guard<std::mutex> lock(plugin->post_mutex_);
+    tasks.swap(plugin->posted_);
+  }
+  for (Task& task : tasks) {
+    task();
+    std::lock_guard<std::mutex> lock(plugin->post_mutex_);
+    if (plugin->stopping_) break;  // posted before the stop, but Teardown has run
+  }
+  return G_SOURCE_REMOVE;
+}
+
+void Plugin::Run() {
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);  // before any GUPnP object is made
+  loop_ = g_main_loop_new(context, FALSE);
+  {
+    std::lock_guard<std::mutex> lock(post_mutex_);
+    context_ = context;
+    if (!posted_.empty()) g_main_context_invoke(context_, &Plugin::RunPosted, this);
+  }
+  const bool ready = Setup();
+  hxf_core_plugin_send_load_result(
+      hxf_string_from_cstr(kName),
+      ready ? HXF_PLUGIN_LOAD_RESULT_SUCCESS : HXF_PLUGIN_LOAD_RESULT_FAILED);
+  if (ready) {
+    g_main_loop_run(loop_);  // until Teardown
+  } else {
+    Teardown();
+  }
+  {
+    std::lock_guard<std::mutex> lock(post_mutex_);
+    stopping_ = true;
+    context_ = nullptr;
+  }
+  g_main_loop_unref(loop_);
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
+}
+
+bool Plugin::Setup() {
+  for (const char* name : {kLights, kRootDevices}) {
+    hxf_service_handler_h handler =
+        hxf_core_service_handler_create(View(std::string("upnp-") + name), this);
+    if (handler == nullptr) {
+      dlog_print(DLOG_ERROR, kTag, "upnp: cannot create a handler for %s\n", name);
+      return false;
+    }
+    handlers_[name] = handler;
+    hxf_core_service_handler_set_search_callback(handler, &Plugin::OnSearch, this);
+    hxf_core_service_handler_set_search_stop_callback(handler, &Plugin::OnSearchStop, this);
+    hxf_core_service_handler_set_get_device_list_callback(handler, &Plugin::OnDeviceList, this);
+    hxf_core_service_handler_set_listen_callback(handler, &Plugin::OnListen, this);
+    hxf_core_service_handler_set_listen_stop_callback(handler, &Plugin::OnListenStop, this);
+    hxf_core_service_handler_set_add_device_callback(handler, &Plugin::OnAddDevice, this);
+    hxf_core_service_handler_set_service_session_created_callback(handler,
+                                                                  &Plugin::OnSessionCreated, this);
+    hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
+    hxf_core_service_handler_subscribe_service(handler, hxf_string_from_cstr(name));
+  }
+  cancellable_ = g_cancellable_new();
+  manager_ = gupnp_context_manager_create_full(GSSDP_UDA_VERSION_1_0, G_SOCKET_FAMILY_IPV4, 0);
+  if (manager_ == nullptr) {
+    dlog_print(DLOG_ERROR, kTag, "upnp: no context manager\n");
+    return false;
+  }
+  const char* only = std::getenv("HXF_UPNP_IFACE");
+  if (only != nullptr && *only != '\0') {
+    GUPnPContextFilter* filter = gupnp_context_manager_get_context_filter(manager_);
+    gupnp_context_filter_add_entry(filter, only);
+    gupnp_context_filter_set_enabled(filter, TRUE);
+    dlog_print(DLOG_INFO, kTag, "upnp: only on interface %s\n", only);
+  }
+  g_signal_connect(manager_, "context-available", G_CALLBACK(&Plugin::OnContextAvailable), this);
+  g_signal_connect(manager_, "context-unavailable", G_CALLBACK(&Plugin::OnContextUnavailable),
+                   this);
+  dlog_print(DLOG_INFO, kTag, "upnp: started\n");
+  return true;
+}
+
+void Plugin::Teardown() {
+  // Disconnect first: destroying a control point announces every device as unavailable.
+  if (manager_ != nullptr) g_signal_handlers_disconnect_by_data(manager_, this);
+  for (GUPnPControlPoint* point : control_points_)
+    g_signal_handlers_disconnect_by_data(point, this);
+  for (auto& [udn, device] : devices_) Unsubscribe(&device);
+  if (cancellable_ != nullptr) g_cancellable_cancel(cancellable_);
+  for (guint id : sources_) {
+    // Source ids belong to their context: g_source_remove would look in the default one.
+    if (GSource* source = g_main_context_find_source_by_id(g_main_loop_get_context(loop_), id))
+      g_source_destroy(source);
+  }
+  sources_.clear();
+  // Let the UNSUBSCRIBE messages and the cancelled calls finish, for a bounded time.
+  const gint64 until = g_get_monotonic_time() + kUnsubscribeMs * 1000;
+  GMainContext* context = g_main_loop_get_context(loop_);
+  while (g_get_monotonic_time() < until) {
+    if (!g_main_context_iteration(context, FALSE)) g_usleep(10 * 1000);
+  }
+  for (auto& [udn, device] : devices_) Forget(&device);
+  devices_.clear();
+  for (GUPnPControlPoint* point : control_points_) g_object_unref(point);
+  control_points_.clear();
+  if (manager_ != nullptr) g_object_unref(manager_);
+  manager_ = nullptr;
+  if (cancellable_ != nullptr) g_object_unref(cancellable_);
+  cancellable_ = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(post_mutex_);
+    stopping_ = true;  // no more posts: the core's late callbacks are dropped
+  }
+  g_main_loop_quit(loop_);
+}
+
+void Plugin::After(uint32_t ms, Task task) {
+  struct Timer {
+    Plugin* plugin;
+    Task task;
+    guint id = 0;
+  };
+  auto* timer = new Timer{this, std::move(task)};
+  GSource* source = g_timeout_source_new(ms);
+  g_source_set_callback(
+      source,
+      [](gpointer data) -> gboolean {
+        auto* t = static_cast<Timer*>(data);
+        t->plugin->sources_.erase(t->id);
+        t->task();
+        return G_SOURCE_REMOVE;
+      },
+      timer, [](gpointer data) { delete static_cast<Timer*>(data); });
+  timer->id = g_source_attach(source, g_main_loop_get_context(loop_));
+  sources_.insert(timer->id);
+  g_source_unref(source);
+}
+
+// ---- discovery ----
+
+void Plugin::OnContextAvailable(GUPnPContextManager* manager, GUPnPContext* context,
+                                gpointer self) {
+  Plugin* plugin = Self(self);
+  GUPnPControlPoint* point = gupnp_control_point_new(context, "upnp:rootdevice");
+  g_signal_connect(point, "device-proxy-available", G_CALLBACK(&Plugin::OnDeviceAvailable), self);
+  g_signal_connect(point, "device-proxy-unavailable", G_CALLBACK(&Plugin::OnDeviceUnavailable),
+                   self);
+  gssdp_resource_browser_set_mx(GSSDP_RESOURCE_BROWSER(point), kMx);
+  gssdp_resource_browser_set_active(GSSDP_RESOURCE_BROWSER(point), TRUE);
+  gupnp_context_manager_manage_control_point(manager, point);
+  plugin->control_points_.push_back(point);
+  dlog_print(DLOG_INFO, kTag, "upnp: searching on %s (%s)\n",
+             gssdp_client_get_interface(GSSDP_CLIENT(context)),
+             gssdp_client_get_host_ip(GSSDP_CLIENT(context)));
+}
+
+void Plugin::OnContextUnavailable(GUPnPContextManager*, GUPnPContext* context, gpointer self) {
+  Plugin* plugin = Self(self);
+  const std::string iface = Text(gssdp_client_get_interface(GSSDP_CLIENT(context)));
+  dlog_print(DLOG_INFO, kTag, "upnp: interface %s is gone\n", iface.c_str());
+  std::vector<std::string> roots;
+  for (const auto& [udn, device] : plugin->devices_) {
+    if (device.IsRoot() && device.endpoint.interface_name == iface) roots.push_back(udn);
+  }
+  for (const std::string& root : roots) plugin->RemoveRoot(root);
+  for (auto it = plugin->control_points_.begin(); it != plugin->control_points_.end(); ++it) {
+    if (gupnp_control_point_get_context(*it) == context) {
+      g_signal_handlers_disconnect_by_data(*it, self);
+      g_object_unref(*it);
+      plugin->control_points_.erase(it);
+      break;
+    }
+  }
+}
+
+void Plugin::OnDeviceAvailable(GUPnPControlPoint* point, GUPnPDeviceProxy* proxy, gpointer self) {
+  Plugin* plugin = Self(self);
+  GUPnPDeviceInfo* info = GUPNP_DEVICE_INFO(proxy);
+  const std::string root = Text(gupnp_device_info_get_udn(info));
+  if (plugin->devices_.count(root) != 0) return;
+  const std::string iface =
+      Text(gssdp_client_get_interface(GSSDP_CLIENT(gupnp_control_point_get_context(point))));
+  plugin->AddDevice(info, root, iface);
+  GList* embedded = gupnp_device_info_list_devices(info);
+  for (GList* item = embedded; item != nullptr; item = item->next)
+    plugin->AddDevice(GUPNP_DEVICE_INFO(item->data), root, iface);
+  g_list_free_full(embedded, g_object_unref);
+  plugin->RetryPending();
+}
+
+void Plugin::OnDeviceUnavailable(GUPnPControlPoint*, GUPnPDeviceProxy* proxy, gpointer self) {
+  Self(self)->RemoveRoot(Text(gupnp_device_info_get_udn(GUPNP_DEVICE_INFO(proxy))));
+}
+
+void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
+                       const std::string& iface) {
+  const std::string udn = Text(gupnp_device_info_get_udn(info));
+  if (udn.empty() || devices_.count(udn) != 0) return;
+  Device device;
+  device.info = GUPNP_DEVICE_INFO(g_object_ref(info));
+  device.root_udn = root_udn;
+  device.location = Text(gupnp_device_info_get_location(info));
+  device.device_type = Text(gupnp_device_info_get_device_type(info));
+  device.manufacturer = Take(gupnp_device_info_get_manufacturer(info));
+  device.model = Take(gupnp_device_info_get_model_name(info));
+  device.serial = Take(gupnp_device_info_get_serial_number(info));
+  device.presentation_url = Take(gupnp_device_info_get_presentation_url(info));
+  device.endpoint.id = udn;
+  device.endpoint.name = Take(gupnp_device_info_get_friendly_name(info));
+  device.endpoint.address = HostOf(device.location);
+  device.endpoint.interface_name = iface;
+  device.endpoint.interface_type = "upnp";
+  device.endpoint.ui_meta = nlohmann::json{
+      {"device_type", device.device_type},
+      {"model", device.model},
+      {"manufacturer",
+       device.manufacturer}}.dump();
+  if (GUPnPServiceInfo* power = gupnp_device_info_get_service(info, kSwitchPower))
+    device.power = GUPNP_SERVICE_PROXY(power);  // the reference returned is ours
+  if (GUPnPServiceInfo* dimming = gupnp_device_info_get_service(info, kDimming))
+    device.dimming = GUPNP_SERVICE_PROXY(dimming);
+  Device& added = devices_.emplace(udn, std::move(device)).first->second;
+  dlog_print(DLOG_INFO, kTag, "upnp: found %s (%s) at %s%s\n", added.endpoint.name.c_str(),
+             udn.c_str(), added.location.c_str(), added.IsLight() ? ", a light" : "");
+  Subscribe(&added);
+  for (const char* service : {kLights, kRootDevices}) {
+    if (!added.Offers(service)) continue;
+    if (searching_.count(service) != 0) Report(service, added, nullptr);
+    if (listening_.count(service) != 0) Report(service, added, "arrived");
+  }
+}
+
+void Plugin::RemoveRoot(const std::string& root_udn) {
+  for (auto it = devices_.begin(); it != devices_.end();) {
+    Device& device = it->second;
+    if (device.root_udn != root_udn) {
+      ++it;
+      continue;
+    }
+    dlog_print(DLOG_INFO, kTag, "upnp: %s (%s) is gone\n", device.endpoint.name.c_str(),
+               device.endpoint.id.c_str());
+    for (const char* service : {kLights, kRootDevices}) {
+      if (device.Offers(service) && listening_.count(service) != 0) Report(service, device, "left");
+    }
+    Unsubscribe(&device);
+    Forget(&device);
+    it = devices_.erase(it);
+  }
+}
+
+void Plugin::Forget(Device* device) {
+  if (device->power != nullptr) g_object_unref(device->power);
+  if (device->dimming != nullptr) g_object_unref(device->dimming);
+  if (device->info != nullptr) g_object_unref(device->info);
+  device->power = device->dimming = nullptr;
+  device->info = nullptr;
+}
+
+void Plugin::Rescan() {
+  for (GUPnPControlPoint* point : control_points_)
+    gssdp_resource_browser_rescan(GSSDP_RESOURCE_BROWSER(point));
+}
+
+void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
+  hxf_plugin_kit::ReportFound(handlers_[service], service, device.endpoint, presence);
+}
+
+void Plugin::Search(const std::string& service) {
+  const bool already = searching_.count(service) != 0;
+  searching_.insert(service);
+  for (const auto& [udn, device] : devices_) {
+    if (device.Offers(service)) Report(service, device, nullptr);  // what is known, at once
+  }
+  Rescan();
+  if (!already) After(kRescanEveryMs, [this, service] { RescanWhileSearching(service); });
+}
+
+void Plugin::RescanWhileSearching(const std::string& service) {
+  if (searching_.count(service) == 0) return;  // the core's search timer ended it
+  Rescan();
+  After(kRescanEveryMs, [this, service] { RescanWhileSearching(service); });
+}
+
+void Plugin::SearchStop(const std::string& service) {
+  searching_.erase(service);
+}
+
+void Plugin::Listen(const std::string& service) {
+  listening_.insert(service);
+  for (const auto& [udn, device] : devices_) {
+    if (device.Offers(service)) Report(service, device, nullptr);
+  }
+  Rescan();
+}
+
+void Plugin::DeviceList(const std::string& service, bool rescanned) {
+  hxf_endpoint_list_h list = hxf_endpoint_list_create();
+  for (const auto& [udn, device] : devices_) {
+    if (!device.Offers(service)) continue;
+    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(service, device.endpoint);
+    hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
+    hxf_endpoint_destroy(endpoint);
+  }
+  if (!hxf_endpoint_list_empty(list)) {
+    hxf_core_service_handler_report_device_list(handlers_[service], list);
+  } else if (!rescanned) {
+    // Nothing known yet: look, then answer from what came. An empty list cannot be
+    // reported: the consumer's request then times out.
+    Rescan();
+    After(kListWaitMs, [this, service] { DeviceList(service, true); });
+  }
+  hxf_endpoint_list_destroy(list);
+}
+
+// ---- requests ----
+
+void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
+                    hxf_property_list_h result, hxf_error_e error) {
+  hxf_core_service_handler_send_request_result(handlers_[service], View(service), result,
+                                               transaction, error);
+  hxf_property_list_destroy(result);
+}
+
+Device* Plugin::Target(const std::string& service, const std::string& device_id) {
+  if (!device_id.empty()) {
+    const auto found = devices_.find(device_id);
+    return found != devices_.end() && found->second.Offers(service) ? &found->second : nullptr;
+  }
+  for (auto& [udn, device] : devices_) {
+    if (device.Offers(service)) return &device;
+  }
+  return nullptr;
+}
+
+void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
+                     const List& request) {
+  const std::string operation = hxf_property_list_get_name(request.get());
+  const std::string device_id = hxf_plugin_kit::FindText(request.get(), "device_id");
+  Device* device = Target(service, device_id);
+  if (device == nullptr) {
+    // Each process that loads the plugin starts knowing nothing: look, and wait (bounded).
+    pending_.push_back(Pending{service, transaction, request, device_id});
+    Rescan();
+    After(kFindWaitMs, [this, transaction] {
+      for (auto it = pending_.begin(); it != pending_.end(); ++it) {
+        if (it->transaction != transaction) continue;
+        const std::string what =
+            it->device_id.empty() ? "no " + it->service + " device" : "no device " + it->device_id;
+        Answer(it->service, transaction,
+               hxf_plugin_kit::ErrorList(hxf_property_list_get_name(it->request.get()),
+                                         what + " found on the network"),
+               HXF_ERROR_NOT_FOUND);
+        pending_.erase(it);
+        return;
+      }
+    });
+    return;
+  }
+  if (service == kRootDevices && operation == "get") {
+    Describe(transaction, *device);
+  } else if (service == kLights && operation == "get") {
+    GetLight("get", transaction, device->endpoint.id);
+  } else if (service == kLights && operation == "set") {
+    SetLight(transaction, request.get(), device);
+  } else {
+    Answer(
+        service, transaction,
+        hxf_plugin_kit::ErrorList(operation, "unknown operation " + operation + " (" +
+                                                 (service == kLights ? "get or set" : "get") + ")"),
+        HXF_ERROR_INVALID_PARAMETER);
+  }
+}
+
+void Plugin::RetryPending() {
+  std::vector<Pending> waiting;
+  waiting.swap(pending_);
+  for (Pending& pending : waiting) {
+    if (Target(pending.service, pending.device_id) != nullptr) {
+      Request(pending.service, pending.transaction, pending.request);
+    } else {
+      pending_.push_back(std::move(pending));
+    }
+  }
+}
+
+// ---- the core's callbacks (its threads): copy, post, return ----
+
+void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
+}
+
+void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->SearchStop(service); });
+}
+
+void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->Post(
+      [plugin = Self(self), service = Copy(name)] { plugin->DeviceList(service, false); });
+}
+
+void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
+}
+
+void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
+  Self(self)->Post(
+      [plugin = Self(self), service = Copy(name)] { plugin->listening_.erase(service); });
+}
+
+void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
+                       hxf_property_list_h properties, void* self) {
+  Plugin* plugin = Self(self);
+  // The list is borrowed for this call only: keep a copy for the plugin thread.
+  List request(hxf_property_list_copy(properties), &hxf_property_list_destroy);
+  plugin->Post([plugin, handler, transaction, request] {
+    for (const auto& [name, candidate] : plugin->handlers_) {
+      if (candidate == handler) plugin->Request(name, transaction, request);
+    }
+  });
+}
+
+}  // namespace hxf_upnp

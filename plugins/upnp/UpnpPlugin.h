@@ -1,0 +1,147 @@
+// The UPnP provider: service "lights" (devices with SwitchPower:1, and Dimming:1 where they
+// have it) and service "upnp" (every root device), found and driven through GUPnP.
+//
+// Threads: every GLib, GSSDP, GUPnP and libsoup call runs on the plugin's own thread, which
+// runs its own GMainContext (the thread default there). The core's callbacks copy what they
+// need and post a task to that thread (Post); answers go back through the core's
+// hxf_core_service_handler_* functions, which any thread may call.
+#pragma once
+
+#include <libgupnp/gupnp.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "PluginKit.h"
+#include "hxf_core.h"
+
+namespace hxf_upnp {
+
+constexpr const char* kLights = "lights";
+constexpr const char* kRootDevices = "upnp";
+
+// What the plugin knows of one device; owned refs, released by Forget.
+struct Device {
+  hxf_plugin_kit::EndpointInfo endpoint;  // id = UDN, address = host of the description URL
+  std::string root_udn;                   // the root device it belongs to (its own UDN for a root)
+  std::string location;                   // the description URL
+  std::string device_type, manufacturer, model, serial, presentation_url;
+  GUPnPDeviceInfo* info = nullptr;
+  GUPnPServiceProxy* power = nullptr;    // SwitchPower:1, or null
+  GUPnPServiceProxy* dimming = nullptr;  // Dimming:1, or null
+  std::optional<bool> power_on;          // last known, from answers and events
+  std::optional<int64_t> brightness;
+
+  bool IsRoot() const { return root_udn == endpoint.id; }
+  bool IsLight() const { return power != nullptr; }
+  bool Offers(const std::string& service) const {
+    return service == kLights ? IsLight() : service == kRootDevices && IsRoot();
+  }
+};
+
+class Plugin {
+ public:
+  static constexpr const char* kName = "upnp";
+
+  // Starts the plugin thread, which sets everything up and reports the load result.
+  void Start();
+  // Returns once no plugin code runs any more and every handler is destroyed.
+  void Stop();
+
+ private:
+  using Task = std::function<void()>;
+  using List = std::shared_ptr<void>;  // an owned property list
+  struct Pending {                     // a request for a device not found yet
+    std::string service;
+    hxf_transaction_h transaction;
+    List request;
+    std::string device_id;
+  };
+
+  // Any thread: runs `task` on the plugin thread; dropped once the plugin is stopping.
+  void Post(Task task);
+  static gboolean RunPosted(gpointer self);
+
+  // ---- plugin thread ----
+  void Run();
+  bool Setup();
+  void Teardown();
+  // Runs `task` after `ms` on the plugin thread; the source is removed by Teardown.
+  void After(uint32_t ms, Task task);
+  void Rescan();
+
+  static void OnContextAvailable(GUPnPContextManager*, GUPnPContext* context, gpointer self);
+  static void OnContextUnavailable(GUPnPContextManager*, GUPnPContext* context, gpointer self);
+  static void OnDeviceAvailable(GUPnPControlPoint*, GUPnPDeviceProxy* proxy, gpointer self);
+  static void OnDeviceUnavailable(GUPnPControlPoint*, GUPnPDeviceProxy* proxy, gpointer self);
+  void AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn, const std::string& iface);
+  // Forgets a root device and its embedded devices, reporting their departure to listeners.
+  void RemoveRoot(const std::string& root_udn);
+  void Forget(Device* device);
+  void Report(const std::string& service, const Device& device, const char* presence);
+
+  void Search(const std::string& service);
+  void RescanWhileSearching(const std::string& service);
+  void SearchStop(const std::string& service);
+  void Listen(const std::string& service);
+  void DeviceList(const std::string& service, bool rescanned);
+  void Request(const std::string& service, hxf_transaction_h transaction, const List& request);
+  void Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
+              hxf_error_e error);
+  Device* Target(const std::string& service, const std::string& device_id);
+  void RetryPending();
+
+  // UpnpLights.cpp: the "lights" and "upnp" operations, and GENA events.
+  void Describe(hxf_transaction_h transaction, const Device& device);
+  void GetLight(const std::string& operation, hxf_transaction_h transaction,
+                const std::string& udn);
+  void SetLight(hxf_transaction_h transaction, hxf_property_list_h request, Device* device);
+  void Subscribe(Device* device);
+  void Unsubscribe(Device* device);
+  static void OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
+                       gpointer self);
+  void NotifyState(const Device& device);
+  // A request failed: if the device's description can no longer be fetched, it is gone.
+  void CheckAlive(const std::string& udn);
+  // Calls `action` on `proxy` (taking over the caller's reference to it); `done` runs on
+  // the plugin thread with the finished action (borrowed), or null and the error.
+  void Call(GUPnPServiceProxy* proxy, GUPnPServiceProxyAction* action,
+            std::function<void(GUPnPServiceProxyAction*, const GError*)> done);
+
+  // The core's callbacks: each copies what it needs and posts to the plugin thread.
+  static void OnSearch(hxf_service_handler_h, hxf_string name, void* self);
+  static void OnSearchStop(hxf_service_handler_h, hxf_string name, void* self);
+  static void OnDeviceList(hxf_service_handler_h, hxf_string name, void* self);
+  static void OnListen(hxf_service_handler_h, hxf_string name, void* self);
+  static void OnListenStop(hxf_service_handler_h, hxf_string name, void* self);
+  static void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
+                        hxf_property_list_h properties, void* self);
+  static void OnSessionCreated(hxf_service_handler_h, hxf_service_session_h, void*) {}
+  static void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h, void*) {}
+
+  std::thread thread_;
+  std::mutex post_mutex_;  // guards posted_, stopping_ and context_ for Post from any thread
+  std::deque<Task> posted_;
+  bool stopping_ = false;
+  GMainContext* context_ = nullptr;  // created and finally unreferenced by the plugin thread
+
+  // Plugin thread only (the handlers are read by Stop after the thread has ended).
+  GMainLoop* loop_ = nullptr;
+  GCancellable* cancellable_ = nullptr;
+  GUPnPContextManager* manager_ = nullptr;
+  std::vector<GUPnPControlPoint*> control_points_;
+  std::map<std::string, Device> devices_;  // by UDN
+  std::map<std::string, hxf_service_handler_h> handlers_;
+  std::set<std::string> searching_, listening_;
+  std::vector<Pending> pending_;
+  std::set<guint> sources_;  // timers still to run
+};
+
+}  // namespace hxf_upnp

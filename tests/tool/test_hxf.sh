@@ -301,7 +301,7 @@ JSON
   plugins)
     code=$(run plugins)
     expect_code "$code" 0
-    expect_out "^sim  a simulated home: lights, audio and climate devices"
+    expect_out "^sim  *a simulated home: lights, audio and climate devices"
     grep -q "fixture\|^async\|^fault_" "$out" && fail "a test fixture is offered to users"
     grep -v '^sim \|^upnp ' "$out" | grep -q . && fail "expected the simulator (and the UPnP plugin where built) only"
     code=$(run plugins --all)

@@ -49,7 +49,7 @@ std::string CheckChange(hxf_property_list_h request, const Device& device, Light
 
 }  // namespace
 
-void Plugin::Call(GUPnPServiceProxy* proxy, GUPnPServiceProxyAction* action,
+void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyAction* action,
                   std::function<void(GUPnPServiceProxyAction*, const GError*)> done) {
   struct Ongoing {
     Plugin* plugin;
@@ -57,6 +57,8 @@ void Plugin::Call(GUPnPServiceProxy* proxy, GUPnPServiceProxyAction* action,
     GUPnPServiceProxyAction* action;
     std::function<void(GUPnPServiceProxyAction*, const GError*)> done;
   };
+  dlog_print(DLOG_DEBUG, kTag, "upnp: SOAP %s to %s\n", name,
+             gupnp_service_info_get_control_url(GUPNP_SERVICE_INFO(proxy)));
   auto* call = new Ongoing{this, GUPNP_SERVICE_PROXY(g_object_ref(proxy)), action, std::move(done)};
   gupnp_service_proxy_call_action_async(
       proxy, action, cancellable_,
@@ -115,7 +117,7 @@ void Plugin::GetLight(const std::string& operation, hxf_transaction_h transactio
     Answer(kLights, transaction, list, HXF_ERROR_NONE);
   };
   Device& device = devices_.at(udn);
-  Call(device.power, gupnp_service_proxy_action_new("GetStatus", nullptr),
+  Call(device.power, "GetStatus", gupnp_service_proxy_action_new("GetStatus", nullptr),
        [this, udn, failed, answer](GUPnPServiceProxyAction* action, const GError* error) {
          gboolean on = FALSE;
          GError* read_error = nullptr;
@@ -133,7 +135,8 @@ void Plugin::GetLight(const std::string& operation, hxf_transaction_h transactio
            return;
          }
          found->second.power_on = on != FALSE;
-         Call(found->second.dimming, gupnp_service_proxy_action_new("GetLoadLevelStatus", nullptr),
+         Call(found->second.dimming, "GetLoadLevelStatus",
+              gupnp_service_proxy_action_new("GetLoadLevelStatus", nullptr),
               [this, udn, failed, answer](GUPnPServiceProxyAction* level_action,
                                           const GError* level_error) {
                 guint level = 0;
@@ -169,7 +172,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
       GetLight("set", transaction, udn);
       return;
     }
-    Call(found->second.dimming,
+    Call(found->second.dimming, "SetLoadLevelTarget",
          gupnp_service_proxy_action_new("SetLoadLevelTarget", "newLoadlevelTarget", G_TYPE_UINT,
                                         static_cast<guint>(*change.brightness), nullptr),
          [this, transaction, udn](GUPnPServiceProxyAction* action, const GError* error) {
@@ -188,7 +191,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
     level();
     return;
   }
-  Call(device->power,
+  Call(device->power, "SetTarget",
        gupnp_service_proxy_action_new("SetTarget", "newTargetValue", G_TYPE_BOOLEAN,
                                       static_cast<gboolean>(*change.power), nullptr),
        [this, transaction, udn, level](GUPnPServiceProxyAction* action, const GError* error) {

@@ -110,9 +110,10 @@ class Plugin {
   void NotifyState(const Device& device);
   // A request failed: if the device's description can no longer be fetched, it is gone.
   void CheckAlive(const std::string& udn);
-  // Calls `action` on `proxy` (taking over the caller's reference to it); `done` runs on
-  // the plugin thread with the finished action (borrowed), or null and the error.
-  void Call(GUPnPServiceProxy* proxy, GUPnPServiceProxyAction* action,
+  // Calls `action` (named `name`) on `proxy`, taking over the caller's reference to it;
+  // `done` runs on the plugin thread with the finished action (borrowed), or null and the
+  // error.
+  void Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyAction* action,
             std::function<void(GUPnPServiceProxyAction*, const GError*)> done);
 
   // The core's callbacks: each copies what it needs and posts to the plugin thread.

@@ -1,0 +1,165 @@
+#!/usr/bin/env bash
+# The UPnP plugin against real third-party UPnP devices on a private network: two network
+# namespaces joined by a veth pair (link-local addresses, multicast on), Debian's
+# gupnp-network-light (under Xvfb) and minidlna in the device namespace, the hxf tool with
+# --plugin upnp in the other. Nothing leaves the namespaces; every process is stopped by its
+# PID and the namespaces are removed on every way out.
+# Usage: test_upnp.sh HXF_BINARY CASE        (exit 77: skipped, with the reason)
+set -u
+hxf=$1
+case_name=$2
+skip() { echo "SKIP [$case_name]: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
+for tool in ip Xvfb gupnp-network-light minidlnad; do
+  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh upnp)"
+done
+
+id=$$
+dev_ns=hxf-upnp-dev-$id
+tv_ns=hxf-upnp-tv-$id
+dev_if=hxfd$id
+tv_if=hxft$id
+work=$(mktemp -d)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null; done
+  ip netns del "$dev_ns" 2>/dev/null
+  ip netns del "$tv_ns" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+  echo "FAIL [$case_name]: $*"
+  for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -30 "$f"; }; done
+  exit 1
+}
+
+ip netns add "$dev_ns" 2>"$work/netns.err" || skip "cannot make a network namespace: $(cat "$work/netns.err")"
+ip netns add "$tv_ns" || skip "cannot make a second network namespace"
+ip link add "$dev_if" type veth peer name "$tv_if" || skip "cannot make a veth pair"
+ip link set "$dev_if" netns "$dev_ns"
+ip link set "$tv_if" netns "$tv_ns"
+for side in "$dev_ns:$dev_if:169.254.77.1" "$tv_ns:$tv_if:169.254.77.2"; do
+  IFS=: read -r ns ifname address <<<"$side"
+  ip -n "$ns" link set lo up
+  ip -n "$ns" link set "$ifname" up multicast on
+  ip -n "$ns" addr add "$address/16" dev "$ifname"
+  ip -n "$ns" route add 224.0.0.0/4 dev "$ifname"
+done
+
+# Command prefixes, not functions: `ip netns exec` and `env` exec the command, so $! of a
+# command started with `&` is the command's own PID.
+in_dev=(ip netns exec "$dev_ns")
+hxf_upnp=(ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if" "$hxf" --plugin upnp)
+now_ms() { echo $(($(date +%s%N) / 1000000)); }
+# Waits (at most $2 s) until file $1 has a line matching the extended regex $3.
+await_line() {
+  local deadline=$(($(now_ms) + $2 * 1000))
+  until grep -Eq -- "$3" "$1" 2>/dev/null; do
+    [ "$(now_ms)" -lt "$deadline" ] || fail "no line matching '$3' in $1 within $2 s"
+    sleep 0.05
+  done
+}
+
+start_light() {
+  # Xvfb picks a free display and writes its number on fd 3.
+  "${in_dev[@]}" Xvfb -displayfd 3 -nolisten tcp 3>"$work/display" >"$work/xvfb.log" 2>&1 &
+  pids+=($!)
+  await_line "$work/display" 10 '^[0-9]+$'
+  "${in_dev[@]}" env DISPLAY=":$(cat "$work/display")" gupnp-network-light --no-v6 -i "$dev_if" \
+    -n "Hall light" >"$work/light.log" 2>&1 &
+  light_pid=$!
+  pids+=($light_pid)
+}
+
+start_minidlna() {
+  mkdir -p "$work/media" "$work/db"
+  cat >"$work/minidlna.conf" <<CONF
+network_interface=$dev_if
+port=8200
+media_dir=$work/media
+db_dir=$work/db
+log_dir=$work
+friendly_name=Test media
+notify_interval=5
+inotify=no
+CONF
+  "${in_dev[@]}" minidlnad -f "$work/minidlna.conf" -P "$work/minidlna.pid" -S >"$work/minidlna.out" 2>&1 &
+  minidlna_pid=$!
+  pids+=($minidlna_pid)
+}
+
+
+case "$case_name" in
+  search)
+    start_light
+    start=$(now_ms)
+    "${hxf_upnp[@]}" --json search lights --timeout 8000 >"$work/search.out" 2>"$work/search.err" &
+    search_pid=$!
+    pids+=($search_pid)
+    await_line "$work/search.out" 15 '"event":"found".*"name":"Hall light"'
+    echo "first device after $(($(now_ms) - start)) ms (hxf started, plugin loaded, M-SEARCH answered)"
+    wait "$search_pid" || fail "search exited with $?"
+    grep -q '"address":"169.254.77.1","device_id":"uuid:[^"]*","interface_name":"'"$tv_if"'","interface_type":"upnp"' "$work/search.out" ||
+      fail "the endpoint is not the light's"
+    ;;
+  set-get)
+    start_light
+    "${hxf_upnp[@]}" request lights set power=true brightness=40 >"$work/set.out" 2>"$work/set.err" || fail "set failed"
+    grep -q '^  power  *true$' "$work/set.out" || fail "set did not answer power true"
+    grep -q '^  brightness  *40$' "$work/set.out" || fail "set did not answer brightness 40"
+    "${hxf_upnp[@]}" request lights get >"$work/get.out" 2>"$work/get.err" || fail "get failed"
+    grep -q '^  power  *true$' "$work/get.out" || fail "get does not read power back"
+    grep -q '^  brightness  *40$' "$work/get.out" || fail "get does not read brightness back"
+    "${hxf_upnp[@]}" request lights set power=false >"$work/off.out" 2>"$work/off.err" || fail "set power=false failed"
+    grep -q '^  power  *false$' "$work/off.out" || fail "power is not off"
+    ;;
+  refuse)
+    start_light
+    "${hxf_upnp[@]}" --log-level debug request lights set brightness=150 >"$work/refuse.out" 2>"$work/refuse.err"
+    code=$?
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    grep -q '^hxf: set on lights failed: brightness 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)$' "$work/refuse.err" ||
+      fail "no refusal"
+    grep -q 'upnp: SOAP ' "$work/refuse.err" && fail "a refused set still made a SOAP call"
+    "${hxf_upnp[@]}" --log-level debug request lights get >"$work/get.out" 2>"$work/get.err" || fail "get failed"
+    grep -q 'upnp: SOAP GetStatus to http://169.254.77.1:' "$work/get.err" || fail "the SOAP calls are not logged at debug level"
+    "${hxf_upnp[@]}" request lights set colour=red 2>"$work/unknown.err"
+    grep -q 'unknown property colour (power, brightness)' "$work/unknown.err" || fail "an unknown property is not refused"
+    ;;
+  watch)
+    start_light
+    "${hxf_upnp[@]}" request lights set power=false >/dev/null 2>&1 || fail "set power=false failed"
+    "${hxf_upnp[@]}" --json watch lights --for 8000 >"$work/watch.out" 2>"$work/watch.err" &
+    watch_pid=$!
+    pids+=($watch_pid)
+    await_line "$work/watch.out" 10 '"event":"notification".*"power":false'
+    "${hxf_upnp[@]}" request lights set power=true >/dev/null 2>&1 || fail "set power=true failed"
+    await_line "$work/watch.out" 10 '"event":"notification".*"power":true'
+    ;;
+  listen-byebye)
+    start_minidlna
+    "${hxf_upnp[@]}" --json listen upnp --for 20000 >"$work/listen.out" 2>"$work/listen.err" &
+    pids+=($!)
+    await_line "$work/listen.out" 15 '"name":"Test media"'
+    start=$(now_ms)
+    kill -TERM "$minidlna_pid"
+    await_line "$work/listen.out" 10 '"event":"left".*"name":"Test media"'
+    echo "byebye noticed after $(($(now_ms) - start)) ms"
+    ;;
+  listen-expiry)
+    # SIGKILL: no byebye. minidlna announces max-age 2 * notify_interval + 10 = 20 s.
+    start_minidlna
+    "${hxf_upnp[@]}" --json listen upnp --for 45000 >"$work/listen.out" 2>"$work/listen.err" &
+    pids+=($!)
+    await_line "$work/listen.out" 15 '"name":"Test media"'
+    start=$(now_ms)
+    kill -KILL "$minidlna_pid"
+    await_line "$work/listen.out" 40 '"event":"left".*"name":"Test media"'
+    echo "expiry noticed after $(($(now_ms) - start)) ms"
+    ;;
+  *)
+    echo "unknown case $case_name"; exit 2 ;;
+esac
+echo "ok [$case_name]"

@@ -6,6 +6,8 @@
 #   sanitizers  + clang and its sanitizer runtimes (the asan, tsan and fuzz presets)
 #   docs        + Doxygen, graphviz and man (the docs target)
 #   install     + docs, pkg-config, make and file (scripts/check-install.sh)
+#   upnp        + GUPnP and GSSDP 1.6 (the UPnP plugin), and the real devices its tests run:
+#                 gupnp-tools (gupnp-network-light), minidlna, xvfb
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
@@ -15,6 +17,7 @@ for group in "$@"; do
     sanitizers) packages+=(clang libclang-rt-14-dev) ;;
     docs) packages+=(doxygen graphviz man-db) ;;
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
+    upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done

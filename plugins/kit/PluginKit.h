@@ -126,6 +126,37 @@ inline void ReportFound(hxf_service_handler_h handler, const std::string& servic
   hxf_endpoint_destroy(endpoint);
 }
 
+// The callbacks a provider gives each of its handlers.
+struct HandlerCallbacks {
+  hxf_service_handler_search_cb search;
+  hxf_service_handler_search_stop_cb search_stop;
+  hxf_service_handler_get_device_list_cb device_list;
+  hxf_service_handler_listen_cb listen;
+  hxf_service_handler_listen_stop_cb listen_stop;
+  hxf_service_handler_add_device_cb add_device;
+  hxf_service_handler_service_session_created_cb session_created;
+  hxf_service_handler_set_request_service_cb request;
+};
+
+// Creates the handler `name`, gives it `callbacks` with `self` as their user data and
+// subscribes it to `service`. Null when the core refuses to create it.
+inline hxf_service_handler_h CreateHandler(const std::string& name, const std::string& service,
+                                           const HandlerCallbacks& callbacks, void* self) {
+  hxf_service_handler_h handler = hxf_core_service_handler_create(View(name), self);
+  if (handler == nullptr) return nullptr;
+  hxf_core_service_handler_set_search_callback(handler, callbacks.search, self);
+  hxf_core_service_handler_set_search_stop_callback(handler, callbacks.search_stop, self);
+  hxf_core_service_handler_set_get_device_list_callback(handler, callbacks.device_list, self);
+  hxf_core_service_handler_set_listen_callback(handler, callbacks.listen, self);
+  hxf_core_service_handler_set_listen_stop_callback(handler, callbacks.listen_stop, self);
+  hxf_core_service_handler_set_add_device_callback(handler, callbacks.add_device, self);
+  hxf_core_service_handler_set_service_session_created_callback(handler, callbacks.session_created,
+                                                                self);
+  hxf_core_service_handler_set_request_service_callback(handler, callbacks.request, self);
+  hxf_core_service_handler_subscribe_service(handler, View(service));
+  return handler;
+}
+
 // Destroys `handlers` and waits (at most `wait`) until the core has run the destroyed
 // callback of each: that callback comes after a handler's last one, so from then on no core
 // thread is in the plugin's code. False when the wait ran out.

@@ -53,23 +53,18 @@ void Plugin::Setup() {
     model_ = DefaultModel();
   }
   for (const std::string& name : model_.Services()) {
-    hxf_service_handler_h handler = hxf_core_service_handler_create(View("sim-" + name), this);
+    hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
+        "sim-" + name, name,
+        {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
+         &Plugin::OnListenStop, &Plugin::OnAddDevice, &Plugin::OnSessionCreated,
+         &Plugin::OnRequest},
+        this);
     if (handler == nullptr) {
       dlog_print(DLOG_ERROR, kTag, "sim: cannot create a handler for %s\n", name.c_str());
       hxf_core_plugin_send_load_result(hxf_string_from_cstr(kName), HXF_PLUGIN_LOAD_RESULT_FAILED);
       return;
     }
     services_[name].handler = handler;
-    hxf_core_service_handler_set_search_callback(handler, &Plugin::OnSearch, this);
-    hxf_core_service_handler_set_search_stop_callback(handler, &Plugin::OnSearchStop, this);
-    hxf_core_service_handler_set_get_device_list_callback(handler, &Plugin::OnDeviceList, this);
-    hxf_core_service_handler_set_listen_callback(handler, &Plugin::OnListen, this);
-    hxf_core_service_handler_set_listen_stop_callback(handler, &Plugin::OnListenStop, this);
-    hxf_core_service_handler_set_add_device_callback(handler, &Plugin::OnAddDevice, this);
-    hxf_core_service_handler_set_service_session_created_callback(handler,
-                                                                  &Plugin::OnSessionCreated, this);
-    hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
-    hxf_core_service_handler_subscribe_service(handler, View(name));
   }
   StartDrifts();
   dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(),

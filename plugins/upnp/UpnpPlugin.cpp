@@ -130,23 +130,17 @@ void Plugin::Run() {
 
 bool Plugin::Setup() {
   for (const char* name : {kLights, kRootDevices}) {
-    hxf_service_handler_h handler =
-        hxf_core_service_handler_create(View(std::string("upnp-") + name), this);
+    hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
+        std::string("upnp-") + name, name,
+        {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
+         &Plugin::OnListenStop, &Plugin::OnAddDevice, &Plugin::OnSessionCreated,
+         &Plugin::OnRequest},
+        this);
     if (handler == nullptr) {
       dlog_print(DLOG_ERROR, kTag, "upnp: cannot create a handler for %s\n", name);
       return false;
     }
     handlers_[name] = handler;
-    hxf_core_service_handler_set_search_callback(handler, &Plugin::OnSearch, this);
-    hxf_core_service_handler_set_search_stop_callback(handler, &Plugin::OnSearchStop, this);
-    hxf_core_service_handler_set_get_device_list_callback(handler, &Plugin::OnDeviceList, this);
-    hxf_core_service_handler_set_listen_callback(handler, &Plugin::OnListen, this);
-    hxf_core_service_handler_set_listen_stop_callback(handler, &Plugin::OnListenStop, this);
-    hxf_core_service_handler_set_add_device_callback(handler, &Plugin::OnAddDevice, this);
-    hxf_core_service_handler_set_service_session_created_callback(handler,
-                                                                  &Plugin::OnSessionCreated, this);
-    hxf_core_service_handler_set_request_service_callback(handler, &Plugin::OnRequest, this);
-    hxf_core_service_handler_subscribe_service(handler, hxf_string_from_cstr(name));
   }
   cancellable_ = g_cancellable_new();
   manager_ = gupnp_context_manager_create_full(GSSDP_UDA_VERSION_1_0, G_SOCKET_FAMILY_IPV4, 0);

@@ -79,6 +79,14 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
       call);
 }
 
+void Plugin::CallFailed(const std::string& operation, hxf_transaction_h transaction,
+                        const std::string& what, const GError* error, const std::string& udn) {
+  Answer(kLights, transaction,
+         ErrorList(operation, what + ": " + (error != nullptr ? error->message : "no answer")),
+         HXF_ERROR_OPERATION_FAILED);
+  CheckAlive(udn);
+}
+
 void Plugin::Describe(hxf_transaction_h transaction, const Device& device) {
   hxf_property_list_h list = hxf_property_list_create(hxf_string_from_cstr("get"));
   Push(list, "device_id", device.endpoint.id);
@@ -96,10 +104,7 @@ void Plugin::GetLight(const std::string& operation, hxf_transaction_h transactio
                       const std::string& udn) {
   const auto failed = [this, operation, transaction, udn](const std::string& what,
                                                           const GError* error) {
-    Answer(kLights, transaction,
-           ErrorList(operation, what + ": " + (error != nullptr ? error->message : "no answer")),
-           HXF_ERROR_OPERATION_FAILED);
-    CheckAlive(udn);
+    CallFailed(operation, transaction, what, error, udn);
   };
   // Both answers are asked for in turn; the device may be gone by the time one comes.
   const auto answer = [this, operation, transaction, udn] {
@@ -177,11 +182,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
                                         static_cast<guint>(*change.brightness), nullptr),
          [this, transaction, udn](GUPnPServiceProxyAction* action, const GError* error) {
            if (action == nullptr) {
-             Answer(kLights, transaction,
-                    ErrorList("set", std::string("SetLoadLevelTarget failed: ") +
-                                         (error != nullptr ? error->message : "no answer")),
-                    HXF_ERROR_OPERATION_FAILED);
-             CheckAlive(udn);
+             CallFailed("set", transaction, "SetLoadLevelTarget failed", error, udn);
              return;
            }
            GetLight("set", transaction, udn);
@@ -196,11 +197,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
                                       static_cast<gboolean>(*change.power), nullptr),
        [this, transaction, udn, level](GUPnPServiceProxyAction* action, const GError* error) {
          if (action == nullptr) {
-           Answer(kLights, transaction,
-                  ErrorList("set", std::string("SetTarget failed: ") +
-                                       (error != nullptr ? error->message : "no answer")),
-                  HXF_ERROR_OPERATION_FAILED);
-           CheckAlive(udn);
+           CallFailed("set", transaction, "SetTarget failed", error, udn);
            return;
          }
          level();

@@ -108,6 +108,10 @@ class Plugin {
   static void OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                        gpointer self);
   void NotifyState(const Device& device);
+  // A SOAP call of `operation` failed: answers OPERATION_FAILED with `what` and the error,
+  // then checks whether the device is still there.
+  void CallFailed(const std::string& operation, hxf_transaction_h transaction,
+                  const std::string& what, const GError* error, const std::string& udn);
   // A request failed: if the device's description can no longer be fetched, it is gone.
   void CheckAlive(const std::string& udn);
   // Calls `action` (named `name`) on `proxy`, taking over the caller's reference to it;

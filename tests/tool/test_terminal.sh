@@ -26,16 +26,23 @@ tmux_ -f /dev/null new-session -d -s t -x 100 -y 40 "bash --noprofile --rcfile $
 screen() { tmux_ capture-pane -p -t t | sed -e 's/[[:space:]]*$//' | sed -e '/./,$!d' | sed -e ':a' -e '/^\n*$/{$d;N;ba' -e '}'; }
 fail() { echo "FAIL [$case_name]: $*"; echo "--- screen"; screen; exit 1; }
 type_line() { tmux_ send-keys -t t -l "$1"; tmux_ send-keys -t t Enter; }
+# Evaluates the condition $1 (with $2 as its "$1") every 50 ms until it holds, for 10 s at
+# most; false when it never did.
+poll() {
+  local condition=$1
+  set -- "${2:-}"
+  for _ in $(seq 1 200); do
+    eval "$condition" && return 0
+    sleep 0.05
+  done
+  return 1
+}
 # Clears the screen and waits (at most 10 s) until the shell has drawn its prompt on it
 # again: keys typed before the shell reads them would be echoed ahead of its prompt.
 fresh_prompt() {
   type_line "clear; tmux wait-for -S ready"
   timeout 10 tmux -L "$socket" wait-for ready || fail "the shell did not clear the screen"
-  for _ in $(seq 1 200); do
-    [ "$(screen)" = '$' ] && return 0
-    sleep 0.05
-  done
-  fail "no prompt on a cleared screen"
+  poll '[ "$(screen)" = "\$" ]' || fail "no prompt on a cleared screen"
 }
 # Runs CMD in the terminal and waits (at most 30 s) until it has finished.
 run_to_end() {
@@ -49,12 +56,18 @@ start() {
   type_line "run $1"
 }
 # Waits (at most 10 s) until a line of the screen matches the extended regex.
+# The first matching line is left in $matched.
 await_line() {
-  for _ in $(seq 1 200); do
-    screen | grep -Eq -- "$1" && return 0
-    sleep 0.05
-  done
-  fail "no line of the screen matches: $1"
+  poll 'matched=$(screen | grep -E -m 1 -- "$1")' "$1" || fail "no line of the screen matches: $1"
+}
+# Waits for the countdown "$1... N.N s left" and checks that N.N is at most $2 (the time-out
+# asked for, not more).
+expect_countdown() {
+  await_line "^$1\\.\\.\\. [0-9]\\.[0-9] s left\$"
+  local left=${matched% s left}
+  left=${left##* }
+  awk -v l="$left" -v max="$2" 'BEGIN { exit !(l >= 0 && l <= max) }' ||
+    fail "the countdown shows $left s of a $2 s wait"
 }
 await_end() { timeout 30 tmux -L "$socket" wait-for done || fail "the command did not finish"; }
 # The screen, once the command has finished, must be exactly these lines.
@@ -69,9 +82,7 @@ case "$case_name" in
   search)
     # While it runs: one countdown line, starting from the real time-out (3.0 s at most).
     start "hxf search lights --timeout 3000"
-    await_line '^searching lights\.\.\. [0-9]\.[0-9] s left$'
-    left=$(screen | sed -n 's/^searching lights\.\.\. \([0-9.]*\) s left$/\1/p')
-    awk -v l="$left" 'BEGIN { exit !(l > 0 && l <= 3.0) }' || fail "countdown shows $left s of a 3 s search"
+    expect_countdown "searching lights" 3.0
     await_end
     # Afterwards the countdown is gone and every line starts at the left edge.
     expect_screen \
@@ -86,9 +97,7 @@ case "$case_name" in
   device-list-timeout)
     # The countdown counts the time-out asked for, not the core's report grace after it.
     start "hxf devices nothing-here --timeout 2000"
-    await_line '^listing nothing-here\.\.\. [0-9]\.[0-9] s left$'
-    left=$(screen | sed -n 's/^listing nothing-here\.\.\. \([0-9.]*\) s left$/\1/p')
-    awk -v l="$left" 'BEGIN { exit !(l > 0 && l <= 2.0) }' || fail "countdown shows $left s of a 2 s wait"
+    expect_countdown "listing nothing-here" 2.0
     await_end
     expect_screen \
       '$ run hxf devices nothing-here --timeout 2000' \

@@ -7,7 +7,10 @@
 #   docs        + Doxygen, graphviz and man (the docs target)
 #   install     + docs, pkg-config, make and file (scripts/check-install.sh)
 #   upnp        + GUPnP and GSSDP 1.6 (the UPnP plugin), and the real devices its tests run:
-#                 gupnp-tools (gupnp-network-light), minidlna, xvfb
+#                 gupnp-tools (gupnp-network-light), minidlna, xvfb, iproute2 (namespaces).
+#                 Installing minidlna must not start the system's media server, which would
+#                 announce itself on the machine's real network: services are kept from
+#                 starting during the install (policy-rc.d).
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
@@ -17,7 +20,8 @@ for group in "$@"; do
     sanitizers) packages+=(clang libclang-rt-14-dev) ;;
     docs) packages+=(doxygen graphviz man-db) ;;
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
-    upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb) ;;
+    upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb
+      iproute2) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done
@@ -32,5 +36,12 @@ echo "installing: ${missing[*]}" >&2
 sudo_cmd=()
 [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 export DEBIAN_FRONTEND=noninteractive
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  # 101: "action forbidden by policy"; removed again however the install ends.
+  printf '#!/bin/sh\nexit 101\n' | "${sudo_cmd[@]}" tee "$policy" >/dev/null
+  "${sudo_cmd[@]}" chmod 755 "$policy"
+  trap '"${sudo_cmd[@]}" rm -f "$policy"' EXIT
+fi
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(dev)
-groups=(tests)
+groups=(tests upnp)  # upnp: the UPnP plugin and the real devices its tests meet
 for preset in "${presets[@]}"; do
   case "$preset" in asan | tsan) groups+=(sanitizers) ;; install) groups+=(install) ;; esac
 done

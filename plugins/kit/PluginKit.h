@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -157,11 +158,16 @@ inline hxf_service_handler_h CreateHandler(const std::string& name, const std::s
   return handler;
 }
 
-// Destroys `handlers` and waits (at most `wait`) until the core has run the destroyed
-// callback of each: that callback comes after a handler's last one, so from then on no core
-// thread is in the plugin's code. False when the wait ran out.
-inline bool DestroyHandlers(const std::vector<hxf_service_handler_h>& handlers,
-                            std::chrono::milliseconds wait) {
+// The handlers a plugin made, each with the service it subscribed to.
+using Handlers = std::vector<std::pair<std::string, hxf_service_handler_h>>;
+
+// Unsubscribes and destroys `handlers`, and waits (at most `wait`) until the core has run the
+// destroyed callback of each: that callback comes after a handler's last one, so from then on
+// no core thread is in the plugin's code. False when the wait ran out.
+// A destroyed handler stays in its service as an expired entry, and the service may pick
+// that entry for the next session (after the plugin is loaded again, say): hence the
+// unsubscribe, which ends the service until something names it again.
+inline bool DestroyHandlers(const Handlers& handlers, std::chrono::milliseconds wait) {
   struct Countdown {
     std::mutex mutex;  // guards left; the core's thread counts down, the caller waits
     std::condition_variable done;
@@ -176,7 +182,8 @@ inline bool DestroyHandlers(const std::vector<hxf_service_handler_h>& handlers,
     --c->left;
     c->done.notify_all();
   };
-  for (hxf_service_handler_h handler : handlers) {
+  for (const auto& [service, handler] : handlers) {
+    hxf_core_service_handler_unsubscribe_service(handler, View(service));
     std::lock_guard<std::mutex> lock(countdown->mutex);
     if (hxf_core_service_handler_destroy_async(handler, destroyed, countdown) == HXF_ERROR_NONE)
       ++countdown->left;
@@ -189,5 +196,29 @@ inline bool DestroyHandlers(const std::vector<hxf_service_handler_h>& handlers,
   if (all) delete countdown;
   return all;
 }
+
+// The plugin object behind CreatePlugin and DestroyPlugin, which the core calls in turn and
+// never at once. A plain pointer, not a static object: a host that exits without unloading
+// the plugin must not run a destructor that meets a plugin thread still running.
+template <typename Plugin>
+class Entry {
+ public:
+  static bool Create() {
+    if (instance_ != nullptr) return false;
+    instance_ = new Plugin;
+    instance_->Start();  // returns at once; the plugin reports its load result when ready
+    return true;
+  }
+  static bool Destroy() {
+    if (instance_ == nullptr) return false;
+    instance_->Stop();  // returns once no plugin code runs again
+    delete instance_;
+    instance_ = nullptr;
+    return true;
+  }
+
+ private:
+  static inline Plugin* instance_ = nullptr;
+};
 
 }  // namespace hxf_plugin_kit

@@ -74,8 +74,8 @@ void Plugin::Setup() {
 
 void Plugin::Stop() {
   worker_.Stop();  // from here on no plugin task runs, and callbacks post into the void
-  std::vector<hxf_service_handler_h> handlers;
-  for (auto& [name, service] : services_) handlers.push_back(service.handler);
+  hxf_plugin_kit::Handlers handlers;
+  for (auto& [name, service] : services_) handlers.emplace_back(name, service.handler);
   if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
     dlog_print(DLOG_ERROR, kTag, "sim: handlers not destroyed in time\n");
 }

@@ -57,8 +57,9 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
     GUPnPServiceProxyAction* action;
     std::function<void(GUPnPServiceProxyAction*, const GError*)> done;
   };
-  dlog_print(DLOG_DEBUG, kTag, "upnp: SOAP %s to %s\n", name,
-             gupnp_service_info_get_control_url(GUPNP_SERVICE_INFO(proxy)));
+  // The control URL is a new string each time.
+  const std::string url = Take(gupnp_service_info_get_control_url(GUPNP_SERVICE_INFO(proxy)));
+  dlog_print(DLOG_DEBUG, kTag, "upnp: SOAP %s to %s\n", name, url.c_str());
   auto* call = new Ongoing{this, GUPNP_SERVICE_PROXY(g_object_ref(proxy)), action, std::move(done)};
   gupnp_service_proxy_call_action_async(
       proxy, action, cancellable_,
@@ -100,14 +101,69 @@ void Plugin::Describe(hxf_transaction_h transaction, const Device& device) {
   Answer(kRootDevices, transaction, list, HXF_ERROR_NONE);
 }
 
+void Plugin::ReadLight(const std::string& udn, ReadDone done) {
+  // Power, then the level where the light can be dimmed; the device may be gone by the time
+  // an answer comes. `changed` tells whether a value read differed from the one known.
+  struct Read {
+    std::string udn;
+    ReadDone done;
+    bool changed = false;
+  };
+  auto read = std::make_shared<Read>(Read{udn, std::move(done)});
+  const auto level = [this, read] {
+    const auto found = devices_.find(read->udn);
+    if (found == devices_.end() || found->second.dimming == nullptr) {
+      read->done("", nullptr, read->changed);
+      return;
+    }
+    Call(found->second.dimming, "GetLoadLevelStatus",
+         gupnp_service_proxy_action_new("GetLoadLevelStatus", nullptr),
+         [this, read](GUPnPServiceProxyAction* action, const GError* error) {
+           guint value = 0;
+           GError* read_error = nullptr;
+           if (action == nullptr ||
+               !gupnp_service_proxy_action_get_result(action, &read_error, "retLoadlevelStatus",
+                                                      G_TYPE_UINT, &value, nullptr)) {
+             read->done("GetLoadLevelStatus failed", error != nullptr ? error : read_error, false);
+             if (read_error != nullptr) g_error_free(read_error);
+             return;
+           }
+           const auto again = devices_.find(read->udn);
+           if (again != devices_.end() && again->second.brightness != int64_t{value}) {
+             again->second.brightness = value;
+             read->changed = true;
+           }
+           read->done("", nullptr, read->changed);
+         });
+  };
+  Call(devices_.at(udn).power, "GetStatus", gupnp_service_proxy_action_new("GetStatus", nullptr),
+       [this, read, level](GUPnPServiceProxyAction* action, const GError* error) {
+         gboolean on = FALSE;
+         GError* read_error = nullptr;
+         if (action == nullptr ||
+             !gupnp_service_proxy_action_get_result(action, &read_error, "ResultStatus",
+                                                    G_TYPE_BOOLEAN, &on, nullptr)) {
+           read->done("GetStatus failed", error != nullptr ? error : read_error, false);
+           if (read_error != nullptr) g_error_free(read_error);
+           return;
+         }
+         const auto found = devices_.find(read->udn);
+         if (found != devices_.end() && found->second.power_on != (on != FALSE)) {
+           found->second.power_on = on != FALSE;
+           read->changed = true;
+         }
+         level();
+       });
+}
+
 void Plugin::GetLight(const std::string& operation, hxf_transaction_h transaction,
                       const std::string& udn) {
-  const auto failed = [this, operation, transaction, udn](const std::string& what,
-                                                          const GError* error) {
-    CallFailed(operation, transaction, what, error, udn);
-  };
-  // Both answers are asked for in turn; the device may be gone by the time one comes.
-  const auto answer = [this, operation, transaction, udn] {
+  ReadLight(udn, [this, operation, transaction, udn](const std::string& failed, const GError* error,
+                                                     bool) {
+    if (!failed.empty()) {
+      CallFailed(operation, transaction, failed, error, udn);
+      return;
+    }
     const auto found = devices_.find(udn);
     if (found == devices_.end()) {
       Answer(kLights, transaction, ErrorList(operation, "device " + udn + " is gone"),
@@ -120,46 +176,7 @@ void Plugin::GetLight(const std::string& operation, hxf_transaction_h transactio
     if (device.power_on) Push(list, "power", *device.power_on);
     if (device.brightness) Push(list, "brightness", *device.brightness);
     Answer(kLights, transaction, list, HXF_ERROR_NONE);
-  };
-  Device& device = devices_.at(udn);
-  Call(device.power, "GetStatus", gupnp_service_proxy_action_new("GetStatus", nullptr),
-       [this, udn, failed, answer](GUPnPServiceProxyAction* action, const GError* error) {
-         gboolean on = FALSE;
-         GError* read_error = nullptr;
-         if (action == nullptr ||
-             !gupnp_service_proxy_action_get_result(action, &read_error, "ResultStatus",
-                                                    G_TYPE_BOOLEAN, &on, nullptr)) {
-           failed("GetStatus failed", error != nullptr ? error : read_error);
-           if (read_error != nullptr) g_error_free(read_error);
-           return;
-         }
-         const auto found = devices_.find(udn);
-         if (found == devices_.end() || found->second.dimming == nullptr) {
-           if (found != devices_.end()) found->second.power_on = on != FALSE;
-           answer();
-           return;
-         }
-         found->second.power_on = on != FALSE;
-         Call(found->second.dimming, "GetLoadLevelStatus",
-              gupnp_service_proxy_action_new("GetLoadLevelStatus", nullptr),
-              [this, udn, failed, answer](GUPnPServiceProxyAction* level_action,
-                                          const GError* level_error) {
-                guint level = 0;
-                GError* level_read_error = nullptr;
-                if (level_action == nullptr ||
-                    !gupnp_service_proxy_action_get_result(level_action, &level_read_error,
-                                                           "retLoadlevelStatus", G_TYPE_UINT,
-                                                           &level, nullptr)) {
-                  failed("GetLoadLevelStatus failed",
-                         level_error != nullptr ? level_error : level_read_error);
-                  if (level_read_error != nullptr) g_error_free(level_read_error);
-                  return;
-                }
-                const auto again = devices_.find(udn);
-                if (again != devices_.end()) again->second.brightness = level;
-                answer();
-              });
-       });
+  });
 }
 
 void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request, Device* device) {
@@ -207,24 +224,34 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
 // ---- GENA ----
 
 void Plugin::Subscribe(Device* device) {
+  if (!device->IsLight()) return;
   // GUPnP renews each subscription itself, on the interval the device granted.
-  if (device->power != nullptr) {
-    gupnp_service_proxy_add_notify(device->power, "Status", G_TYPE_BOOLEAN, &Plugin::OnNotify,
-                                   this);
-    gupnp_service_proxy_set_subscribed(device->power, TRUE);
-  }
+  gupnp_service_proxy_add_notify(device->power, "Status", G_TYPE_BOOLEAN, &Plugin::OnNotify, this);
+  gupnp_service_proxy_set_subscribed(device->power, TRUE);
   if (device->dimming != nullptr) {
     gupnp_service_proxy_add_notify(device->dimming, "LoadLevelStatus", G_TYPE_UINT,
                                    &Plugin::OnNotify, this);
     gupnp_service_proxy_set_subscribed(device->dimming, TRUE);
   }
+  // GUPnP drops a NOTIFY that comes before the answer to its SUBSCRIBE, and the device's
+  // first event often does: the state is read once, and told to watchers if it is news.
+  const std::string udn = device->endpoint.id;
+  ReadLight(udn, [this, udn](const std::string& failed, const GError* error, bool changed) {
+    const auto found = devices_.find(udn);
+    if (!failed.empty()) {
+      dlog_print(DLOG_WARN, kTag, "upnp: cannot read the state of %s: %s: %s\n", udn.c_str(),
+                 failed.c_str(), error != nullptr ? error->message : "no answer");
+      CheckAlive(udn);
+    } else if (changed && found != devices_.end()) {
+      NotifyState(found->second);
+    }
+  });
 }
 
 void Plugin::Unsubscribe(Device* device) {
-  if (device->power != nullptr) {
-    gupnp_service_proxy_remove_notify(device->power, "Status", &Plugin::OnNotify, this);
-    gupnp_service_proxy_set_subscribed(device->power, FALSE);
-  }
+  if (!device->IsLight()) return;  // as Subscribe
+  gupnp_service_proxy_remove_notify(device->power, "Status", &Plugin::OnNotify, this);
+  gupnp_service_proxy_set_subscribed(device->power, FALSE);
   if (device->dimming != nullptr) {
     gupnp_service_proxy_remove_notify(device->dimming, "LoadLevelStatus", &Plugin::OnNotify, this);
     gupnp_service_proxy_set_subscribed(device->dimming, FALSE);

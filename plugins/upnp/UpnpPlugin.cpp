@@ -1,9 +1,14 @@
 #include "UpnpPlugin.h"
 
 #include <dlfcn.h>
+#include <glib-unix.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "hxf_host_platform.h"
@@ -27,16 +32,6 @@ constexpr auto kDestroyWait = std::chrono::seconds(10);
 
 Plugin* Self(void* user_data) {
   return static_cast<Plugin*>(user_data);
-}
-
-std::string Text(const char* text) {
-  return text != nullptr ? text : "";
-}
-// For the getters that return a newly allocated string.
-std::string Take(char* text) {
-  std::string copy = Text(text);
-  g_free(text);
-  return copy;
 }
 
 std::string HostOf(const std::string& url) {
@@ -64,14 +59,15 @@ void PinLibraries() {
 
 void Plugin::Start() {
   PinLibraries();
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   thread_ = std::thread([this] { Run(); });
 }
 
 void Plugin::Stop() {
   Post([this] { Teardown(); });  // the last task: it ends the loop
   thread_.join();
-  std::vector<hxf_service_handler_h> handlers;
-  for (const auto& [name, handler] : handlers_) handlers.push_back(handler);
+  close(wake_fd_);
+  const hxf_plugin_kit::Handlers handlers(handlers_.begin(), handlers_.end());
   if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
     dlog_print(DLOG_ERROR, kTag, "upnp: handlers not destroyed in time\n");
 }
@@ -80,13 +76,20 @@ void Plugin::Post(Task task) {
   std::lock_guard<std::mutex> lock(post_mutex_);
   if (stopping_) return;
   posted_.push_back(std::move(task));
-  // Before the thread has its context, Run picks the tasks up.
-  if (context_ != nullptr && posted_.size() == 1)
-    g_main_context_invoke(context_, &Plugin::RunPosted, this);
+  // Only the eventfd is touched here, never GLib: the plugin thread's source watching it
+  // runs the queue. The queue itself is handed over under post_mutex_.
+  if (posted_.size() == 1) {
+    const uint64_t one = 1;
+    if (write(wake_fd_, &one, sizeof one) != sizeof one)
+      dlog_print(DLOG_ERROR, kTag, "upnp: cannot wake the plugin thread\n");
+  }
 }
 
-gboolean Plugin::RunPosted(gpointer self) {
+gboolean Plugin::RunPosted(gint fd, GIOCondition, gpointer self) {
   Plugin* plugin = Self(self);
+  uint64_t count = 0;
+  if (read(fd, &count, sizeof count) < 0 && errno != EAGAIN)
+    dlog_print(DLOG_ERROR, kTag, "upnp: cannot read the wake-up: %s\n", strerror(errno));
   std::deque<Task> tasks;
   {
     std::lock_guard<std::mutex> lock(plugin->post_mutex_);
@@ -97,18 +100,17 @@ gboolean Plugin::RunPosted(gpointer self) {
     std::lock_guard<std::mutex> lock(plugin->post_mutex_);
     if (plugin->stopping_) break;  // posted before the stop, but Teardown has run
   }
-  return G_SOURCE_REMOVE;
+  return G_SOURCE_CONTINUE;
 }
 
 void Plugin::Run() {
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);  // before any GUPnP object is made
   loop_ = g_main_loop_new(context, FALSE);
-  {
-    std::lock_guard<std::mutex> lock(post_mutex_);
-    context_ = context;
-    if (!posted_.empty()) g_main_context_invoke(context_, &Plugin::RunPosted, this);
-  }
+  // Tasks posted before this point left the eventfd readable: they run once the loop runs.
+  wake_source_ = g_unix_fd_source_new(wake_fd_, G_IO_IN);
+  g_source_set_callback(wake_source_, G_SOURCE_FUNC(&Plugin::RunPosted), this, nullptr);
+  g_source_attach(wake_source_, context);
   const bool ready = Setup();
   hxf_core_plugin_send_load_result(
       hxf_string_from_cstr(kName),
@@ -121,8 +123,9 @@ void Plugin::Run() {
   {
     std::lock_guard<std::mutex> lock(post_mutex_);
     stopping_ = true;
-    context_ = nullptr;
   }
+  g_source_destroy(wake_source_);
+  g_source_unref(wake_source_);
   g_main_loop_unref(loop_);
   g_main_context_pop_thread_default(context);
   g_main_context_unref(context);

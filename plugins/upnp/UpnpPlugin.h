@@ -27,6 +27,16 @@ namespace hxf_upnp {
 constexpr const char* kLights = "lights";
 constexpr const char* kRootDevices = "upnp";
 
+inline std::string Text(const char* text) {
+  return text != nullptr ? text : "";
+}
+// For the GUPnP getters that return a newly allocated string (transfer full).
+inline std::string Take(char* text) {
+  std::string copy = Text(text);
+  g_free(text);
+  return copy;
+}
+
 // What the plugin knows of one device; owned refs, released by Forget.
 struct Device {
   hxf_plugin_kit::EndpointInfo endpoint;  // id = UDN, address = host of the description URL
@@ -67,7 +77,8 @@ class Plugin {
 
   // Any thread: runs `task` on the plugin thread; dropped once the plugin is stopping.
   void Post(Task task);
-  static gboolean RunPosted(gpointer self);
+  // The plugin thread's source on wake_fd_: runs what was posted.
+  static gboolean RunPosted(gint fd, GIOCondition, gpointer self);
 
   // ---- plugin thread ----
   void Run();
@@ -100,6 +111,10 @@ class Plugin {
 
   // UpnpLights.cpp: the "lights" and "upnp" operations, and GENA events.
   void Describe(hxf_transaction_h transaction, const Device& device);
+  // Reads a light's power and brightness into its state; `done` gets what failed (empty on
+  // success) with the error, and whether a value read was news.
+  using ReadDone = std::function<void(const std::string& failed, const GError*, bool changed)>;
+  void ReadLight(const std::string& udn, ReadDone done);
   void GetLight(const std::string& operation, hxf_transaction_h transaction,
                 const std::string& udn);
   void SetLight(hxf_transaction_h transaction, hxf_property_list_h request, Device* device);
@@ -132,13 +147,14 @@ class Plugin {
   static void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h, void*) {}
 
   std::thread thread_;
-  std::mutex post_mutex_;  // guards posted_, stopping_ and context_ for Post from any thread
+  std::mutex post_mutex_;  // guards posted_ and stopping_ for Post from any thread
   std::deque<Task> posted_;
   bool stopping_ = false;
-  GMainContext* context_ = nullptr;  // created and finally unreferenced by the plugin thread
+  int wake_fd_ = -1;  // an eventfd: made by Start, closed by Stop after the thread has ended
 
   // Plugin thread only (the handlers are read by Stop after the thread has ended).
   GMainLoop* loop_ = nullptr;
+  GSource* wake_source_ = nullptr;
   GCancellable* cancellable_ = nullptr;
   GUPnPContextManager* manager_ = nullptr;
   std::vector<GUPnPControlPoint*> control_points_;

@@ -1,15 +1,16 @@
 // The simulator plugin through the public API, as an application uses it.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
 
 #include "EventLog.h"
 #include "Eventually.h"
+#include "Mapped.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::Eventually;
+using HXFramework::Test::Mapped;
 
 namespace {
 
@@ -33,19 +34,6 @@ std::string Render(hxf_property_list_h list) {
     if (hxf_property_get_string(p, &s, nullptr) == HXF_ERROR_NONE) text += s;
   }
   return text;
-}
-
-// Whether a file of that name is mapped into this process.
-bool Mapped(const std::string& file_name) {
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    if (line.size() >= file_name.size() &&
-        line.compare(line.size() - file_name.size(), file_name.size(), file_name) == 0) {
-      return true;
-    }
-  }
-  return false;
 }
 
 class SimPlugin : public ::testing::Test {
@@ -115,6 +103,23 @@ TEST_F(SimPlugin, AnUnloadedSimulatorIsNoLongerMappedAndLoadsAgain) {
   EXPECT_TRUE(Mapped(file));
   hxf_core_client_start_active_search(client_, Str("lights"), &OnFound, 5000, &events_);
   EXPECT_TRUE(events_.WaitCount("found ceiling-1", 1));
+}
+
+// Each unloaded copy's handlers leave their services, so whatever the handles' order, the
+// session goes to the handler of the copy now loaded.
+TEST_F(SimPlugin, AfterEveryReloadASessionReachesTheSimulatorNowLoaded) {
+  for (int round = 2; round <= 6; ++round) {
+    SCOPED_TRACE("load " + std::to_string(round));
+    ASSERT_EQ(hxf_core_plugin_unload(Str("sim")), HXF_ERROR_NONE);
+    ASSERT_EQ(hxf_core_plugin_load(Str("sim"), &OnLoaded, &loaded_), HXF_ERROR_NONE);
+    ASSERT_TRUE(loaded_.WaitCount("loaded 0", round));
+    hxf_service_session_h session =
+        hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+    ASSERT_NE(session, nullptr);
+    Send(session, "get", Id("lamp-1"));
+    ASSERT_TRUE(events_.WaitCount(
+        "result 0 get device_id=lamp-1 power=true brightness=70 color=warm", round - 1));
+  }
 }
 
 TEST_F(SimPlugin, SearchReportsTheDevicesOfAServiceOneByOne) {

@@ -6,13 +6,10 @@
 #include <vector>
 
 #include "FakeClient.h"
+#include "Str.h"
 #include "hxf_core.h"
 
 namespace HXFramework::Test {
-
-inline hxf_string Str(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
 
 inline hxf_endpoint_h MakeEndpoint(const std::string& service, const std::string& device_id) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(Str(service));

@@ -4,10 +4,11 @@
 # gupnp-network-light (under Xvfb) and minidlna in the device namespace, the hxf tool with
 # --plugin upnp in the other. Nothing leaves the namespaces; every process is stopped by its
 # PID and the namespaces are removed on every way out.
-# Usage: test_upnp.sh HXF_BINARY CASE        (exit 77: skipped, with the reason)
+# Usage: test_upnp.sh HXF_BINARY CASE [RELOAD_TEST_BINARY]   (exit 77: skipped, with the reason)
 set -u
 hxf=$1
 case_name=$2
+reload_test=${3:-}
 skip() { echo "SKIP [$case_name]: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
 for tool in ip Xvfb gupnp-network-light minidlnad; do
@@ -31,7 +32,7 @@ cleanup() {
 trap cleanup EXIT
 fail() {
   echo "FAIL [$case_name]: $*"
-  for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -30 "$f"; }; done
+  for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -${HXF_TAIL:-30} "$f"; }; done
   exit 1
 }
 
@@ -136,7 +137,9 @@ case "$case_name" in
     [ "$code" = 1 ] || fail "exit code $code, expected 1"
     grep -q '^hxf: set on lights failed: brightness 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)$' "$work/refuse.err" ||
       fail "no refusal"
-    grep -q 'upnp: SOAP ' "$work/refuse.err" && fail "a refused set still made a SOAP call"
+    # The light's state is read once found (GetStatus, GetLoadLevelStatus); no Set... is sent.
+    grep -q 'upnp: SOAP GetStatus ' "$work/refuse.err" || fail "the SOAP calls are not logged at debug level"
+    grep -q 'upnp: SOAP Set' "$work/refuse.err" && fail "a refused set still made a SOAP call"
     "${hxf_upnp[@]}" --log-level debug request lights get >"$work/get.out" 2>"$work/get.err" || fail "get failed"
     grep -q 'upnp: SOAP GetStatus to http://169.254.77.1:' "$work/get.err" || fail "the SOAP calls are not logged at debug level"
     "${hxf_upnp[@]}" request lights set colour=red 2>"$work/unknown.err"
@@ -147,9 +150,9 @@ case "$case_name" in
     "${hxf_upnp[@]}" request lights set power=false >/dev/null 2>&1 || fail "set power=false failed"
     "${hxf_upnp[@]}" --json --log-level info watch lights --for 8000 >"$work/watch.out" 2>"$work/watch.err" &
     pids+=($!)
-    # Found, and its events subscribed to; then the change must reach the watcher, as the
-    # device's first event or as the event of the change.
-    await_line "$work/watch.err" 10 '^HXF_UPNP: upnp: found Hall light .*, a light$'
+    # The watcher is told the light's state once it has subscribed (the first GENA event,
+    # or the plugin's own read when GUPnP dropped that event); then a change must reach it.
+    await_line "$work/watch.out" 10 '"event":"notification".*"power":false'
     "${hxf_upnp[@]}" request lights set power=true >/dev/null 2>&1 || fail "set power=true failed"
     await_line "$work/watch.out" 10 '"event":"notification".*"power":true'
     ;;
@@ -160,6 +163,14 @@ case "$case_name" in
   listen-expiry)
     # SIGKILL: no byebye. minidlna announces max-age 2 * notify_interval + 10 = 20 s.
     expect_departure KILL 40 expiry
+    ;;
+  reload)
+    # Load, use and unload the plugin five times in one process (a GoogleTest program).
+    start_light
+    ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if" HXF_UPNP_TEST_NETWORK=1 HXF_LOG_LEVEL=${HXF_LOG_LEVEL:-warn} "$reload_test" \
+      >"$work/reload.out" 2>"$work/reload.err" || fail "the reload test failed"
+    grep -q '^\[  PASSED  \] 1 test' "$work/reload.out" || fail "the reload test did not run"
+    grep '^round ' "$work/reload.out"
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

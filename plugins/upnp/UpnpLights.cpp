@@ -242,7 +242,7 @@ void Plugin::Subscribe(Device* device) {
       dlog_print(DLOG_WARN, kTag, "upnp: cannot read the state of %s: %s: %s\n", udn.c_str(),
                  failed.c_str(), error != nullptr ? error->message : "no answer");
       CheckAlive(udn);
-    } else if (changed && found != devices_.end()) {
+    } else if (found != devices_.end() && (changed || !found->second.announced)) {
       NotifyState(found->second);
     }
   });
@@ -269,12 +269,15 @@ void Plugin::OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* va
     } else {
       continue;
     }
-    plugin->NotifyState(device);
+    // Each service sends its first event on its own: watchers hear of the light once
+    // both are known (or once the plugin's own read has them).
+    if (device.StateKnown()) plugin->NotifyState(device);
     return;
   }
 }
 
-void Plugin::NotifyState(const Device& device) {
+void Plugin::NotifyState(Device& device) {
+  device.announced = true;
   hxf_property_list_h state = hxf_property_list_create(hxf_string_from_cstr("state"));
   Push(state, "device_id", device.endpoint.id);
   if (device.power_on) Push(state, "power", *device.power_on);

@@ -48,6 +48,10 @@ struct Device {
   GUPnPServiceProxy* dimming = nullptr;  // Dimming:1, or null
   std::optional<bool> power_on;          // last known, from answers and events
   std::optional<int64_t> brightness;
+  bool announced = false;  // its state has been told to watchers once
+
+  // Power known, and the level too where it can be dimmed: the state watchers are told.
+  bool StateKnown() const { return power_on && (dimming == nullptr || brightness); }
 
   bool IsRoot() const { return root_udn == endpoint.id; }
   bool IsLight() const { return power != nullptr; }
@@ -122,7 +126,7 @@ class Plugin {
   void Unsubscribe(Device* device);
   static void OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                        gpointer self);
-  void NotifyState(const Device& device);
+  void NotifyState(Device& device);
   // A SOAP call of `operation` failed: answers OPERATION_FAILED with `what` and the error,
   // then checks whether the device is still there.
   void CallFailed(const std::string& operation, hxf_transaction_h transaction,

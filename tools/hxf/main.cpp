@@ -28,6 +28,7 @@ const char kFooter[] =
     "Environment:\n"
     "  HXF_LOG_LEVEL   debug, info or error: show the core's log on stderr (as --log-level)\n"
     "  HXF_SIM_CONFIG  a JSON file that replaces the simulator's devices\n"
+    "  HXF_UPNP_IFACE  the one network interface the UPnP plugin uses (default: all)\n"
     "\n"
     "Exit codes: 0 ok, 1 the operation failed or timed out, 2 usage error, 130 interrupted.\n"
     "\n"

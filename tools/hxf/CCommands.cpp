@@ -25,13 +25,6 @@ std::string Ms(uint32_t ms) {
   return std::to_string(ms) + " ms";
 }
 
-bool IsDeparture(const Device& device) {
-  return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos;
-}
-bool IsArrival(const Device& device) {
-  return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos;
-}
-
 const std::regex kAssignment(R"(^([A-Za-z_][A-Za-z0-9_.-]*)=(.*)$)");
 const std::regex kInteger(R"(^[-+]?[0-9]+$)");
 const std::regex kDecimal(R"(^[-+]?([0-9]+\.[0-9]*|\.[0-9]+)([eE][-+]?[0-9]+)?$)");

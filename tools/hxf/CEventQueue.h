@@ -5,21 +5,12 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "CoreValues.h"
+
 namespace hxf_tool {
-
-struct Device {
-  std::string service, id, name, interface_name, interface_type, address, ui_meta;
-};
-
-// A property as the core delivered it: bool, 64-bit integer, double or text, kept exactly.
-struct PropertyValue {
-  std::string name;
-  nlohmann::json value;
-};
 
 struct Event {
   enum Kind { kLoaded, kFound, kList, kResult, kNotification, kInterrupt };

@@ -16,9 +16,6 @@ namespace {
 
 constexpr auto kLoadWait = std::chrono::seconds(10);
 
-std::string Copy(hxf_string text) {
-  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
-}
 CToolRuntime* Self(void* user_data) {
   return static_cast<CToolRuntime*>(user_data);
 }
@@ -29,49 +26,6 @@ sigset_t StopSignals() {
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
   return set;
-}
-
-Device ReadDevice(hxf_endpoint_h e) {
-  return Device{hxf_endpoint_get_service_name(e),   hxf_endpoint_get_device_id(e),
-                hxf_endpoint_get_device_name(e),    hxf_endpoint_get_interface_name(e),
-                hxf_endpoint_get_interface_type(e), hxf_endpoint_get_address(e),
-                hxf_endpoint_get_ui_meta(e)};
-}
-
-std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
-  std::vector<PropertyValue> properties;
-  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
-       p = hxf_property_list_get_next(list, p)) {
-    PropertyValue property{hxf_property_get_name(p), nullptr};
-    switch (hxf_property_get_type(p)) {
-      case HXF_PROPERTY_TYPE_BOOL: {
-        bool v = false;
-        hxf_property_get_bool(p, &v);
-        property.value = v;
-        break;
-      }
-      case HXF_PROPERTY_TYPE_INT: {
-        int64_t v = 0;
-        hxf_property_get_int(p, &v);
-        property.value = v;
-        break;
-      }
-      case HXF_PROPERTY_TYPE_DOUBLE: {
-        double v = 0;
-        hxf_property_get_double(p, &v);
-        property.value = v;  // written back shortest-exact: it reads back as the same double
-        break;
-      }
-      default: {
-        const char* v = "";
-        uint32_t length = 0;
-        hxf_property_get_string(p, &v, &length);
-        property.value = std::string(v, length);
-      }
-    }
-    properties.push_back(std::move(property));
-  }
-  return properties;
 }
 
 Event MakeEvent(Event::Kind kind, const std::string& name, int code) {
@@ -111,26 +65,17 @@ std::string LoadFailureReason(const std::string& plugin) {
   return reason;
 }
 
-int Threshold(const std::string& level) {
-  if (level == "debug") return DLOG_DEBUG;
-  if (level == "info") return DLOG_INFO;
-  if (level == "error") return DLOG_ERROR;
-  return DLOG_SILENT;
-}
-
 }  // namespace
 
 void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* self) {
-  const bool core_line =
-      std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
-  if (priority < Self(self)->log_threshold_ && (core_line || priority < DLOG_ERROR)) return;
+  if (!ShowLogLine(priority, tag, Self(self)->log_threshold_)) return;
   std::string line = std::string(tag) + ": " + text;
   if (!line.empty() && line.back() == '\n') line.pop_back();
   Self(self)->out_.Log(line);
 }
 
 CToolRuntime::CToolRuntime(const std::string& log_level, const COutput& out)
-    : log_threshold_(Threshold(log_level)), out_(out) {
+    : log_threshold_(LogThreshold(log_level)), out_(out) {
   hxf_host_log_set_sink(&CToolRuntime::OnLog, this);
   sigset_t set = StopSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on

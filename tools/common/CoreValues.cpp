@@ -1,0 +1,76 @@
+#include "CoreValues.h"
+
+#include <cstring>
+
+#include "hxf_host_platform.h"
+
+namespace hxf_tool {
+
+std::string Copy(hxf_string text) {
+  return text.str != nullptr ? std::string(text.str, text.len) : std::string();
+}
+
+Device ReadDevice(hxf_endpoint_h e) {
+  return Device{hxf_endpoint_get_service_name(e),   hxf_endpoint_get_device_id(e),
+                hxf_endpoint_get_device_name(e),    hxf_endpoint_get_interface_name(e),
+                hxf_endpoint_get_interface_type(e), hxf_endpoint_get_address(e),
+                hxf_endpoint_get_ui_meta(e)};
+}
+
+std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
+  std::vector<PropertyValue> properties;
+  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
+       p = hxf_property_list_get_next(list, p)) {
+    PropertyValue property{hxf_property_get_name(p), nullptr};
+    switch (hxf_property_get_type(p)) {
+      case HXF_PROPERTY_TYPE_BOOL: {
+        bool v = false;
+        hxf_property_get_bool(p, &v);
+        property.value = v;
+        break;
+      }
+      case HXF_PROPERTY_TYPE_INT: {
+        int64_t v = 0;
+        hxf_property_get_int(p, &v);
+        property.value = v;
+        break;
+      }
+      case HXF_PROPERTY_TYPE_DOUBLE: {
+        double v = 0;
+        hxf_property_get_double(p, &v);
+        property.value = v;  // written back shortest-exact: it reads back as the same double
+        break;
+      }
+      default: {
+        const char* v = "";
+        uint32_t length = 0;
+        hxf_property_get_string(p, &v, &length);
+        property.value = std::string(v, length);
+      }
+    }
+    properties.push_back(std::move(property));
+  }
+  return properties;
+}
+
+bool IsDeparture(const Device& device) {
+  return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos;
+}
+bool IsArrival(const Device& device) {
+  return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos;
+}
+
+int LogThreshold(const std::string& level) {
+  if (level == "debug") return DLOG_DEBUG;
+  if (level == "info") return DLOG_INFO;
+  if (level == "error") return DLOG_ERROR;
+  return DLOG_SILENT;
+}
+
+bool ShowLogLine(int priority, const char* tag, int threshold) {
+  const bool core_line =
+      std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
+  return priority >= threshold || (!core_line && priority >= DLOG_ERROR);
+}
+
+}  // namespace hxf_tool

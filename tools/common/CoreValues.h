@@ -1,0 +1,37 @@
+// The core's endpoints and property lists as plain values, copied out of a callback so that
+// no handle outlives it. Shared by the hxf tool and the hxfd daemon.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "hxf_core.h"
+
+namespace hxf_tool {
+
+struct Device {
+  std::string service, id, name, interface_name, interface_type, address, ui_meta;
+};
+
+// A property as the core delivered it: bool, 64-bit integer, double or text, kept exactly.
+struct PropertyValue {
+  std::string name;
+  nlohmann::json value;
+};
+
+std::string Copy(hxf_string text);
+Device ReadDevice(hxf_endpoint_h endpoint);
+std::vector<PropertyValue> ReadProperties(hxf_property_list_h list);
+// Whether the provider marked the device as gone ("left") or new ("arrived") in its UI meta
+// data, as a listen reports it.
+bool IsDeparture(const Device& device);
+bool IsArrival(const Device& device);
+
+// The platform log priority that `level` (debug, info, error, or empty for none) shows from.
+int LogThreshold(const std::string& level);
+// Whether a log line is shown: the core's own lines from the threshold up; a plugin's error
+// lines always, so that a failed load says why.
+bool ShowLogLine(int priority, const char* tag, int threshold);
+
+}  // namespace hxf_tool

@@ -1,0 +1,151 @@
+// hxfd: the broker as a D-Bus service. Loads the plugins named on its command line and
+// serves org.hxf.Broker on the session bus, the system bus or a given address until SIGTERM
+// or SIGINT.
+#include <signal.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CBusBroker.h"
+#include "CoreValues.h"
+#include "hxf_core.h"
+#include "hxf_core_version.h"
+#include "hxf_host_platform.h"
+
+namespace {
+
+struct Options {
+  bool system = false;
+  std::string address;
+  std::vector<std::string> plugins{"sim"};
+  std::string log_level;
+};
+
+int g_log_threshold = DLOG_SILENT;
+
+// The log lines chosen by --log-level (and a plugin's errors) on stderr.
+void OnLog(int priority, const char* tag, const char* text, void*) {
+  if (!hxf_tool::ShowLogLine(priority, tag, g_log_threshold)) return;
+  std::fprintf(stderr, "%s: %s%s", tag, text,
+               *text != '\0' && text[std::strlen(text) - 1] == '\n' ? "" : "\n");
+}
+
+// Loads each plugin and waits for its load result.
+bool LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* broker) {
+  struct Loads {
+    std::mutex mutex;  // guards results: the core's thread adds, main waits
+    std::condition_variable done;
+    std::vector<std::pair<std::string, bool>> results;
+  } loads;
+  const auto loaded = [](hxf_string name, hxf_plugin_load_result_e result, void* data) {
+    auto* l = static_cast<Loads*>(data);
+    std::lock_guard<std::mutex> lock(l->mutex);
+    l->results.emplace_back(std::string(name.str, name.len),
+                            result == HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+    l->done.notify_all();
+  };
+  for (const std::string& plugin : plugins) {
+    const size_t before = loads.results.size();
+    if (hxf_core_plugin_load(hxf_string{plugin.c_str(), static_cast<uint32_t>(plugin.size())},
+                             loaded, &loads) != HXF_ERROR_NONE) {
+      std::fprintf(stderr, "hxfd: cannot load plugin %s\n", plugin.c_str());
+      return false;
+    }
+    std::unique_lock<std::mutex> lock(loads.mutex);
+    if (!loads.done.wait_for(lock, std::chrono::seconds(10),
+                             [&] { return loads.results.size() > before; })) {
+      std::fprintf(stderr, "hxfd: plugin %s did not report its load in 10 s\n", plugin.c_str());
+      return false;
+    }
+    const bool ok = loads.results.back().second;
+    broker->PluginLoaded(plugin, ok);
+    if (!ok) {
+      std::fprintf(stderr, "hxfd: plugin %s failed to load\n", plugin.c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+int Connect(const Options& options, sd_bus** bus) {
+  if (!options.address.empty()) {
+    int r = sd_bus_new(bus);
+    if (r >= 0) r = sd_bus_set_address(*bus, options.address.c_str());
+    if (r >= 0) r = sd_bus_set_bus_client(*bus, 1);
+    if (r >= 0) r = sd_bus_start(*bus);
+    return r;
+  }
+  return options.system ? sd_bus_open_system(bus) : sd_bus_open_user(bus);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app{"hxfd: the hxf broker on D-Bus (org.hxf.Broker)"};
+  app.set_version_flag("--version", std::string("hxfd ") + HXF_CORE_VERSION_STRING);
+  auto* system = app.add_flag("--system", options.system, "serve on the system bus");
+  app.add_option("--address", options.address, "serve on the bus at this D-Bus address")
+      ->excludes(system);
+  app.add_option("--plugin", options.plugins, "a plugin to load (repeatable; default: sim)");
+  app.add_option("--log-level", options.log_level, "show the core's log: debug, info or error")
+      ->check(CLI::IsMember({"debug", "info", "error"}));
+  CLI11_PARSE(app, argc, argv);
+  g_log_threshold = hxf_tool::LogThreshold(options.log_level);
+
+  // Blocked before any thread exists, so that no pool thread of the core takes them: the
+  // event loop reads them.
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+
+  sd_event* event = nullptr;
+  sd_bus* bus = nullptr;
+  int r = sd_event_default(&event);
+  if (r >= 0) r = Connect(options, &bus);
+  if (r < 0) {
+    std::fprintf(stderr, "hxfd: cannot connect to the bus: %s\n", std::strerror(-r));
+    return 1;
+  }
+  sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);  // no handler: exit the loop
+  sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+  sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+
+  hxf_host_log_set_sink(&OnLog, nullptr);
+  hxf_core_initialize();
+  int code = 0;
+  {
+    hxfd::CBusBroker broker(bus, event);
+    r = broker.Start();
+    if (r < 0) {
+      std::fprintf(stderr, "hxfd: cannot serve %s: %s\n", hxfd::kBusName, std::strerror(-r));
+      code = 1;
+    } else if (!LoadPlugins(options.plugins, &broker)) {
+      code = 1;
+    } else {
+      std::fprintf(stderr, "hxfd: serving %s\n", hxfd::kBusName);
+      r = sd_event_loop(event);
+      if (r < 0) {
+        std::fprintf(stderr, "hxfd: the event loop failed: %s\n", std::strerror(-r));
+        code = 1;
+      }
+    }
+    broker.Stop();  // every caller's client destroyed
+    hxf_core_plugin_unload_all();
+  }
+  hxf_core_finalize();
+  sd_bus_flush_close_unref(bus);
+  sd_event_unref(event);
+  std::fprintf(stderr, "hxfd: stopped\n");
+  return code;
+}

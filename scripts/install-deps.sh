@@ -11,6 +11,8 @@
 #                 Installing minidlna must not start the system's media server, which would
 #                 announce itself on the machine's real network: services are kept from
 #                 starting during the install (policy-rc.d).
+#   dbus        + sd-bus (hxfd), and the real D-Bus parts its tests use: dbus-daemon, busctl,
+#                 gdbus, python3-dbus
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
@@ -22,6 +24,8 @@ for group in "$@"; do
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
     upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb
       iproute2) ;;
+    dbus) packages+=(pkg-config libsystemd-dev dbus-daemon systemd libglib2.0-bin python3-dbus
+      python3-gi) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done

@@ -186,6 +186,11 @@ const sd_bus_vtable kBrokerVtable[] = {
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("Subscribe", "s", SD_BUS_PARAM(service), "o", SD_BUS_PARAM(session),
                              &CBusBroker::OnSubscribe, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("Request", "ssa{sv}u",
+                             SD_BUS_PARAM(service) SD_BUS_PARAM(operation) SD_BUS_PARAM(properties)
+                                 SD_BUS_PARAM(timeout_ms),
+                             "a{sv}", SD_BUS_PARAM(result), &CBusBroker::OnDirectRequest,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("Monitor", "", "", &CBusBroker::OnMonitor, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
 
@@ -308,7 +313,7 @@ CBusBroker::Caller* CBusBroker::CallerOf(sd_bus_message* message, sd_bus_error* 
            std::string("cannot follow ") + sender + ": " + std::strerror(-r));
     return nullptr;
   }
-  return &callers_.emplace(sender, caller).first->second;
+  return &callers_.emplace(sender, std::move(caller)).first->second;
 }
 
 int CBusBroker::OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
@@ -328,7 +333,7 @@ int CBusBroker::OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*)
 void CBusBroker::ForgetCaller(const std::string& name) {
   auto found = callers_.find(name);
   if (found == callers_.end()) return;
-  Caller caller = found->second;
+  Caller caller = std::move(found->second);
   callers_.erase(found);
   monitors_.erase(name);
   for (const std::string& path : caller.objects) RemoveObject(path);
@@ -416,7 +421,7 @@ void CBusBroker::Monitor(const std::string& type, const std::string& caller,
   const uint64_t now = NowUs();
   for (const std::string& monitor : monitors_) {
     SendTo(monitor, kBrokerPath, kMonitorInterface, "Event", [&](sd_bus_message* m) {
-      const int r = sd_bus_message_append(m, "tssssT", now, type.c_str(), caller.c_str(),
+      const int r = sd_bus_message_append(m, "tsssst", now, type.c_str(), caller.c_str(),
                                           service.c_str(), operation.c_str(), transaction);
       return r < 0 ? r : payload(m);
     });
@@ -576,6 +581,39 @@ int CBusBroker::OnRequest(sd_bus_message* m, void* userdata, sd_bus_error* error
   auto* session = static_cast<Session*>(userdata);
   CBusBroker* broker = session->broker;
   if (broker->Owned(broker->sessions_, m, userdata, error) == nullptr) return -EACCES;
+  return broker->SendRequest(m, *session, error);
+}
+
+int CBusBroker::OnDirectRequest(sd_bus_message* m, void* self, sd_bus_error* error) {
+  CBusBroker* broker = Self(self);
+  const char* service = nullptr;
+  int r = sd_bus_message_read(m, "s", &service);
+  if (r < 0) return r;
+  if (*service == '\0')
+    return Refuse(error, ErrorName(HXF_ERROR_INVALID_SERVICE_NAME), "the service name is empty");
+  Caller* caller = broker->CallerOf(m, error);
+  if (caller == nullptr) return -EINVAL;
+  // One session per caller and service, made on first use and kept while the caller is on
+  // the bus; it has no object, so its notifications go nowhere.
+  std::unique_ptr<Session>& session = caller->direct[service];
+  if (session == nullptr) {
+    auto made = std::make_unique<Session>();
+    made->owner = sd_bus_message_get_sender(m);
+    made->service = service;
+    made->broker = broker;
+    made->handle = hxf_core_client_subscribe_service(caller->client, View(made->service),
+                                                     &CBusBroker::OnNotification, self);
+    if (made->handle == nullptr) {
+      caller->direct.erase(service);
+      return Refuse(error, ErrorName(HXF_ERROR_NOT_FOUND),
+                    std::string("no provider offers ") + service + " (is its plugin loaded?)");
+    }
+    session = std::move(made);
+  }
+  return broker->SendRequest(m, *session, error);
+}
+
+int CBusBroker::SendRequest(sd_bus_message* m, const Session& session, sd_bus_error* error) {
   const char* operation = nullptr;
   int r = sd_bus_message_read(m, "s", &operation);
   if (r < 0) return r;
@@ -590,20 +628,20 @@ int CBusBroker::OnRequest(sd_bus_message* m, void* userdata, sd_bus_error* error
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER),
                   "timeout_ms " + std::to_string(timeout_ms) + " must be above 0 and below " +
                       std::to_string(kCallTimeoutMs) + " (the D-Bus call would time out first)");
-  auto caller = broker->callers_.find(session->owner);
-  if (caller == broker->callers_.end()) return -ENOENT;
+  auto caller = callers_.find(session.owner);
+  if (caller == callers_.end()) return -ENOENT;
   hxf_transaction_h transaction = nullptr;
   const hxf_error_e sent =
-      hxf_core_client_request_service(caller->second.client, session->handle, list.get(),
-                                      &CBusBroker::OnResult, timeout_ms, &transaction, broker);
+      hxf_core_client_request_service(caller->second.client, session.handle, list.get(),
+                                      &CBusBroker::OnResult, timeout_ms, &transaction, this);
   if (sent != HXF_ERROR_NONE)
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is posted to this thread, so it is handled after this entry exists.
-  broker->requests_[transaction] = Call{sd_bus_message_ref(m), session->owner, session->service};
+  requests_[transaction] = Call{sd_bus_message_ref(m), session.owner, session.service};
   const std::vector<PropertyValue> sent_properties = hxf_tool::ReadProperties(list.get());
-  broker->Monitor("request", session->owner, session->service, operation,
-                  reinterpret_cast<uintptr_t>(transaction),
-                  [&](sd_bus_message* mm) { return AppendProperties(mm, sent_properties); });
+  Monitor("request", session.owner, session.service, operation,
+          reinterpret_cast<uintptr_t>(transaction),
+          [&](sd_bus_message* mm) { return AppendProperties(mm, sent_properties); });
   return 1;  // answered by Answered
 }
 

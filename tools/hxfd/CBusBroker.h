@@ -50,10 +50,17 @@ class CBusBroker {
   void PluginLoaded(const std::string& name, bool ok);
 
  private:
+  struct Session {  // org.hxf.Session1
+    std::string path, owner, service;
+    hxf_service_session_h handle = nullptr;
+    CBusBroker* broker = nullptr;
+    sd_bus_slot* slot = nullptr;
+  };
   struct Caller {
     hxf_client_h client = nullptr;
     sd_bus_slot* gone = nullptr;  // the NameOwnerChanged match for this name
     std::set<std::string> objects;
+    std::map<std::string, std::unique_ptr<Session>> direct;  // Broker1.Request's, by service
   };
   struct Watch {  // a search or a listen: org.hxf.Search1
     std::string path, owner, service;
@@ -62,12 +69,6 @@ class CBusBroker {
     CBusBroker* broker = nullptr;
     sd_bus_slot* slot = nullptr;
     sd_event_source* timer = nullptr;  // a search's own deadline
-  };
-  struct Session {  // org.hxf.Session1
-    std::string path, owner, service;
-    hxf_service_session_h handle = nullptr;
-    CBusBroker* broker = nullptr;
-    sd_bus_slot* slot = nullptr;
   };
   struct Call {                         // a method call answered later
     sd_bus_message* message = nullptr;  // referenced
@@ -110,11 +111,16 @@ class CBusBroker {
   static int OnMonitor(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnStop(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnRequest(sd_bus_message* m, void* self, sd_bus_error* error);
+  // Broker1.Request: a request on the caller's own session of the service, for callers that
+  // make one call per connection (busctl, gdbus, scripts).
+  static int OnDirectRequest(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnClose(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error* error);
 
  private:
   int StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error);
+  // Reads "sa{sv}u" (operation, properties, time-out) from `m` and sends the request.
+  int SendRequest(sd_bus_message* m, const Session& session, sd_bus_error* error);
   static int OnWatchTimer(sd_event_source*, uint64_t, void* watch);
 
   // The core's callbacks (pool threads): copy and Post.

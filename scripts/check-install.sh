@@ -8,11 +8,12 @@
 #   - both examples build against the prefix, through pkg-config and through find_package,
 #     and run together: the consumer gets its greeting from the example plugin;
 #   - the installed hxf tool finds the simulator's devices.
+#   - the installed D-Bus service file starts the installed hxfd when a caller names it.
 # Usage: scripts/check-install.sh   (installs what is missing first)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
-scripts/install-deps.sh install
+scripts/install-deps.sh install dbus  # dbus: hxfd and its activation check
 
 work=$(mktemp -d /tmp/hxf-install.XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -69,6 +70,38 @@ echo "--- the installed tool" >&2
 "$prefix/bin/hxf" search lights --timeout 500 > "$work/search.out" ||
   fail "hxf search failed: $(cat "$work/search.out")"
 grep -q "^lamp-1 " "$work/search.out" || fail "hxf finds no lamp: $(cat "$work/search.out")"
+
+echo "--- hxfd started by D-Bus activation from the installed service file" >&2
+cat >"$work/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=$work/bus</listen>
+  <auth>EXTERNAL</auth>
+  <servicedir>$prefix/share/dbus-1/services</servicedir>
+  <policy context="default">
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+CONF
+dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/bus.address" 2>/dev/null &
+bus_pid=$!
+trap 'kill "$bus_pid" 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do [ -s "$work/bus.address" ] && break; sleep 0.05; done
+bus=(--address="unix:path=$work/bus")
+busctl "${bus[@]}" call org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 GetDevices su lights 2000 \
+  >"$work/activated.out" || fail "no answer from an activated hxfd"
+grep -q '"lamp-1"' "$work/activated.out" || fail "the activated hxfd lists no lamp"
+broker_pid=$(busctl "${bus[@]}" call org.freedesktop.DBus /org/freedesktop/DBus \
+  org.freedesktop.DBus GetConnectionUnixProcessID s org.hxf.Broker | cut -d' ' -f2)
+kill -TERM "$broker_pid"
+for _ in $(seq 100); do kill -0 "$broker_pid" 2>/dev/null || break; sleep 0.05; done
+kill -0 "$broker_pid" 2>/dev/null && fail "the activated hxfd did not stop on SIGTERM"
+kill "$bus_pid"
+wait "$bus_pid" 2>/dev/null
 
 echo "--- examples through pkg-config" >&2
 cp -r examples "$work/pc"

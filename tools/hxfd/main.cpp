@@ -120,6 +120,7 @@ int main(int argc, char** argv) {
   sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);  // no handler: exit the loop
   sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
   sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+  sd_bus_set_exit_on_disconnect(bus, 1);  // the bus went away: nothing left to serve
 
   hxf_host_log_set_sink(&OnLog, nullptr);
   hxf_core_initialize();

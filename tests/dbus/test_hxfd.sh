@@ -147,6 +147,31 @@ PY
     [ "$code" = 0 ] || fail "hxfd exited with $code after SIGTERM"
     grep -qx 'hxfd: stopped' "$work/hxfd.err" || fail "hxfd did not stop cleanly"
     ;;
+  python-example)
+    "$python" "$here/../../examples/remote_consumer.py" --address "$address" --brightness 45 \
+      >"$work/example.out" 2>"$work/example.err" || fail "the example failed"
+    grep -qx 'found lamp-1 (Desk lamp) at 192.168.1.21' "$work/example.out" || fail "no lamp found"
+    grep -qx 'set answered: brightness=45' "$work/example.out" || fail "no answer to the set"
+    grep -q '^notification state: brightness=45, color=warm, device_id=lamp-1, power=true (error 0)$' \
+      "$work/example.out" || fail "no notification"
+    ;;
+  roundtrip)
+    # Requests through hxfd, one after another on one session: the time per round trip.
+    "$python" - "$address" >"$work/roundtrip.out" 2>"$work/roundtrip.err" <<'PY' || fail "python failed"
+import sys, time, dbus
+bus = dbus.bus.BusConnection(sys.argv[1])
+broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
+session = dbus.Interface(bus.get_object("org.hxf.Broker", broker.Subscribe("lights")), "org.hxf.Session1")
+for _ in range(20):
+    session.Request("get", {"device_id": "lamp-1"}, dbus.UInt32(2000))
+n = 500
+start = time.perf_counter()
+for _ in range(n):
+    session.Request("get", {"device_id": "lamp-1"}, dbus.UInt32(2000))
+print("round trip through hxfd: %.0f us per request (%d requests, python3-dbus)" % ((time.perf_counter() - start) / n * 1e6, n))
+PY
+    cat "$work/roundtrip.out"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

@@ -109,7 +109,8 @@ PY
     gdbus call --address "$address" --dest org.hxf.Broker --object-path /org/hxf/Broker \
       --method org.hxf.Broker1.Request audio get "{'device_id': <'radio-1'>}" 300 \
       >"$work/late.out" 2>"$work/late.err" && fail "the unresponsive radio answered"
-    grep -q 'org.hxf.Error.TimedOut' "$work/late.err" || fail "the time-out is not org.hxf.Error.TimedOut"
+    grep -q 'org.hxf.Error.TimedOut: no answer to get in time' "$work/late.err" ||
+      fail "the time-out is not org.hxf.Error.TimedOut with its operation"
     # A time-out the caller would not wait for is refused before anything is sent.
     call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' audio get 0 30000 2>"$work/long.err" &&
       fail "30000 ms accepted"

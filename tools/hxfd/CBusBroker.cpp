@@ -524,7 +524,7 @@ int CBusBroker::OnGetDevices(sd_bus_message* m, void* self, sd_bus_error* error)
                                                             &CBusBroker::OnList, timeout_ms, self);
   if (asked != HXF_ERROR_NONE)
     return Refuse(error, ErrorName(asked), std::string("cannot list ") + service);
-  broker->lists_[key] = Call{sd_bus_message_ref(m), key.first, key.second};
+  broker->lists_[key] = Call{sd_bus_message_ref(m), key.first, key.second, ""};
   broker->Monitor("search", key.first, key.second, "", 0, [&](sd_bus_message* mm) {
     return sd_bus_message_append(mm, "a{sv}", 1, "device_list_timeout_ms", "u", timeout_ms);
   });
@@ -637,7 +637,7 @@ int CBusBroker::SendRequest(sd_bus_message* m, const Session& session, sd_bus_er
   if (sent != HXF_ERROR_NONE)
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is posted to this thread, so it is handled after this entry exists.
-  requests_[transaction] = Call{sd_bus_message_ref(m), session.owner, session.service};
+  requests_[transaction] = Call{sd_bus_message_ref(m), session.owner, session.service, operation};
   const std::vector<PropertyValue> sent_properties = hxf_tool::ReadProperties(list.get());
   Monitor("request", session.owner, session.service, operation,
           reinterpret_cast<uintptr_t>(transaction),
@@ -715,11 +715,12 @@ void CBusBroker::Answered(hxf_service_session_h session, hxf_transaction_h trans
   if (request != requests_.end()) {
     Call call = request->second;
     requests_.erase(request);
-    Monitor("result", call.owner, call.service, operation, reinterpret_cast<uintptr_t>(transaction),
+    Monitor("result", call.owner, call.service, call.operation,
+            reinterpret_cast<uintptr_t>(transaction),
             [&](sd_bus_message* m) { return AppendProperties(m, properties); });
     if (error != HXF_ERROR_NONE) {
       const std::string text = error == HXF_ERROR_TIMED_OUT
-                                   ? "no answer to " + operation + " in time"
+                                   ? "no answer to " + call.operation + " in time"
                                    : ErrorText(properties, error);
       sd_bus_reply_method_errorf(call.message, ErrorName(error), "%s", text.c_str());
     } else {

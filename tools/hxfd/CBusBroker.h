@@ -73,6 +73,7 @@ class CBusBroker {
   struct Call {                         // a method call answered later
     sd_bus_message* message = nullptr;  // referenced
     std::string owner, service;
+    std::string operation;  // a request's: a time-out's result carries none
   };
 
   // ---- bus thread ----

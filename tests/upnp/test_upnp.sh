@@ -53,15 +53,8 @@ done
 # command started with `&` is the command's own PID.
 in_dev=(ip netns exec "$dev_ns")
 hxf_upnp=(ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if" "$hxf" --plugin upnp)
-now_ms() { echo $(($(date +%s%N) / 1000000)); }
-# Waits (at most $2 s) until file $1 has a line matching the extended regex $3.
-await_line() {
-  local deadline=$(($(now_ms) + $2 * 1000))
-  until grep -Eq -- "$3" "$1" 2>/dev/null; do
-    [ "$(now_ms)" -lt "$deadline" ] || fail "no line matching '$3' in $1 within $2 s"
-    sleep 0.05
-  done
-}
+# shellcheck source=../support/await.sh
+source "$(dirname "$0")/../support/await.sh"
 
 start_light() {
   # Xvfb picks a free display and writes its number on fd 3.

@@ -161,6 +161,15 @@ int ReadProperties(sd_bus_message* m, hxf_property_list_h list, sd_bus_error* er
   return sd_bus_message_exit_container(m);
 }
 
+// A method answered only when the core answers must be answered before the caller gives up.
+bool CallTimeoutFits(uint32_t timeout_ms, sd_bus_error* error) {
+  if (timeout_ms > 0 && timeout_ms < kCallTimeoutMs) return true;
+  Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER),
+         "timeout_ms " + std::to_string(timeout_ms) + " must be above 0 and below " +
+             std::to_string(kCallTimeoutMs) + " (the D-Bus call would time out first)");
+  return false;
+}
+
 std::string ErrorText(const std::vector<PropertyValue>& properties, int code) {
   for (const PropertyValue& p : properties) {
     if (p.name == "error" && p.value.is_string()) return p.value.get<std::string>();
@@ -510,10 +519,7 @@ int CBusBroker::OnGetDevices(sd_bus_message* m, void* self, sd_bus_error* error)
   uint32_t timeout_ms = 0;
   int r = sd_bus_message_read(m, "su", &service, &timeout_ms);
   if (r < 0) return r;
-  if (timeout_ms == 0 || timeout_ms >= kCallTimeoutMs)
-    return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER),
-                  "timeout_ms " + std::to_string(timeout_ms) + " must be above 0 and below " +
-                      std::to_string(kCallTimeoutMs) + " (the D-Bus call would time out first)");
+  if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
   Caller* caller = broker->CallerOf(m, error);
   if (caller == nullptr) return -EINVAL;
   const std::pair<std::string, std::string> key{sd_bus_message_get_sender(m), service};
@@ -531,27 +537,47 @@ int CBusBroker::OnGetDevices(sd_bus_message* m, void* self, sd_bus_error* error)
   return 1;  // answered by Listed
 }
 
-int CBusBroker::OnSubscribe(sd_bus_message* m, void* self, sd_bus_error* error) {
-  CBusBroker* broker = Self(self);
-  const char* service = nullptr;
-  int r = sd_bus_message_read(m, "s", &service);
-  if (r < 0) return r;
-  if (*service == '\0')
-    return Refuse(error, ErrorName(HXF_ERROR_INVALID_SERVICE_NAME), "the service name is empty");
-  Caller* caller = broker->CallerOf(m, error);
-  if (caller == nullptr) return -EINVAL;
+CBusBroker::Caller* CBusBroker::ReadService(sd_bus_message* m, std::string* service,
+                                            sd_bus_error* error) {
+  const char* name = nullptr;
+  if (sd_bus_message_read(m, "s", &name) < 0) {
+    Refuse(error, SD_BUS_ERROR_INVALID_ARGS, "the service name cannot be read");
+    return nullptr;
+  }
+  if (*name == '\0') {
+    Refuse(error, ErrorName(HXF_ERROR_INVALID_SERVICE_NAME), "the service name is empty");
+    return nullptr;
+  }
+  *service = name;
+  return CallerOf(m, error);
+}
+
+std::unique_ptr<CBusBroker::Session> CBusBroker::MakeSession(const Caller& caller,
+                                                             sd_bus_message* m,
+                                                             const std::string& service,
+                                                             sd_bus_error* error) {
   auto session = std::make_unique<Session>();
-  session->path = broker->NewPath("session");
   session->owner = sd_bus_message_get_sender(m);
   session->service = service;
-  session->broker = broker;
-  session->handle = hxf_core_client_subscribe_service(caller->client, View(session->service),
-                                                      &CBusBroker::OnNotification, self);
-  if (session->handle == nullptr)
-    return Refuse(error, ErrorName(HXF_ERROR_NOT_FOUND),
-                  std::string("no provider offers ") + service + " (is its plugin loaded?)");
-  r = sd_bus_add_object_vtable(broker->bus_, &session->slot, session->path.c_str(),
-                               kSessionInterface, kSessionVtable, session.get());
+  session->broker = this;
+  session->handle = hxf_core_client_subscribe_service(caller.client, View(session->service),
+                                                      &CBusBroker::OnNotification, this);
+  if (session->handle != nullptr) return session;
+  Refuse(error, ErrorName(HXF_ERROR_NOT_FOUND),
+         "no provider offers " + service + " (is its plugin loaded?)");
+  return nullptr;
+}
+
+int CBusBroker::OnSubscribe(sd_bus_message* m, void* self, sd_bus_error* error) {
+  CBusBroker* broker = Self(self);
+  std::string service;
+  Caller* caller = broker->ReadService(m, &service, error);
+  if (caller == nullptr) return -EINVAL;
+  std::unique_ptr<Session> session = broker->MakeSession(*caller, m, service, error);
+  if (session == nullptr) return -ENOENT;
+  session->path = broker->NewPath("session");
+  const int r = sd_bus_add_object_vtable(broker->bus_, &session->slot, session->path.c_str(),
+                                         kSessionInterface, kSessionVtable, session.get());
   if (r < 0) return r;
   const std::string path = session->path;
   caller->objects.insert(path);
@@ -586,29 +612,16 @@ int CBusBroker::OnRequest(sd_bus_message* m, void* userdata, sd_bus_error* error
 
 int CBusBroker::OnDirectRequest(sd_bus_message* m, void* self, sd_bus_error* error) {
   CBusBroker* broker = Self(self);
-  const char* service = nullptr;
-  int r = sd_bus_message_read(m, "s", &service);
-  if (r < 0) return r;
-  if (*service == '\0')
-    return Refuse(error, ErrorName(HXF_ERROR_INVALID_SERVICE_NAME), "the service name is empty");
-  Caller* caller = broker->CallerOf(m, error);
+  std::string service;
+  Caller* caller = broker->ReadService(m, &service, error);
   if (caller == nullptr) return -EINVAL;
   // One session per caller and service, made on first use and kept while the caller is on
   // the bus; it has no object, so its notifications go nowhere.
   std::unique_ptr<Session>& session = caller->direct[service];
+  if (session == nullptr) session = broker->MakeSession(*caller, m, service, error);
   if (session == nullptr) {
-    auto made = std::make_unique<Session>();
-    made->owner = sd_bus_message_get_sender(m);
-    made->service = service;
-    made->broker = broker;
-    made->handle = hxf_core_client_subscribe_service(caller->client, View(made->service),
-                                                     &CBusBroker::OnNotification, self);
-    if (made->handle == nullptr) {
-      caller->direct.erase(service);
-      return Refuse(error, ErrorName(HXF_ERROR_NOT_FOUND),
-                    std::string("no provider offers ") + service + " (is its plugin loaded?)");
-    }
-    session = std::move(made);
+    caller->direct.erase(service);
+    return -ENOENT;
   }
   return broker->SendRequest(m, *session, error);
 }
@@ -624,10 +637,7 @@ int CBusBroker::SendRequest(sd_bus_message* m, const Session& session, sd_bus_er
   if ((r = ReadProperties(m, list.get(), error)) < 0) return r;
   uint32_t timeout_ms = 0;
   if ((r = sd_bus_message_read(m, "u", &timeout_ms)) < 0) return r;
-  if (timeout_ms == 0 || timeout_ms >= kCallTimeoutMs)
-    return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER),
-                  "timeout_ms " + std::to_string(timeout_ms) + " must be above 0 and below " +
-                      std::to_string(kCallTimeoutMs) + " (the D-Bus call would time out first)");
+  if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
   auto caller = callers_.find(session.owner);
   if (caller == callers_.end()) return -ENOENT;
   hxf_transaction_h transaction = nullptr;

@@ -78,6 +78,12 @@ class CBusBroker {
 
   // ---- bus thread ----
   Caller* CallerOf(sd_bus_message* message, sd_bus_error* error);
+  // Reads the service name that starts `m`, and finds or makes its caller; null (with the
+  // error set) on an empty name.
+  Caller* ReadService(sd_bus_message* m, std::string* service, sd_bus_error* error);
+  // A session of `caller` on `service`, with no object yet; null (error set) if refused.
+  std::unique_ptr<Session> MakeSession(const Caller& caller, sd_bus_message* m,
+                                       const std::string& service, sd_bus_error* error);
   void ForgetCaller(const std::string& name);
   std::string NewPath(const char* kind);
   template <typename Object>

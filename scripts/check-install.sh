@@ -72,21 +72,8 @@ echo "--- the installed tool" >&2
 grep -q "^lamp-1 " "$work/search.out" || fail "hxf finds no lamp: $(cat "$work/search.out")"
 
 echo "--- hxfd started by D-Bus activation from the installed service file" >&2
-cat >"$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <servicedir>$prefix/share/dbus-1/services</servicedir>
-  <policy context="default">
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-CONF
+source "$root/tests/support/private_bus.sh"
+write_bus_conf "$work/bus.conf" "$work/bus" "$prefix/share/dbus-1/services"
 dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/bus.address" 2>/dev/null &
 bus_pid=$!
 trap 'kill "$bus_pid" 2>/dev/null; rm -rf "$work"' EXIT

@@ -31,20 +31,8 @@ fail() {
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
 
-cat >"$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-CONF
+source "$here/../support/private_bus.sh"
+write_bus_conf "$work/bus.conf" "$work/bus"
 dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>"$work/daemon.err" &
 pids+=($!)
 await_line "$work/address" 10 '^unix:'

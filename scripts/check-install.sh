@@ -63,8 +63,11 @@ sim_exports=$(nm -D --defined-only "$plugin_dir/libhxf-plugin-sim.so" | awk '$2 
               sort | tr '\n' ' ')
 [ "$sim_exports" = 'CreatePlugin@@HXF_PLUGIN DestroyPlugin@@HXF_PLUGIN ' ] ||
   fail "the simulator plugin exports more than its entry points: $sim_exports"
-LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$prefix/share/man/man1/hxf.1" 2>"$work/man.err" >/dev/null
-[ -s "$work/man.err" ] && { cat "$work/man.err" >&2; fail "the man page has warnings"; }
+for page in hxf hxfd; do
+  LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$prefix/share/man/man1/$page.1" 2>"$work/man.err" >/dev/null ||
+    fail "no man page $page.1"
+  [ -s "$work/man.err" ] && { cat "$work/man.err" >&2; fail "the man page $page.1 has warnings"; }
+done
 
 echo "--- the installed tool" >&2
 "$prefix/bin/hxf" search lights --timeout 500 > "$work/search.out" ||

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# hxfd on a private bus, used by real third-party D-Bus clients: busctl, gdbus and
-# python3-dbus. Each case starts its own dbus-daemon (a configuration that activates
-# nothing) and its own hxfd with the simulator; both are stopped by their PIDs.
-# Usage: test_hxfd.sh HXFD_BINARY CASE       (exit 77: skipped, with the reason)
+# hxfd on a private bus, used by real third-party D-Bus clients (busctl, gdbus and
+# python3-dbus) and by hxf --bus. Each case starts its own dbus-daemon (a configuration that
+# activates nothing) and its own hxfd with the simulator; both are stopped by their PIDs.
+# Usage: test_hxfd.sh HXFD_BINARY HXF_BINARY CASE       (exit 77: skipped, with the reason)
 set -u
 hxfd=$1
-case_name=$2
+hxf=$2
+case_name=$3
 here=$(cd "$(dirname "$0")" && pwd)
 skip() { echo "SKIP [$case_name]: $*"; exit 77; }
 for tool in dbus-daemon busctl gdbus; do
@@ -153,6 +154,135 @@ for _ in range(n):
 print("round trip through hxfd: %.0f us per request (%d requests, python3-dbus)" % ((time.perf_counter() - start) / n * 1e6, n))
 PY
     cat "$work/roundtrip.out"
+    ;;
+  tool-same-output)
+    # Every command gives the same output and exit code through hxfd as in process. (No
+    # command here changes a device: hxfd's simulator keeps its state between them, an
+    # in-process one starts afresh each time.)
+    commands=("search lights --timeout 1000" "devices audio" "request lights get device=ceiling-1"
+      "request lights set device=lamp-1 brightness=150" "request audio get device=radio-1 --timeout 500"
+      "request nosuch get" "devices nosuch --timeout 300" "search nosuch --timeout 300")
+    i=0
+    for command in "${commands[@]}"; do
+      for json in "" --json; do
+        i=$((i + 1))
+        # shellcheck disable=SC2086 # the command's words
+        "$hxf" $json $command >"$work/in.$i.out" 2>"$work/in.$i.err"
+        in_code=$?
+        # shellcheck disable=SC2086
+        "$hxf" --bus "$address" $json $command >"$work/bus.$i.out" 2>"$work/bus.$i.err"
+        bus_code=$?
+        [ "$in_code" = "$bus_code" ] ||
+          fail "'$json $command' exits $in_code in process, $bus_code through hxfd"
+        cmp -s "$work/in.$i.out" "$work/bus.$i.out" ||
+          fail "'$json $command' prints other results through hxfd: $(diff "$work/in.$i.out" "$work/bus.$i.out")"
+        cmp -s "$work/in.$i.err" "$work/bus.$i.err" ||
+          fail "'$json $command' reports otherwise through hxfd: $(diff "$work/in.$i.err" "$work/bus.$i.err")"
+      done
+    done
+    ;;
+  tool-two-terminals)
+    # One hxf watches, another changes the lamp: both through the same hxfd.
+    "$hxf" --bus "$address" watch lights --for 20000 >"$work/watch.out" 2>"$work/watch.err" &
+    watch_pid=$!
+    pids+=($watch_pid)
+    await_line "$work/watch.err" 10 '^watching lights for 20000 ms$'
+    "$hxf" --bus "$address" request lights set device=lamp-1 brightness=35 >"$work/set.out" 2>"$work/set.err" ||
+      fail "the set failed"
+    await_line "$work/watch.out" 10 '^  brightness  35$'
+    grep -qx 'notification from lights (state)' "$work/watch.out" || fail "the watch did not name the notification"
+    # The state stays in hxfd: a third run reads what the second set.
+    "$hxf" --bus "$address" request lights get device=lamp-1 >"$work/get.out" 2>&1 || fail "the get failed"
+    grep -qx '  brightness  35' "$work/get.out" || fail "hxfd did not keep the lamp's brightness"
+    kill -INT "$watch_pid"
+    wait "$watch_pid"
+    code=$?
+    [ "$code" = 130 ] || fail "the watch exited with $code after Ctrl-C, not 130"
+    ;;
+  tool-monitor)
+    # busctl and python3-dbus act; hxf --bus monitor shows what they did, filtered.
+    "$hxf" --bus "$address" monitor --service lights --type request --for 20000 \
+      >"$work/requests.out" 2>"$work/requests.err" &
+    pids+=($!)
+    "$hxf" --bus "$address" monitor --for 20000 >"$work/all.out" 2>"$work/all.err" &
+    pids+=($!)
+    await_line "$work/requests.err" 10 '^monitoring the broker, service lights, type request for 20000 ms$'
+    await_line "$work/all.err" 10 '^monitoring the broker for 20000 ms$'
+    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' audio get 1 device_id s speaker-1 2000 \
+      >/dev/null || fail "the audio get failed"
+    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights set 2 device_id s lamp-1 \
+      brightness x 60 2000 >/dev/null || fail "the lights set failed"
+    await_line "$work/requests.out" 10 '^          brightness = 60;$'
+    await_line "$work/all.out" 10 '^‣ Type=client-gone  Timestamp="'
+    # The request's block, whole: type and time, who and what, the payload.
+    grep -B5 -A1 '^          brightness = 60;$' "$work/requests.out" >"$work/block.log"
+    grep -Eq '^‣ Type=request  Timestamp="[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\.[0-9]{6}"$' "$work/block.log" ||
+      fail "no request block with its timestamp"
+    grep -Eq '^  Caller=:[0-9.]+  Service=lights  Operation=set  Transaction=[0-9]+$' "$work/block.log" ||
+      fail "the block does not name caller, service, operation and transaction"
+    grep -qx '          device_id = "lamp-1";' "$work/block.log" || fail "the payload lacks device_id"
+    ! grep -q 'Type=result\|Service=audio' "$work/requests.out" || fail "the filters let other events through"
+    for type in request result client-gone; do
+      grep -q "^‣ Type=$type " "$work/all.out" || fail "the unfiltered monitor lacks a $type event"
+    done
+    grep -q 'Service=audio' "$work/all.out" || fail "the unfiltered monitor lacks the audio request"
+    ;;
+  tool-monitor-json)
+    "$hxf" --bus "$address" --json monitor --type search --for 20000 >"$work/monitor.out" 2>"$work/monitor.err" &
+    pids+=($!)
+    # JSON mode prints no "monitoring" line: ask for lists until the monitor shows one.
+    deadline=$(($(now_ms) + 10000))
+    until grep -q '"type":"search"' "$work/monitor.out"; do
+      [ "$(now_ms)" -lt "$deadline" ] || fail "the monitor showed no device list within 10 s"
+      call /org/hxf/Broker org.hxf.Broker1 GetDevices su climate 2000 >/dev/null || fail "GetDevices failed"
+    done
+    "$python" - "$work/monitor.out" <<'PY' || fail "the monitor's JSON is not one complete event per line"
+import json, sys
+event = json.loads(open(sys.argv[1]).readline())
+assert event["event"] == "monitor" and list(event)[0] == "event", event
+assert event["service"] == "climate" and event["caller"].startswith(":"), event
+assert event["payload"] == {"device_list_timeout_ms": 2000}, event
+assert isinstance(event["timestamp_us"], int) and event["transaction"] == 0, event
+PY
+    ;;
+  tool-broker-gone)
+    # hxfd stops while a listen waits: the listen fails with a reason, it does not hang.
+    "$hxf" --bus "$address" listen lights >"$work/listen.out" 2>"$work/listen.err" &
+    listen_pid=$!
+    pids+=($listen_pid)
+    await_line "$work/listen.out" 10 '^found  ceiling-1 '
+    kill -TERM "$hxfd_pid"
+    wait "$listen_pid"
+    code=$?
+    [ "$code" = 1 ] || fail "the listen exited with $code when hxfd left, not 1"
+    grep -qx 'hxf: the broker left the bus (error 2: HXF_ERROR_OPERATION_FAILED)' "$work/listen.err" ||
+      fail "the listen did not say the broker left"
+    # No hxfd now: a command says so and fails.
+    "$hxf" --bus "$address" search lights >"$work/none.out" 2>"$work/none.err" && fail "a search without hxfd succeeded"
+    grep -q "^hxf: no hxfd on the bus $address: " "$work/none.err" || fail "no reason given without hxfd"
+    ;;
+  tool-usage)
+    expect_usage() {
+      local problem=$1
+      shift
+      "$@" >"$work/usage.out" 2>"$work/usage.err"
+      code=$?
+      [ "$code" = 2 ] || fail "'$*' exited with $code, not 2"
+      grep -qxF "hxf: $problem" "$work/usage.err" || fail "'$*' did not say: $problem"
+    }
+    expect_usage "--bus takes session, system or a D-Bus address (unix:path=...), not 'lights'" \
+      "$hxf" --bus lights search lights
+    expect_usage "--plugin loads plugins into an in-process broker; with --bus, hxfd has loaded its own (hxfd --plugin NAME)" \
+      "$hxf" --bus "$address" --plugin sim search lights
+    expect_usage "monitor needs --bus: only hxfd sees what other processes do" "$hxf" monitor
+    expect_usage "--type: nonsense not in {search,found,lost,request,result,notification,plugin,client-gone}" \
+      "$hxf" --bus "$address" monitor --type nonsense
+    # HXF_BUS does what --bus does.
+    HXF_BUS=$address "$hxf" devices lights >"$work/env.out" 2>&1 || fail "HXF_BUS: the list failed"
+    grep -q '^lamp-1 ' "$work/env.out" || fail "HXF_BUS: no lamp"
+    HXF_BUS=nonsense "$hxf" devices lights >/dev/null 2>"$work/env.err" && fail "HXF_BUS=nonsense accepted"
+    grep -qxF "hxf: --bus takes session, system or a D-Bus address (unix:path=...), not 'nonsense'" "$work/env.err" ||
+      fail "HXF_BUS=nonsense not explained"
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

@@ -27,12 +27,17 @@ expect() {  # expected, then the words
 
 expect "search" hxf se
 expect "devices demo" hxf de
-expect "--plugin --json --log-level --help --version" hxf --
+expect "--plugin --bus --json --log-level --help --version" hxf --
 expect "debug" hxf --log-level d
-expect "--plugin --json --log-level --help --version --timeout" hxf search lights --
-expect "--plugin --json --log-level --help --version --for" hxf --json watch lights --
-expect "--plugin --json --log-level --help --version --all" hxf plugins --
+expect "--plugin --bus --json --log-level --help --version --timeout" hxf search lights --
+expect "--plugin --bus --json --log-level --help --version --for" hxf --json watch lights --
+expect "--plugin --bus --json --log-level --help --version --all" hxf plugins --
 expect "get set" hxf request lights ""
+expect "monitor" hxf mo
+expect "--plugin --bus --json --log-level --help --version --service --type --for" hxf --bus monitor --
+expect "--plugin --bus --json --log-level --help --version --for" hxf --bus unix:path=/run/bus watch lights --
+expect "request result" hxf --bus monitor --type re
+expect "session system" hxf --bus s
 expect "" hxf request lights get ""
 expect "sim" "$hxf_binary" --plugin si
 echo "completion ok"

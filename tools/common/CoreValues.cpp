@@ -53,6 +53,26 @@ std::vector<PropertyValue> ReadProperties(hxf_property_list_h list) {
   return properties;
 }
 
+hxf_property_list_h MakeList(const std::string& name,
+                             const std::vector<PropertyValue>& properties) {
+  const auto view = [](const std::string& text) {
+    return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
+  };
+  hxf_property_list_h list = hxf_property_list_create(view(name));
+  for (const PropertyValue& p : properties) {
+    const hxf_string key = view(p.name);
+    hxf_property_h property =
+        p.value.is_boolean()          ? hxf_property_create_bool(key, p.value.get<bool>())
+        : p.value.is_number_integer() ? hxf_property_create_int(key, p.value.get<int64_t>())
+        : p.value.is_number()
+            ? hxf_property_create_double(key, p.value.get<double>())
+            : hxf_property_create_string(key, view(p.value.get_ref<const std::string&>()));
+    hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
+    hxf_property_destroy(property);
+  }
+  return list;
+}
+
 bool IsDeparture(const Device& device) {
   return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos;
 }

@@ -23,6 +23,9 @@ struct PropertyValue {
 std::string Copy(hxf_string text);
 Device ReadDevice(hxf_endpoint_h endpoint);
 std::vector<PropertyValue> ReadProperties(hxf_property_list_h list);
+// A new list named `name` holding `properties`, each with its own type; the caller
+// destroys it.
+hxf_property_list_h MakeList(const std::string& name, const std::vector<PropertyValue>& properties);
 // Whether the provider marked the device as gone ("left") or new ("arrived") in its UI meta
 // data, as a listen reports it.
 bool IsDeparture(const Device& device);

@@ -15,9 +15,6 @@ constexpr auto kSlice = std::chrono::milliseconds(100);
 constexpr auto kGrace = std::chrono::milliseconds(2000);  // for the core's own time-out report
 constexpr Clock::time_point kForever = Clock::time_point::max();
 
-hxf_string View(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
 Clock::time_point In(uint32_t ms) {
   return Clock::now() + std::chrono::milliseconds(ms);
 }
@@ -37,19 +34,17 @@ std::pair<std::string, std::string> Split(const std::string& assignment) {
   return {name == "device" ? "device_id" : name, match[2]};
 }
 
-hxf_property_h MakeProperty(const std::string& assignment) {
+PropertyValue Parse(const std::string& assignment) {
   const auto [name, value] = Split(assignment);
-  const hxf_string key = View(name);
-  if (name == "device_id") return hxf_property_create_string(key, View(value));
-  if (value == "true" || value == "false") return hxf_property_create_bool(key, value == "true");
+  if (name == "device_id") return {name, value};
+  if (value == "true" || value == "false") return {name, value == "true"};
   if (std::regex_match(value, kInteger))
-    return hxf_property_create_int(key, std::strtoll(value.c_str(), nullptr, 10));
-  if (std::regex_match(value, kDecimal))
-    return hxf_property_create_double(key, std::strtod(value.c_str(), nullptr));
+    return {name, static_cast<int64_t>(std::strtoll(value.c_str(), nullptr, 10))};
+  if (std::regex_match(value, kDecimal)) return {name, std::strtod(value.c_str(), nullptr)};
   std::string text = value;
   if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
     text = text.substr(1, text.size() - 2);
-  return hxf_property_create_string(key, View(text));
+  return {name, text};
 }
 
 std::string ErrorText(const Event& event) {
@@ -121,6 +116,12 @@ bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
       out_.Interrupted();
       break;
     }
+    if (event.kind == Event::kBrokerGone) {
+      completed = false;
+      Fail("the broker left the bus", HXF_ERROR_OPERATION_FAILED);
+      broker_gone_ = true;
+      break;
+    }
     if (!on_event(event)) break;
   }
   out_.EndCountdown();
@@ -128,8 +129,7 @@ bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
 }
 
 int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
-  const hxf_error_e started = hxf_core_client_start_active_search(
-      runtime_.Client(), View(service), &CToolRuntime::OnFound, timeout_ms, &runtime_);
+  const int started = runtime_.Broker().Search(service, timeout_ms);
   if (started != HXF_ERROR_NONE) return Fail("cannot search " + service, started);
   std::vector<Device> found;
   // The tool keeps its own deadline: once a device is found the core reports no time-out.
@@ -142,9 +142,9 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
     }
     return true;
   });
-  hxf_core_client_stop_active_search(runtime_.Client(), View(service));
+  runtime_.Broker().StopSearch(service);
   out_.DeviceTable(found);
-  if (!completed) return kInterrupted;
+  if (!completed) return Stopped();
   if (found.empty())
     return Fail("no device offers " + service + " within " + Ms(timeout_ms), HXF_ERROR_TIMED_OUT,
                 {{"service", service}});
@@ -153,8 +153,7 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
 }
 
 int CCommands::Listen(const std::string& service, uint32_t for_ms) {
-  const hxf_error_e started = hxf_core_client_start_passive_search(
-      runtime_.Client(), View(service), &CToolRuntime::OnFound, &runtime_);
+  const int started = runtime_.Broker().Listen(service);
   if (started != HXF_ERROR_NONE) return Fail("cannot listen to " + service, started);
   out_.Note("listening to " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
   const Wait wait{"listening to " + service, for_ms != 0 ? In(for_ms) : kForever};
@@ -167,18 +166,21 @@ int CCommands::Listen(const std::string& service, uint32_t for_ms) {
     }
     return true;
   });
-  hxf_core_client_stop_passive_search(runtime_.Client(), View(service));
+  runtime_.Broker().StopListen(service);
   out_.Note(completed ? "done" : "stopped");
-  return completed ? kOk : kInterrupted;
+  return completed ? kOk : Stopped();
 }
 
 int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
-  const hxf_error_e asked = hxf_core_client_get_device_list(
-      runtime_.Client(), View(service), &CToolRuntime::OnList, timeout_ms, &runtime_);
+  const int asked = runtime_.Broker().AskDevices(service, timeout_ms);
   if (asked != HXF_ERROR_NONE) return Fail("cannot list " + service, asked);
   int code = -1;
   const bool completed =
       Pump({"listing " + service, In(timeout_ms), kGrace}, [&](const Event& event) {
+        if (event.kind == Event::kRefused && event.name == service) {
+          code = Fail("cannot list " + service, event.code);
+          return false;
+        }
         if (event.kind != Event::kList) return true;
         if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
           code = Fail("no device list for " + service + " within " + Ms(timeout_ms),
@@ -190,36 +192,32 @@ int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
         code = kOk;
         return false;
       });
-  if (!completed) return kInterrupted;
+  if (!completed) return Stopped();
   if (code < 0)
     return Fail("the core reported nothing for " + service + " within " + Ms(timeout_ms),
                 HXF_ERROR_TIMED_OUT, {{"service", service}});
   return code;
 }
 
-hxf_service_session_h CCommands::Subscribe(const std::string& service) {
-  hxf_service_session_h session = hxf_core_client_subscribe_service(
-      runtime_.Client(), View(service), &CToolRuntime::OnNotification, &runtime_);
-  if (session == nullptr)
-    Fail("no provider offers the service " + service, HXF_ERROR_NOT_FOUND, {{"service", service}});
-  return session;
+uint64_t CCommands::Subscribe(const std::string& service) {
+  uint64_t session = 0;
+  const int code = runtime_.Broker().Subscribe(service, &session);
+  if (code == HXF_ERROR_NOT_FOUND)
+    Fail("no provider offers the service " + service, code, {{"service", service}});
+  else if (code != HXF_ERROR_NONE)
+    Fail("cannot subscribe to " + service, code, {{"service", service}});
+  return code == HXF_ERROR_NONE ? session : 0;
 }
 
-int CCommands::SendAndWait(hxf_service_session_h session, const std::string& service,
+int CCommands::SendAndWait(uint64_t session, const std::string& service,
                            const std::string& operation,
                            const std::vector<std::string>& assignments, uint32_t timeout_ms,
                            Event* result) {
-  hxf_property_list_h list = hxf_property_list_create(View(operation));
-  for (const std::string& assignment : assignments) {
-    hxf_property_h property = MakeProperty(assignment);
-    hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
-    hxf_property_destroy(property);
-  }
-  hxf_transaction_h transaction = nullptr;
-  const hxf_error_e sent =
-      hxf_core_client_request_service(runtime_.Client(), session, list, &CToolRuntime::OnResult,
-                                      timeout_ms, &transaction, &runtime_);
-  hxf_property_list_destroy(list);
+  std::vector<PropertyValue> properties;
+  for (const std::string& assignment : assignments) properties.push_back(Parse(assignment));
+  uint64_t transaction = 0;
+  const int sent =
+      runtime_.Broker().Request(session, operation, properties, timeout_ms, &transaction);
   if (sent != HXF_ERROR_NONE) {
     Fail("request refused", sent, {{"service", service}, {"operation", operation}});
     return sent;
@@ -240,8 +238,8 @@ int CCommands::SendAndWait(hxf_service_session_h session, const std::string& ser
 
 int CCommands::Request(const std::string& service, const std::string& operation,
                        const std::vector<std::string>& assignments, uint32_t timeout_ms) {
-  hxf_service_session_h session = Subscribe(service);
-  if (session == nullptr) return kFailed;
+  const uint64_t session = Subscribe(service);
+  if (session == 0) return kFailed;
   Event result{Event::kResult};
   const int code = SendAndWait(session, service, operation, assignments, timeout_ms, &result);
   nlohmann::json details = Payload(result);
@@ -253,7 +251,7 @@ int CCommands::Request(const std::string& service, const std::string& operation,
     out_.Emit("result", std::move(details));
     return kOk;
   }
-  if (runtime_.Interrupted()) return kInterrupted;
+  if (runtime_.Interrupted() || broker_gone_) return Stopped();
   if (code < 0)  // no answer at all, not even the core's time-out
     return Fail(operation + " on " + service + ": no result within " + Ms(timeout_ms),
                 HXF_ERROR_TIMED_OUT, {{"service", service}, {"operation", operation}});
@@ -265,7 +263,7 @@ int CCommands::Request(const std::string& service, const std::string& operation,
 }
 
 int CCommands::Watch(const std::string& service, uint32_t for_ms) {
-  if (Subscribe(service) == nullptr) return kFailed;
+  if (Subscribe(service) == 0) return kFailed;
   out_.Note("watching " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
   const Wait wait{"watching " + service, for_ms != 0 ? In(for_ms) : kForever};
   const bool completed = Pump(wait, [&](const Event& event) {
@@ -278,7 +276,30 @@ int CCommands::Watch(const std::string& service, uint32_t for_ms) {
     return true;
   });
   out_.Note(completed ? "done" : "stopped");
-  return completed ? kOk : kInterrupted;
+  return completed ? kOk : Stopped();
+}
+
+const std::vector<std::string>& CCommands::MonitorTypes() {
+  static const std::vector<std::string> types{"search", "found",        "lost",   "request",
+                                              "result", "notification", "plugin", "client-gone"};
+  return types;
+}
+
+int CCommands::Monitor(const std::string& service, const std::string& type, uint32_t for_ms) {
+  const int asked = runtime_.Broker().Monitor();
+  if (asked != HXF_ERROR_NONE) return Fail("cannot monitor the broker", asked);
+  std::string what = "monitoring the broker";
+  if (!service.empty()) what += ", service " + service;
+  if (!type.empty()) what += ", type " + type;
+  out_.Note(what + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
+  const bool completed = Pump({what, for_ms != 0 ? In(for_ms) : kForever}, [&](const Event& event) {
+    if (event.kind != Event::kMonitor) return true;
+    if ((service.empty() || event.name == service) && (type.empty() || event.type == type))
+      out_.MonitorEvent(event);
+    return true;
+  });
+  out_.Note(completed ? "done" : "stopped");
+  return completed ? kOk : Stopped();
 }
 
 int CCommands::Plugins(const COutput& out, bool all) {
@@ -316,8 +337,8 @@ int CCommands::Demo() {
   out_.Say("== 3. Ask for the list of audio devices in one go.");
   if (Devices("audio", 2000) != kOk || runtime_.Interrupted()) return kFailed;
   out_.Say("== 4. Subscribe to lights: requests and notifications travel over this session.");
-  hxf_service_session_h session = Subscribe("lights");
-  if (session == nullptr) return kFailed;
+  const uint64_t session = Subscribe("lights");
+  if (session == 0) return kFailed;
   out_.Say("== 5. Get the desk lamp's state.");
   Event result{Event::kResult};
   if (SendAndWait(session, "lights", "get", {"device=lamp-1"}, 2000, &result) != HXF_ERROR_NONE)
@@ -349,8 +370,8 @@ int CCommands::Demo() {
       SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);
   out_.Say("   refused (" + COutput::Code(refused) + "): " + ErrorText(result));
   out_.Say("== 8. The old radio never answers: the request times out after 1.5 s.");
-  hxf_service_session_h audio = Subscribe("audio");
-  if (audio == nullptr) return kFailed;
+  const uint64_t audio = Subscribe("audio");
+  if (audio == 0) return kFailed;
   const int timed_out = SendAndWait(audio, "audio", "get", {"device=radio-1"}, 1500, &result);
   out_.Say(timed_out == HXF_ERROR_TIMED_OUT
                ? "   timed out, as expected (" + COutput::Code(timed_out) + ")"

@@ -24,6 +24,10 @@ class CCommands {
   int Request(const std::string& service, const std::string& operation,
               const std::vector<std::string>& assignments, uint32_t timeout_ms);
   int Watch(const std::string& service, uint32_t for_ms);
+  // Every event the broker sees (hxfd only), of `service` and of `type` when not empty.
+  int Monitor(const std::string& service, const std::string& type, uint32_t for_ms);
+  // What Monitor can filter by.
+  static const std::vector<std::string>& MonitorTypes();
   int Demo();
   // Needs no plugin loaded: lists the plugins in the plugin folder with their descriptions;
   // test fixtures only with `all`.
@@ -49,18 +53,21 @@ class CCommands {
   bool Pump(const Wait& wait, OnEvent&& on_event);
   // Reports a failure and returns kFailed; a time-out is HXF_ERROR_TIMED_OUT.
   int Fail(const std::string& message, int code, nlohmann::json details = nlohmann::json::object());
-  hxf_service_session_h Subscribe(const std::string& service);
+  // A new session of `service`, or 0 after reporting why not.
+  uint64_t Subscribe(const std::string& service);
+  // What a command stopped early returns: interrupted, or failed when the broker left.
+  int Stopped() const { return broker_gone_ ? kFailed : kInterrupted; }
   // Sends one request and waits for its result; prints it. Returns the error code, or -1
   // when no answer came (interrupted or lost).
-  int SendAndWait(hxf_service_session_h session, const std::string& service,
-                  const std::string& operation, const std::vector<std::string>& assignments,
-                  uint32_t timeout_ms, Event* result);
+  int SendAndWait(uint64_t session, const std::string& service, const std::string& operation,
+                  const std::vector<std::string>& assignments, uint32_t timeout_ms, Event* result);
 
   CToolRuntime& runtime_;
   const COutput& out_;
   // Notifications that arrived while a request waited for its result (they may overtake it).
   std::vector<Event> notifications_;
-  bool timed_out_ = false;  // the command failed by a time-out
+  bool timed_out_ = false;    // the command failed by a time-out
+  bool broker_gone_ = false;  // hxfd left the bus while the command waited
 };
 
 }  // namespace hxf_tool

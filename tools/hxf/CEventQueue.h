@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -13,16 +14,31 @@
 namespace hxf_tool {
 
 struct Event {
-  enum Kind { kLoaded, kFound, kList, kResult, kNotification, kInterrupt };
+  enum Kind {
+    kLoaded,
+    kFound,
+    kList,
+    kResult,
+    kNotification,
+    kRefused,
+    kMonitor,
+    kBrokerGone,
+    kInterrupt
+  };
   explicit Event(Kind event_kind = kInterrupt) : kind(event_kind) {}
 
   Kind kind;
   int code = 0;                           // load result, discovery result or error
   std::string name;                       // plugin or service name
   std::vector<Device> devices;            // kFound (one), kList (many)
-  std::string list_name;                  // kResult, kNotification
-  std::vector<PropertyValue> properties;  // kResult, kNotification
-  void* transaction = nullptr;
+  std::string list_name;                  // kResult, kNotification; kMonitor: the operation
+  std::vector<PropertyValue> properties;  // kResult, kNotification; kMonitor: the payload
+  uint64_t transaction = 0;               // kResult, kNotification, kMonitor
+  // kMonitor: when the broker saw it (microseconds since the epoch), what it was and whose.
+  uint64_t timestamp_us = 0;
+  std::string type, caller;
+  // kRefused: a call the broker refused after accepting it (`name` the service, `code` why).
+  // kBrokerGone: the broker left the bus; nothing more will come.
 };
 
 // The hand-off between the core's threads (and the signal thread), which Push, and the

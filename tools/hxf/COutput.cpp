@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <ctime>
 #include <iterator>
 
 namespace hxf_tool {
@@ -149,6 +151,43 @@ void COutput::Properties(const std::vector<PropertyValue>& properties) const {
   for (const PropertyValue& p : properties)
     lines += "  " + p.name + std::string(width - p.name.size(), ' ') + "  " + Text(p.value) + "\n";
   Write(stdout, lines);
+}
+
+void COutput::MonitorEvent(const Event& event) const {
+  if (json_) {
+    Emit("monitor", {{"timestamp_us", event.timestamp_us},
+                     {"type", event.type},
+                     {"caller", event.caller},
+                     {"service", event.name},
+                     {"operation", event.list_name},
+                     {"transaction", event.transaction},
+                     {"payload", ToJson(event.properties)}});
+    return;
+  }
+  const time_t seconds = static_cast<time_t>(event.timestamp_us / 1000000);
+  tm local{};
+  localtime_r(&seconds, &local);
+  char when[64];
+  const size_t length = std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &local);
+  std::snprintf(when + length, sizeof when - length, ".%06u",
+                static_cast<unsigned>(event.timestamp_us % 1000000));
+  std::string block = "\u2023 Type=" + event.type + "  Timestamp=\"" + when + "\"\n";
+  std::string line;
+  const std::pair<const char*, std::string> fields[] = {
+      {"Caller", event.caller},
+      {"Service", event.name},
+      {"Operation", event.list_name},
+      {"Transaction", event.transaction != 0 ? std::to_string(event.transaction) : ""}};
+  for (const auto& [field, value] : fields) {
+    if (!value.empty()) line += std::string("  ") + field + "=" + value;
+  }
+  if (!line.empty()) block += line + "\n";
+  block += "  PAYLOAD {";
+  for (const PropertyValue& p : event.properties)
+    block += "\n          " + p.name + " = " +
+             (p.value.is_string() ? p.value.dump() : Text(p.value)) + ";";
+  block += event.properties.empty() ? " };\n\n" : "\n  };\n\n";
+  Write(stdout, block);
 }
 
 void COutput::Countdown(const std::string& what, double seconds_left) const {

@@ -39,6 +39,9 @@ class COutput {
   void Log(const std::string& line) const;
   void DeviceTable(const std::vector<Device>& devices) const;
   void Properties(const std::vector<PropertyValue>& properties) const;
+  // One event a broker's monitor saw (Event::kMonitor): a block, in the manner of a D-Bus
+  // monitor, or a "monitor" event.
+  void MonitorEvent(const Event& event) const;
   // Shows "WHAT... N.N s left" (only on a terminal, human mode); EndCountdown erases it.
   void Countdown(const std::string& what, double seconds_left) const;
   void EndCountdown() const;

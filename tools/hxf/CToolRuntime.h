@@ -1,15 +1,17 @@
-// The tool's session with the core: signals, library start, plugin loading, one client, and a
-// clean stop on every path (also Ctrl-C). Callbacks become events on one queue.
+// The tool's session: signals, the broker (the core in this process, or hxfd over D-Bus),
+// and a clean stop on every path (also Ctrl-C). Whatever the broker answers becomes an
+// event on one queue.
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CBroker.h"
 #include "CEventQueue.h"
 #include "COutput.h"
-#include "hxf_core.h"
 
 namespace hxf_tool {
 
@@ -25,26 +27,18 @@ class CToolRuntime {
   CToolRuntime(const CToolRuntime&) = delete;
   CToolRuntime& operator=(const CToolRuntime&) = delete;
 
-  // Initialises the core, loads each plugin and waits for its load result; then makes the
-  // client. False (after an error message) on any failure.
+  // The broker in this process, with `plugins` loaded. False (after an error message) on any
+  // failure.
   bool Open(const std::vector<std::string>& plugins);
-  // Destroys the client, unloads the plugins and finalises the core.
+  // hxfd on the bus `where` ("session", "system" or a D-Bus address). False (after an error
+  // message) when it cannot be reached, or when this tool was built without D-Bus.
+  bool OpenBus(const std::string& where);
+  // Ends the broker's work: the core is finalised, or the bus connection closed.
   void Close();
 
-  hxf_client_h Client() const { return client_; }
+  CBroker& Broker() { return *broker_; }
   CEventQueue& Events() { return events_; }
   bool Interrupted() const { return interrupted_; }
-
-  // Callbacks of the core; user data is the runtime.
-  static void OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* self);
-  static void OnFound(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
-                      hxf_endpoint_h endpoint, void* self);
-  static void OnList(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
-                     hxf_endpoint_list_h list, void* self);
-  static void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h list,
-                       hxf_transaction_h transaction, hxf_error_e error, void* self);
-  static void OnNotification(hxf_string service, hxf_service_session_h, hxf_property_list_h list,
-                             hxf_transaction_h transaction, hxf_error_e error, void* self);
 
  private:
   void WatchSignals();
@@ -56,8 +50,7 @@ class CToolRuntime {
   std::atomic<bool> interrupted_{false};
   std::atomic<bool> closing_{false};
   std::thread signal_thread_;
-  bool opened_ = false;
-  hxf_client_h client_ = nullptr;
+  std::unique_ptr<CBroker> broker_;
 };
 
 }  // namespace hxf_tool

@@ -22,6 +22,8 @@ struct Options {
   uint32_t timeout_ms = 3000;
   uint32_t for_ms = 0;
   bool all = false;
+  std::string bus;  // --bus: "session", "system" or a D-Bus address; empty: in process
+  std::string monitor_service, monitor_type;
 };
 
 const char kFooter[] =
@@ -29,6 +31,8 @@ const char kFooter[] =
     "  HXF_LOG_LEVEL   debug, info or error: show the core's log on stderr (as --log-level)\n"
     "  HXF_SIM_CONFIG  a JSON file that replaces the simulator's devices\n"
     "  HXF_UPNP_IFACE  the one network interface the UPnP plugin uses (default: all)\n"
+    "  HXF_BUS         session, system or a D-Bus address: run every command through hxfd\n"
+    "                  there (as --bus)\n"
     "\n"
     "Exit codes: 0 ok, 1 the operation failed or timed out, 2 usage error, 130 interrupted.\n"
     "\n"
@@ -36,13 +40,21 @@ const char kFooter[] =
     "  hxf search lights --timeout 1000\n"
     "  hxf request lights set device=lamp-1 brightness=40\n"
     "  hxf --json devices audio\n"
-    "  hxf listen lights --for 5000\n";
+    "  hxf listen lights --for 5000\n"
+    "  hxf --bus watch lights\n"
+    "  hxf --bus monitor --service lights\n";
 
 // What --log-level and HXF_LOG_LEVEL accept.
 const std::vector<std::string> kLogLevels{"debug", "info", "error"};
 
 bool KnownLogLevel(const std::string& level) {
   return std::find(kLogLevels.begin(), kLogLevels.end(), level) != kLogLevels.end();
+}
+
+// What --bus and HXF_BUS accept: the session or system bus, or an address (which has a
+// colon: unix:path=..., tcp:host=...).
+bool IsBusAddress(const std::string& where) {
+  return where == "session" || where == "system" || where.find(':') != std::string::npos;
 }
 
 // A usage error: the problem and the usage on stderr; in JSON mode also an "error" and an
@@ -73,6 +85,10 @@ int main(int argc, char** argv) {
   app.add_flag("--json", options.json, "one JSON object per event and line");
   app.add_option("--log-level", options.log_level, "show the core's log on stderr")
       ->check(CLI::IsMember(kLogLevels));
+  auto* bus = app.add_option("--bus", options.bus,
+                             "run through hxfd on this bus: session (the default), system or a "
+                             "D-Bus address")
+                  ->expected(0, 1);
 
   auto* search = app.add_subcommand("search", "search actively for devices offering a service");
   search->add_option("SERVICE", options.service, "service name, or * for every service")
@@ -107,6 +123,15 @@ int main(int argc, char** argv) {
   watch->add_option("SERVICE", options.service, "service name")->required();
   watch->add_option("--for", options.for_ms, "milliseconds to watch (default: until Ctrl-C)");
   watch->footer("Example: hxf watch lights --for 8000");
+
+  auto* monitor = app.add_subcommand("monitor", "with --bus: print every event hxfd sees");
+  monitor->add_option("--service", options.monitor_service, "only the events of this service");
+  monitor->add_option("--type", options.monitor_type, "only the events of this type")
+      ->check(CLI::IsMember(CCommands::MonitorTypes()));
+  monitor->add_option("--for", options.for_ms, "milliseconds to monitor (default: until Ctrl-C)");
+  monitor->footer(
+      "Types: search, found, lost, request, result, notification, plugin, client-gone.\n"
+      "Example: hxf --bus monitor --service lights --type request");
 
   auto* plugins = app.add_subcommand("plugins", "list the plugins a user can load, described");
   plugins->add_flag("--all", options.all, "also the test fixtures of the build tree");
@@ -150,6 +175,22 @@ int main(int argc, char** argv) {
     }
   }
 
+  const char* bus_env = std::getenv("HXF_BUS");
+  if (bus->count() != 0 || (bus_env != nullptr && *bus_env != '\0')) {
+    if (options.bus.empty())
+      options.bus = bus_env != nullptr && *bus_env != '\0' ? bus_env : "session";
+    if (!IsBusAddress(options.bus))
+      return UsageError(app, json_asked,
+                        "--bus takes session, system or a D-Bus address (unix:path=...), not '" +
+                            options.bus + "'");
+    if (!options.plugins.empty())
+      return UsageError(app, json_asked,
+                        "--plugin loads plugins into an in-process broker; with --bus, hxfd has "
+                        "loaded its own (hxfd --plugin NAME)");
+  } else if (monitor->parsed()) {
+    return UsageError(app, json_asked,
+                      "monitor needs --bus: only hxfd sees what other processes do");
+  }
   if (options.plugins.empty()) options.plugins.push_back("sim");
   const std::string command = app.get_subcommands().front()->get_name();
   const hxf_tool::COutput out(options.json);
@@ -160,7 +201,7 @@ int main(int argc, char** argv) {
   }
 
   hxf_tool::CToolRuntime runtime(options.log_level, out);
-  if (!runtime.Open(options.plugins)) {
+  if (!(options.bus.empty() ? runtime.Open(options.plugins) : runtime.OpenBus(options.bus))) {
     runtime.Close();
     const bool interrupted = runtime.Interrupted();
     out.End(command, interrupted ? "interrupted" : "failed",
@@ -177,6 +218,8 @@ int main(int argc, char** argv) {
                             options.timeout_ms);
   if (watch->parsed()) code = commands.Watch(options.service, options.for_ms);
   if (demo->parsed()) code = commands.Demo();
+  if (monitor->parsed())
+    code = commands.Monitor(options.monitor_service, options.monitor_type, options.for_ms);
   runtime.Close();
   // Stopped by Ctrl-C (or SIGTERM): the shell's convention, whatever the command made of it.
   if (runtime.Interrupted()) code = hxf_tool::kInterrupted;

@@ -1,8 +1,5 @@
 #include "CBusBroker.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -12,47 +9,23 @@ namespace hxfd {
 
 namespace {
 
+using hxf_tool::AppendDevice;
+using hxf_tool::AppendProperties;
 using hxf_tool::Device;
+using hxf_tool::ErrorName;
+using hxf_tool::kBrokerInterface;
+using hxf_tool::kBrokerPath;
+using hxf_tool::kBusName;
+using hxf_tool::kMonitorInterface;
+using hxf_tool::kSearchInterface;
+using hxf_tool::kSessionInterface;
 using hxf_tool::PropertyValue;
-
-constexpr const char* kBrokerInterface = "org.hxf.Broker1";
-constexpr const char* kSearchInterface = "org.hxf.Search1";
-constexpr const char* kSessionInterface = "org.hxf.Session1";
-constexpr const char* kMonitorInterface = "org.hxf.Monitor1";
 
 CBusBroker* Self(void* user_data) {
   return static_cast<CBusBroker*>(user_data);
 }
 hxf_string View(const std::string& text) {
   return hxf_string{text.c_str(), static_cast<uint32_t>(text.size())};
-}
-
-// The D-Bus error name of each of the core's error codes.
-const char* ErrorName(int code) {
-  switch (code) {
-    case HXF_ERROR_TIMED_OUT:
-      return "org.hxf.Error.TimedOut";
-    case HXF_ERROR_CREATE_FAILED:
-      return "org.hxf.Error.CreateFailed";
-    case HXF_ERROR_INVALID_PARAMETER:
-      return "org.hxf.Error.InvalidParameter";
-    case HXF_ERROR_OUT_OF_MEMORY:
-      return "org.hxf.Error.OutOfMemory";
-    case HXF_ERROR_NOT_FOUND:
-      return "org.hxf.Error.NotFound";
-    case HXF_ERROR_TYPE_MISMATCH:
-      return "org.hxf.Error.TypeMismatch";
-    case HXF_ERROR_INVALID_HANDLE:
-      return "org.hxf.Error.InvalidHandle";
-    case HXF_ERROR_INVALID_CLIENT:
-      return "org.hxf.Error.InvalidClient";
-    case HXF_ERROR_INVALID_TRANSACTION:
-      return "org.hxf.Error.InvalidTransaction";
-    case HXF_ERROR_INVALID_SERVICE_NAME:
-      return "org.hxf.Error.InvalidServiceName";
-    default:
-      return "org.hxf.Error.OperationFailed";
-  }
 }
 
 int Refuse(sd_bus_error* error, const char* name, const std::string& message) {
@@ -63,102 +36,6 @@ uint64_t NowUs() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
                                    std::chrono::system_clock::now().time_since_epoch())
                                    .count());
-}
-
-// a{sv}: the endpoint's fields, all strings.
-int AppendDevice(sd_bus_message* m, const Device& device) {
-  int r = sd_bus_message_open_container(m, 'a', "{sv}");
-  const std::pair<const char*, const std::string*> fields[] = {
-      {"device_id", &device.id},
-      {"device_name", &device.name},
-      {"address", &device.address},
-      {"interface_name", &device.interface_name},
-      {"interface_type", &device.interface_type},
-      {"ui_meta", &device.ui_meta},
-      {"service", &device.service}};
-  for (const auto& [key, value] : fields) {
-    if (r >= 0) r = sd_bus_message_append(m, "{sv}", key, "s", value->c_str());
-  }
-  return r < 0 ? r : sd_bus_message_close_container(m);
-}
-
-// a{sv}: each property with its own type (b, x, d or s).
-int AppendProperties(sd_bus_message* m, const std::vector<PropertyValue>& properties) {
-  int r = sd_bus_message_open_container(m, 'a', "{sv}");
-  for (const PropertyValue& p : properties) {
-    if (r < 0) break;
-    const char* name = p.name.c_str();
-    if (p.value.is_boolean()) {
-      r = sd_bus_message_append(m, "{sv}", name, "b", static_cast<int>(p.value.get<bool>()));
-    } else if (p.value.is_number_integer()) {
-      r = sd_bus_message_append(m, "{sv}", name, "x", p.value.get<int64_t>());
-    } else if (p.value.is_number()) {
-      r = sd_bus_message_append(m, "{sv}", name, "d", p.value.get<double>());
-    } else {
-      r = sd_bus_message_append(m, "{sv}", name, "s", p.value.get<std::string>().c_str());
-    }
-  }
-  return r < 0 ? r : sd_bus_message_close_container(m);
-}
-
-// Reads a{sv} into `list`: booleans, integers of any width, doubles and strings. Anything
-// else is refused with its name, and nothing is sent.
-int ReadProperties(sd_bus_message* m, hxf_property_list_h list, sd_bus_error* error) {
-  int r = sd_bus_message_enter_container(m, 'a', "{sv}");
-  if (r < 0) return r;
-  while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-    const char* name = nullptr;
-    const char* type = nullptr;
-    if ((r = sd_bus_message_read(m, "s", &name)) < 0) return r;
-    if ((r = sd_bus_message_peek_type(m, nullptr, &type)) < 0) return r;
-    if ((r = sd_bus_message_enter_container(m, 'v', type)) < 0) return r;
-    hxf_property_h property = nullptr;
-    const std::string t = type;
-    if (t == "b") {
-      int v = 0;
-      r = sd_bus_message_read_basic(m, 'b', &v);
-      property = hxf_property_create_bool(View(name), v != 0);
-    } else if (t == "x" || t == "t" || t == "i" || t == "u" || t == "n" || t == "q" || t == "y") {
-      int64_t v = 0;
-      union {
-        int64_t x;
-        uint64_t u64;
-        int32_t i;
-        uint32_t u;
-        int16_t n;
-        uint16_t q;
-        uint8_t y;
-      } raw{};
-      r = sd_bus_message_read_basic(m, t[0], &raw);
-      v = t == "x"   ? raw.x
-          : t == "t" ? static_cast<int64_t>(raw.u64)
-          : t == "i" ? raw.i
-          : t == "u" ? raw.u
-          : t == "n" ? raw.n
-          : t == "q" ? raw.q
-                     : raw.y;
-      property = hxf_property_create_int(View(name), v);
-    } else if (t == "d") {
-      double v = 0;
-      r = sd_bus_message_read_basic(m, 'd', &v);
-      property = hxf_property_create_double(View(name), v);
-    } else if (t == "s") {
-      const char* v = nullptr;
-      r = sd_bus_message_read_basic(m, 's', &v);
-      property = hxf_property_create_string(View(name), View(v));
-    } else {
-      return Refuse(error, "org.hxf.Error.InvalidParameter",
-                    std::string("property ") + name + " has type " + t +
-                        ": a property is a boolean, an integer, a double or a string");
-    }
-    if (r < 0) return r;
-    hxf_property_list_push_property(list, property, HXF_ERROR_NONE);
-    hxf_property_destroy(property);
-    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // v
-    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // e
-  }
-  if (r < 0) return r;
-  return sd_bus_message_exit_container(m);
 }
 
 // A method answered only when the core answers must be answered before the caller gives up.
@@ -243,9 +120,7 @@ CBusBroker::~CBusBroker() {
 }
 
 int CBusBroker::Start() {
-  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd_ < 0) return -errno;
-  int r = sd_event_add_io(event_, &wake_source_, wake_fd_, EPOLLIN, &CBusBroker::WakeUp, this);
+  int r = tasks_.Start(event_);
   if (r < 0) return r;
   r = sd_bus_add_object_vtable(bus_, &broker_slot_, kBrokerPath, kBrokerInterface, kBrokerVtable,
                                this);
@@ -258,31 +133,7 @@ int CBusBroker::Start() {
 void CBusBroker::Stop() {
   while (!callers_.empty()) ForgetCaller(callers_.begin()->first);
   if (broker_slot_ != nullptr) broker_slot_ = sd_bus_slot_unref(broker_slot_);
-  if (wake_source_ != nullptr) wake_source_ = sd_event_source_unref(wake_source_);
-  if (wake_fd_ >= 0) close(wake_fd_);
-  wake_fd_ = -1;
-}
-
-void CBusBroker::Post(std::function<void()> task) {
-  {
-    std::lock_guard<std::mutex> lock(posted_mutex_);
-    posted_.push_back(std::move(task));
-  }
-  const uint64_t one = 1;
-  if (write(wake_fd_, &one, sizeof one) != sizeof one)
-    std::fprintf(stderr, "hxfd: cannot wake the bus thread: %s\n", std::strerror(errno));
-}
-
-int CBusBroker::WakeUp(sd_event_source*, int fd, uint32_t, void* self) {
-  uint64_t count = 0;
-  if (read(fd, &count, sizeof count) < 0 && errno != EAGAIN) return -errno;
-  std::deque<std::function<void()>> tasks;
-  {
-    std::lock_guard<std::mutex> lock(Self(self)->posted_mutex_);
-    tasks.swap(Self(self)->posted_);
-  }
-  for (auto& task : tasks) task();
-  return 0;
+  tasks_.Stop();
 }
 
 void CBusBroker::PluginLoaded(const std::string& name, bool ok) {
@@ -491,8 +342,9 @@ int CBusBroker::StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error) 
     sd_event_add_time(event_, &watch->timer, CLOCK_MONOTONIC, now + timeout_ms * 1000ULL, 0,
                       &CBusBroker::OnWatchTimer, watch.get());
   }
-  Monitor(listen ? "listen" : "search", owner, service, "", 0, [&](sd_bus_message* mm) {
-    return sd_bus_message_append(mm, "a{sv}", 1, "timeout_ms", "u", timeout_ms);
+  Monitor("search", owner, service, "", 0, [&](sd_bus_message* mm) {
+    return listen ? sd_bus_message_append(mm, "a{sv}", 1, "passive", "b", 1)
+                  : sd_bus_message_append(mm, "a{sv}", 1, "timeout_ms", "u", timeout_ms);
   });
   const std::string path = watch->path;
   caller->objects.insert(path);
@@ -632,9 +484,12 @@ int CBusBroker::SendRequest(sd_bus_message* m, const Session& session, sd_bus_er
   if (r < 0) return r;
   if (*operation == '\0')
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), "the operation is empty");
+  std::vector<PropertyValue> properties;
+  std::string problem;
+  if ((r = hxf_tool::ReadProperties(m, &properties, &problem)) < 0)
+    return problem.empty() ? r : Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), problem);
   std::unique_ptr<void, void (*)(hxf_property_list_h)> list(
-      hxf_property_list_create(View(operation)), &hxf_property_list_destroy);
-  if ((r = ReadProperties(m, list.get(), error)) < 0) return r;
+      hxf_tool::MakeList(operation, properties), &hxf_property_list_destroy);
   uint32_t timeout_ms = 0;
   if ((r = sd_bus_message_read(m, "u", &timeout_ms)) < 0) return r;
   if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
@@ -648,10 +503,9 @@ int CBusBroker::SendRequest(sd_bus_message* m, const Session& session, sd_bus_er
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is posted to this thread, so it is handled after this entry exists.
   requests_[transaction] = Call{sd_bus_message_ref(m), session.owner, session.service, operation};
-  const std::vector<PropertyValue> sent_properties = hxf_tool::ReadProperties(list.get());
   Monitor("request", session.owner, session.service, operation,
           reinterpret_cast<uintptr_t>(transaction),
-          [&](sd_bus_message* mm) { return AppendProperties(mm, sent_properties); });
+          [&](sd_bus_message* mm) { return AppendProperties(mm, properties); });
   return 1;  // answered by Answered
 }
 
@@ -729,6 +583,7 @@ void CBusBroker::Answered(hxf_service_session_h session, hxf_transaction_h trans
             reinterpret_cast<uintptr_t>(transaction),
             [&](sd_bus_message* m) { return AppendProperties(m, properties); });
     if (error != HXF_ERROR_NONE) {
+      // The message only: D-Bus clients show an error's message when it is its one argument.
       const std::string text = error == HXF_ERROR_TIMED_OUT
                                    ? "no answer to " + call.operation + " in time"
                                    : ErrorText(properties, error);
@@ -752,7 +607,8 @@ void CBusBroker::Answered(hxf_service_session_h session, hxf_transaction_h trans
       if (r >= 0) r = AppendProperties(m, properties);
       return r < 0 ? r : sd_bus_message_append(m, "u", static_cast<uint32_t>(error));
     });
-    Monitor("notification", s->owner, s->service, operation, 0,
+    Monitor("notification", s->owner, s->service, operation,
+            reinterpret_cast<uintptr_t>(transaction),
             [&](sd_bus_message* m) { return AppendProperties(m, properties); });
   }
 }
@@ -764,9 +620,8 @@ void CBusBroker::OnFound(hxf_client_h client, hxf_string service,
                          void* self) {
   std::shared_ptr<Device> device;
   if (endpoint != nullptr) device = std::make_shared<Device>(hxf_tool::ReadDevice(endpoint));
-  Self(self)->Post([broker = Self(self), client, name = hxf_tool::Copy(service), result, device] {
-    broker->Found(client, name, result, device.get());
-  });
+  Self(self)->tasks_.Post([broker = Self(self), client, name = hxf_tool::Copy(service), result,
+                           device] { broker->Found(client, name, result, device.get()); });
 }
 
 void CBusBroker::OnList(hxf_client_h client, hxf_string service,
@@ -778,8 +633,8 @@ void CBusBroker::OnList(hxf_client_h client, hxf_string service,
          e = hxf_endpoint_list_get_next(list, e))
       devices.push_back(hxf_tool::ReadDevice(e));
   }
-  Self(self)->Post([broker = Self(self), client, name = hxf_tool::Copy(service), result,
-                    devices = std::move(devices)]() mutable {
+  Self(self)->tasks_.Post([broker = Self(self), client, name = hxf_tool::Copy(service), result,
+                           devices = std::move(devices)]() mutable {
     broker->Listed(client, name, result, std::move(devices));
   });
 }
@@ -789,9 +644,10 @@ void CBusBroker::OnResult(hxf_client_h, hxf_service_session_h session, hxf_prope
   std::string operation = list != nullptr ? hxf_property_list_get_name(list) : "";
   std::vector<PropertyValue> properties;
   if (list != nullptr) properties = hxf_tool::ReadProperties(list);
-  Self(self)->Post([broker = Self(self), session, transaction, operation, properties, error] {
-    broker->Answered(session, transaction, operation, properties, error, false);
-  });
+  Self(self)->tasks_.Post(
+      [broker = Self(self), session, transaction, operation, properties, error] {
+        broker->Answered(session, transaction, operation, properties, error, false);
+      });
 }
 
 void CBusBroker::OnNotification(hxf_string, hxf_service_session_h session, hxf_property_list_h list,
@@ -799,9 +655,10 @@ void CBusBroker::OnNotification(hxf_string, hxf_service_session_h session, hxf_p
   std::string operation = list != nullptr ? hxf_property_list_get_name(list) : "";
   std::vector<PropertyValue> properties;
   if (list != nullptr) properties = hxf_tool::ReadProperties(list);
-  Self(self)->Post([broker = Self(self), session, transaction, operation, properties, error] {
-    broker->Answered(session, transaction, operation, properties, error, true);
-  });
+  Self(self)->tasks_.Post(
+      [broker = Self(self), session, transaction, operation, properties, error] {
+        broker->Answered(session, transaction, operation, properties, error, true);
+      });
 }
 
 }  // namespace hxfd

@@ -2,33 +2,30 @@
 // and sessions as objects of their caller, device lists and requests answered
 // asynchronously, and a monitor of every event.
 //
-// Threads: everything here runs on the bus thread (the sd-event loop), except Post and the
-// core's callbacks. The callbacks copy what they were given into a task and Post it; the
+// Threads: everything here runs on the bus thread (the sd-event loop), except the core's
+// callbacks. The callbacks copy what they were given into a task and post it; the
 // task runs on the bus thread, so no sd-bus object and none of the maps below is touched by
-// any other thread. Post hands the task over under `posted_mutex_` and wakes the loop
-// through an eventfd.
+// any other thread (CLoopTasks hands the tasks over).
 #pragma once
 
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "BusValues.h"
+#include "CLoopTasks.h"
 #include "CoreValues.h"
 #include "hxf_core.h"
 
 namespace hxfd {
 
-constexpr const char* kBusName = "org.hxf.Broker";
-constexpr const char* kBrokerPath = "/org/hxf/Broker";
 // A D-Bus caller waits 25 s for an answer unless it says otherwise (the default of libdbus,
 // sd-bus and GDBus); a time-out that long would be answered after the caller gave up.
 constexpr uint32_t kCallTimeoutMs = 25000;
@@ -44,8 +41,6 @@ class CBusBroker {
   int Start();
   // Destroys every caller's client; the loop must not run any more.
   void Stop();
-  // Any thread: runs `task` on the bus thread.
-  void Post(std::function<void()> task);
   // Tells monitors that a plugin was loaded (or failed to).
   void PluginLoaded(const std::string& name, bool ok);
 
@@ -107,7 +102,6 @@ class CBusBroker {
                 const std::vector<hxf_tool::PropertyValue>& properties, int error,
                 bool notification);
   void FinishWatch(Watch* watch, const char* reason);
-  static int WakeUp(sd_event_source*, int fd, uint32_t, void* self);
 
  public:
   // Method handlers, named in the vtables.
@@ -144,11 +138,7 @@ class CBusBroker {
   sd_bus* bus_;
   sd_event* event_;
   sd_bus_slot* broker_slot_ = nullptr;
-  sd_event_source* wake_source_ = nullptr;
-  int wake_fd_ = -1;
-
-  std::mutex posted_mutex_;  // guards posted_: the core's threads push, the bus thread takes
-  std::deque<std::function<void()>> posted_;
+  hxf_tool::CLoopTasks tasks_;  // the core's callbacks reach the bus thread through it
 
   // Bus thread only.
   uint64_t next_object_ = 1;

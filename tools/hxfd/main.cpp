@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "BusValues.h"
 #include "CBusBroker.h"
 #include "CoreValues.h"
 #include "hxf_core.h"
@@ -75,17 +76,6 @@ bool LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
   return true;
 }
 
-int Connect(const Options& options, sd_bus** bus) {
-  if (!options.address.empty()) {
-    int r = sd_bus_new(bus);
-    if (r >= 0) r = sd_bus_set_address(*bus, options.address.c_str());
-    if (r >= 0) r = sd_bus_set_bus_client(*bus, 1);
-    if (r >= 0) r = sd_bus_start(*bus);
-    return r;
-  }
-  return options.system ? sd_bus_open_system(bus) : sd_bus_open_user(bus);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,7 +102,9 @@ int main(int argc, char** argv) {
   sd_event* event = nullptr;
   sd_bus* bus = nullptr;
   int r = sd_event_default(&event);
-  if (r >= 0) r = Connect(options, &bus);
+  const std::string where =
+      !options.address.empty() ? options.address : (options.system ? "system" : "session");
+  if (r >= 0) r = hxf_tool::ConnectBus(where, &bus);
   if (r < 0) {
     std::fprintf(stderr, "hxfd: cannot connect to the bus: %s\n", std::strerror(-r));
     return 1;
@@ -129,12 +121,12 @@ int main(int argc, char** argv) {
     hxfd::CBusBroker broker(bus, event);
     r = broker.Start();
     if (r < 0) {
-      std::fprintf(stderr, "hxfd: cannot serve %s: %s\n", hxfd::kBusName, std::strerror(-r));
+      std::fprintf(stderr, "hxfd: cannot serve %s: %s\n", hxf_tool::kBusName, std::strerror(-r));
       code = 1;
     } else if (!LoadPlugins(options.plugins, &broker)) {
       code = 1;
     } else {
-      std::fprintf(stderr, "hxfd: serving %s\n", hxfd::kBusName);
+      std::fprintf(stderr, "hxfd: serving %s\n", hxf_tool::kBusName);
       r = sd_event_loop(event);
       if (r < 0) {
         std::fprintf(stderr, "hxfd: the event loop failed: %s\n", std::strerror(-r));

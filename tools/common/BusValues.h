@@ -1,0 +1,43 @@
+// The broker's D-Bus names, and its values as D-Bus writes them: shared by hxfd, which
+// serves them, and hxf --bus, which reads them. sd-bus (libsystemd).
+//
+// - A device is a{sv} of strings: device_id, device_name, address, interface_name,
+//   interface_type, ui_meta, service.
+// - Properties are a{sv}, each with its own type: b, x, d or s (any integer type is read).
+// - A core error code travels as an error name, org.hxf.Error.<Name>, with a message: for a
+//   request the provider refused, the text of its "error" property.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <string>
+#include <vector>
+
+#include "CoreValues.h"
+
+namespace hxf_tool {
+
+constexpr const char* kBusName = "org.hxf.Broker";
+constexpr const char* kBrokerPath = "/org/hxf/Broker";
+constexpr const char* kBrokerInterface = "org.hxf.Broker1";
+constexpr const char* kSearchInterface = "org.hxf.Search1";
+constexpr const char* kSessionInterface = "org.hxf.Session1";
+constexpr const char* kMonitorInterface = "org.hxf.Monitor1";
+
+// The D-Bus error name of a core error code ("org.hxf.Error.TimedOut"), and back: a name
+// that is not the broker's is HXF_ERROR_OPERATION_FAILED.
+const char* ErrorName(int code);
+int ErrorCode(const char* name);
+
+int AppendDevice(sd_bus_message* m, const Device& device);
+// Reads a device's a{sv}; fields it does not know are skipped.
+int ReadDevice(sd_bus_message* m, Device* device);
+int AppendProperties(sd_bus_message* m, const std::vector<PropertyValue>& properties);
+// Reads a{sv}: booleans, integers of any width, doubles and strings. A value of any other
+// type sets `problem` (naming the property) and stops the reading with -EINVAL.
+int ReadProperties(sd_bus_message* m, std::vector<PropertyValue>* properties, std::string* problem);
+
+// Connects to `where`: "session", "system" or a D-Bus address ("unix:path=...").
+int ConnectBus(const std::string& where, sd_bus** bus);
+
+}  // namespace hxf_tool

@@ -1,0 +1,40 @@
+// The broker the commands talk to: the core in this process (CCoreBroker), or hxfd over
+// D-Bus (CBusClient). Its methods are called on the main thread and return at once with
+// HXF_ERROR_NONE or the code that refused the call; what the broker answers later arrives
+// as events on the queue the broker was given.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "CEventQueue.h"
+
+namespace hxf_tool {
+
+class CBroker {
+ public:
+  virtual ~CBroker() = default;
+
+  // kFound events: a device each, or HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT without one when
+  // the search ended before finding any.
+  virtual int Search(const std::string& service, uint32_t timeout_ms) = 0;
+  virtual void StopSearch(const std::string& service) = 0;
+  // kFound events until stopped; departures and arrivals are marked in the device's UI meta.
+  virtual int Listen(const std::string& service) = 0;
+  virtual void StopListen(const std::string& service) = 0;
+  // One kList event (HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT without devices when none came in
+  // time), or a kRefused event.
+  virtual int AskDevices(const std::string& service, uint32_t timeout_ms) = 0;
+  // `*session` names the new session; its notifications arrive as kNotification events.
+  virtual int Subscribe(const std::string& service, uint64_t* session) = 0;
+  // One kResult event carrying `*transaction`.
+  virtual int Request(uint64_t session, const std::string& operation,
+                      const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
+                      uint64_t* transaction) = 0;
+  // kMonitor events: everything the broker sees, whoever caused it. Only a broker that
+  // serves other processes has them.
+  virtual int Monitor() = 0;
+};
+
+}  // namespace hxf_tool

@@ -248,7 +248,7 @@ int CBusClient::Request(uint64_t session, const std::string& operation,
           if (r >= 0) r = AppendProperties(m, properties);
           return r < 0 ? r : sd_bus_message_append(m, "u", timeout_ms);
         },
-        &CBusClient::OnResult, Pending{this, sessions_[path->second], operation, *transaction});
+        &CBusClient::OnResult, Pending{this, sessions_.at(path->second), operation, *transaction});
   });
 }
 

@@ -639,26 +639,25 @@ void CBusBroker::OnList(hxf_client_h client, hxf_string service,
   });
 }
 
-void CBusBroker::OnResult(hxf_client_h, hxf_service_session_h session, hxf_property_list_h list,
-                          hxf_transaction_h transaction, hxf_error_e error, void* self) {
+void CBusBroker::PostAnswer(hxf_service_session_h session, hxf_property_list_h list,
+                            hxf_transaction_h transaction, int error, bool notification) {
   std::string operation = list != nullptr ? hxf_property_list_get_name(list) : "";
   std::vector<PropertyValue> properties;
   if (list != nullptr) properties = hxf_tool::ReadProperties(list);
-  Self(self)->tasks_.Post(
-      [broker = Self(self), session, transaction, operation, properties, error] {
-        broker->Answered(session, transaction, operation, properties, error, false);
-      });
+  tasks_.Post([this, session, transaction, operation = std::move(operation),
+               properties = std::move(properties), error, notification] {
+    Answered(session, transaction, operation, properties, error, notification);
+  });
+}
+
+void CBusBroker::OnResult(hxf_client_h, hxf_service_session_h session, hxf_property_list_h list,
+                          hxf_transaction_h transaction, hxf_error_e error, void* self) {
+  Self(self)->PostAnswer(session, list, transaction, error, false);
 }
 
 void CBusBroker::OnNotification(hxf_string, hxf_service_session_h session, hxf_property_list_h list,
                                 hxf_transaction_h transaction, hxf_error_e error, void* self) {
-  std::string operation = list != nullptr ? hxf_property_list_get_name(list) : "";
-  std::vector<PropertyValue> properties;
-  if (list != nullptr) properties = hxf_tool::ReadProperties(list);
-  Self(self)->tasks_.Post(
-      [broker = Self(self), session, transaction, operation, properties, error] {
-        broker->Answered(session, transaction, operation, properties, error, true);
-      });
+  Self(self)->PostAnswer(session, list, transaction, error, true);
 }
 
 }  // namespace hxfd

@@ -134,6 +134,9 @@ class CBusBroker {
   static void OnNotification(hxf_string service, hxf_service_session_h session,
                              hxf_property_list_h list, hxf_transaction_h transaction,
                              hxf_error_e error, void* self);
+  // Copies a result or notification out of the callback and hands it to Answered.
+  void PostAnswer(hxf_service_session_h session, hxf_property_list_h list,
+                  hxf_transaction_h transaction, int error, bool notification);
 
   sd_bus* bus_;
   sd_event* event_;

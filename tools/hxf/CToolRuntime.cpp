@@ -46,6 +46,9 @@ CToolRuntime::CToolRuntime(const std::string& log_level, const COutput& out)
 CToolRuntime::~CToolRuntime() {
   Close();
   closing_ = true;
+  // Wakes the signal thread at once rather than at its next tick: a signal sent to that
+  // thread alone, which it takes as the end (closing_ is set before).
+  pthread_kill(signal_thread_.native_handle(), SIGTERM);
   signal_thread_.join();
   hxf_host_log_set_sink(nullptr, nullptr);
 }
@@ -54,7 +57,7 @@ void CToolRuntime::WatchSignals() {
   sigset_t set = StopSignals();
   const timespec tick{0, 100 * 1000 * 1000};
   while (!closing_) {
-    if (sigtimedwait(&set, nullptr, &tick) > 0) {
+    if (sigtimedwait(&set, nullptr, &tick) > 0 && !closing_) {
       interrupted_ = true;
       events_.Push(Event{Event::kInterrupt});
     }

@@ -28,10 +28,13 @@ CLibraryGate* CLibraryGate::For(const void* code) {
   if (base == t_last_base) return t_last_gate;
   // Never destroyed: callbacks run on pool threads until the process is gone. The lock
   // guards the registry only (registration time, never a callback's call).
-  static auto* registry_mutex = new std::mutex();
-  static auto* registry = new std::unordered_map<const void*, CLibraryGate*>();
-  std::lock_guard<std::mutex> lock(*registry_mutex);
-  CLibraryGate*& gate = (*registry)[base];
+  struct Registry {
+    CMutex mutex;
+    std::unordered_map<const void*, CLibraryGate*> gates HXF_GUARDED_BY(mutex);
+  };
+  static auto* registry = new Registry();
+  CMutexLock lock(registry->mutex);
+  CLibraryGate*& gate = registry->gates[base];
   if (gate == nullptr) gate = new CLibraryGate(base);
   t_last_base = base;
   t_last_gate = gate;
@@ -51,7 +54,7 @@ CLibraryGate::CPass::~CPass() {
   // Sequentially consistent with the waiter's increment of waiters_ and its check of
   // calls_: either the waiter sees the new count, or this sees the waiter.
   if (gate_->waiters_.load() > 0) {
-    std::lock_guard<std::mutex> lock(gate_->mutex_);
+    CMutexLock lock(gate_->mutex_);
     gate_->drained_.notify_all();
   }
 }
@@ -66,9 +69,9 @@ bool CLibraryGate::InsideOnThisThread(const CLibraryGate* gate) {
 CLibraryGate::Verdict CLibraryGate::MayClose(const void* requester,
                                              std::chrono::milliseconds limit) {
   if (BaseOf(requester) == base_ || InsideOnThisThread(this)) return Verdict::kCallerInside;
-  std::unique_lock<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   waiters_.fetch_add(1);
-  const bool drained = drained_.wait_for(lock, limit, [&] { return calls_.load() == 0; });
+  const bool drained = drained_.wait_for(lock.Native(), limit, [&] { return calls_.load() == 0; });
   waiters_.fetch_sub(1);
   return drained ? Verdict::kClose : Verdict::kBusy;
 }

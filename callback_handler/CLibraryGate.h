@@ -20,7 +20,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
+
+#include "CLocks.h"
 
 namespace HXFramework::Core {
 
@@ -61,7 +62,7 @@ class CLibraryGate {
   std::atomic<int> waiters_{0};  // unloads waiting for calls_ to drop
   // Only for the waiting unload: a pass that ends while somebody waits takes it before
   // notifying, so that the waiter, between its check and its wait, cannot miss the wake-up.
-  std::mutex mutex_;
+  CMutex mutex_;
   std::condition_variable drained_;
 };
 

@@ -51,7 +51,7 @@ void CClient::Init() {
 std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>>
 CClient::_TakeSessions() {
   std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> sessions;
-  std::lock_guard<std::mutex> lock(sessions_mutex_);
+  CMutexLock lock(sessions_mutex_);
   sessions.swap(service_session_map_);
   return sessions;
 }
@@ -172,7 +172,7 @@ std::shared_ptr<IServiceSession> CClient::_FindServiceSession(hxf_service_sessio
   std::shared_ptr<IServiceSession> found;
   bool present = false;
   {
-    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    CMutexLock lock(sessions_mutex_);
     auto entry = service_session_map_.find(session);
     present = entry != service_session_map_.end();
     if (present) found = entry->second;
@@ -298,7 +298,7 @@ void CClient::_SubscribeService(const std::shared_ptr<IServiceSession>& session)
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     {
-      std::lock_guard<std::mutex> lock(sessions_mutex_);
+      CMutexLock lock(sessions_mutex_);
       service_session_map_[session->GetHandle()] = session;
     }
     HXLOG(DLOG_ERROR, "service_session added for %s. service_session: %p\n",

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "CLocks.h"
 #include "IClient.h"
 #include "TPLContext"
 
@@ -58,8 +58,10 @@ class CClient : public IClient, TPL::CContext<CClient> {
   friend class IClient;  // the factory hands the context its owner
 
   std::shared_ptr<IClient> _Self();
-  std::shared_ptr<IServiceSession> _FindServiceSession(hxf_service_session_h session) const;
-  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> _TakeSessions();
+  std::shared_ptr<IServiceSession> _FindServiceSession(hxf_service_session_h session) const
+      HXF_EXCLUDES(sessions_mutex_);
+  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> _TakeSessions()
+      HXF_EXCLUDES(sessions_mutex_);
   void _ReleaseAll();
   template <typename Body>
   void _Run(const CLogSite& site, Body&& body);
@@ -102,9 +104,9 @@ class CClient : public IClient, TPL::CContext<CClient> {
   // this client still runs on another thread (and looks a session up): the map alone is
   // shared across threads. The lock is a leaf: held for map operations only, never while a
   // session or anything else is called.
-  mutable std::mutex sessions_mutex_;
-  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>>
-      service_session_map_;  // guarded by sessions_mutex_
+  mutable CMutex sessions_mutex_;
+  std::unordered_map<hxf_service_session_h, std::shared_ptr<IServiceSession>> service_session_map_
+      HXF_GUARDED_BY(sessions_mutex_);
 };
 
 }  // namespace HXFramework::Core

@@ -1,7 +1,5 @@
 #include "CClientMgr.h"
 
-#include <mutex>
-
 #include "CException.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "HXLog.h"
@@ -15,9 +13,6 @@
 namespace HXFramework::Core {
 
 namespace {
-
-using ReadLock = std::shared_lock<std::shared_mutex>;
-using WriteLock = std::unique_lock<std::shared_mutex>;
 
 void Require(bool condition, const char* message, hxf_error_e code) {
   if (!condition) throw CException(message, code);
@@ -79,7 +74,7 @@ void CClientMgr::_ForwardNamed(hxf_client_h client, const std::string& name, For
 }
 
 std::shared_ptr<IClient> CClientMgr::_LookupClient(hxf_client_h client) const {
-  ReadLock guard(client_mutex_);
+  CReadLock guard(client_mutex_);
   return _FindClient(client);
 }
 
@@ -91,7 +86,7 @@ void CClientMgr::Initialize() {
 
 void CClientMgr::Finalize() {
   HXF_CALLTRACE_OBJ(this);
-  WriteLock guard(client_mutex_);
+  CWriteLock guard(client_mutex_);
   HXLOG(DLOG_INFO, "client map size: %zu\n", client_map_.size());
   for (auto& [handle, client] : client_map_) {
     HXLOG(DLOG_INFO, "client:(%s)(%p), ref_count:%ld\n", client->GetName().c_str(), handle,
@@ -104,7 +99,7 @@ void CClientMgr::Finalize() {
 void* CClientMgr::CreateClient(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "client_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
-  WriteLock guard(client_mutex_);
+  CWriteLock guard(client_mutex_);
   std::shared_ptr<IClient> client = _CreateClient(name);
   client->Init();
   return client->GetHandle();
@@ -115,7 +110,7 @@ void CClientMgr::DestroyClient(hxf_client_h client) {
   Require(client != nullptr, "client handle is null", HXF_ERROR_INVALID_CLIENT);
   std::shared_ptr<IClient> released;
   {
-    WriteLock guard(client_mutex_);
+    CWriteLock guard(client_mutex_);
     released = _ReleaseClient(client);
   }
   // Deliberately outside the registry lock: the termination may run this client's queued
@@ -129,7 +124,7 @@ void CClientMgr::DestroyClientAsync(hxf_client_h client,
   Require(client != nullptr, "client handle is null", HXF_ERROR_INVALID_CLIENT);
   std::shared_ptr<IClient> released;
   {
-    WriteLock guard(client_mutex_);
+    CWriteLock guard(client_mutex_);
     released = _ReleaseClient(client);
   }
   released->TermiAsync(destroyed);  // outside the lock, deliberately, as in DestroyClient

@@ -12,10 +12,11 @@
 #include <cstddef>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
+
+#include "CLocks.h"
 
 namespace HXFramework::Core {
 
@@ -52,11 +53,11 @@ class CHandleQuarantine {
     return *instance;
   }
 
-  void Retire(void* memory) {
+  void Retire(void* memory) HXF_EXCLUDES(mutex_) {
     void* released = nullptr;    // the steady state: one address in, one out
     std::vector<void*> lowered;  // more only after the depth was lowered (no allocation else)
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      CMutexLock lock(mutex_);
       retired_.push_back(memory);
       const std::size_t depth = HandleQuarantineDepth().load(std::memory_order_relaxed);
       while (retired_.size() > depth) {
@@ -72,8 +73,8 @@ class CHandleQuarantine {
     for (void* address : lowered) ::operator delete(address);
   }
 
-  std::mutex mutex_;  // guards retired_ only; nothing else is done under it
-  std::deque<void*> retired_;
+  CMutex mutex_;  // guards retired_ only; nothing else is done under it
+  std::deque<void*> retired_ HXF_GUARDED_BY(mutex_);
 };
 
 }  // namespace HXFramework::Core

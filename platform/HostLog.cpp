@@ -3,10 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 
+#include "CLocks.h"
 #include "hxf_host_platform.h"
 
 namespace {
@@ -54,9 +53,9 @@ void DefaultSink(int priority, const char* tag, const char* text, void*) {
 // Readers (every log line) share the lock while they call the sink; set_sink takes it
 // exclusively, so once it returns the old sink and its user data are no longer in use.
 struct SinkState {
-  std::shared_mutex mutex;
-  hxf_host_log_sink sink = DefaultSink;
-  void* user_data = nullptr;
+  HXFramework::CSharedMutex mutex;
+  hxf_host_log_sink sink HXF_GUARDED_BY(mutex) = DefaultSink;
+  void* user_data HXF_GUARDED_BY(mutex) = nullptr;
 };
 
 // Never destroyed: threads of the framework may still log while the process exits.
@@ -71,7 +70,7 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
   if (fmt == nullptr) return -1;
   SinkState& state = Sink();
   // Shared while formatting and calling the sink: set_sink waits for both.
-  std::shared_lock<std::shared_mutex> lock(state.mutex);
+  HXFramework::CReadLock lock(state.mutex);
   // A line nobody will see is not formatted: the default sink below its level drops it.
   if (state.sink == DefaultSink && prio < Threshold()) return 0;
   char stack_buffer[1024];
@@ -104,7 +103,7 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
 
 extern "C" void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data) {
   SinkState& state = Sink();
-  std::unique_lock<std::shared_mutex> lock(state.mutex);
+  HXFramework::CWriteLock lock(state.mutex);
   state.sink = sink != nullptr ? sink : DefaultSink;
   state.user_data = sink != nullptr ? user_data : nullptr;
 }

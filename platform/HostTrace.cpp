@@ -1,8 +1,7 @@
 // Scope-trace facility stand-in: one enabled flag, set by installing a sink.
 #include <atomic>
-#include <mutex>
-#include <shared_mutex>
 
+#include "CLocks.h"
 #include "hxf_host_platform.h"
 
 struct scope_trace_handler {
@@ -13,9 +12,9 @@ namespace {
 
 // Same discipline as the log sink; never destroyed, for the same reason.
 struct TraceState {
-  std::shared_mutex mutex;
-  hxf_host_trace_sink sink = nullptr;
-  void* user_data = nullptr;
+  HXFramework::CSharedMutex mutex;
+  hxf_host_trace_sink sink HXF_GUARDED_BY(mutex) = nullptr;
+  void* user_data HXF_GUARDED_BY(mutex) = nullptr;
 };
 
 TraceState& Trace() {
@@ -41,14 +40,14 @@ extern "C" bool scope_trace_is_enabled(const scope_trace_handler* handler) {
 extern "C" void scope_trace_write(scope_trace_handler* handler, const char* text) {
   if (handler == nullptr || text == nullptr) return;
   TraceState& state = Trace();
-  std::shared_lock<std::shared_mutex> lock(state.mutex);
+  HXFramework::CReadLock lock(state.mutex);
   if (state.sink == nullptr) return;
   state.sink(handler->location != nullptr ? handler->location : "", text, state.user_data);
 }
 
 extern "C" void hxf_host_trace_set_sink(hxf_host_trace_sink sink, void* user_data) {
   TraceState& state = Trace();
-  std::unique_lock<std::shared_mutex> lock(state.mutex);
+  HXFramework::CWriteLock lock(state.mutex);
   state.sink = sink;
   state.user_data = user_data;
   g_trace_enabled.store(sink != nullptr, std::memory_order_release);

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <functional>
-#include <mutex>
 
 #include "CApiCaller.h"
 #include "CLibraryGate.h"
@@ -90,16 +89,19 @@ void CPlugin::Unload() {
   InvokeTask(
       [done, requester](const std::shared_ptr<CPlugin>& self) {
         self->_Unload(requester);
-        std::lock_guard<std::mutex> lock(done->mutex_);
+        CMutexLock lock(done->mutex_);
         done->done_ = true;
         done->cond_.notify_all();
       },
       Direct());
   if (t_running_plugin == this) return;
-  std::unique_lock<std::mutex> lock(done->mutex_);
-  if (!done->cond_.wait_for(lock, kUnloadWait, [&] { return done->done_; })) {
-    HXLOG(DLOG_ERROR, "plugin[%s] is busy, unload not done in time\n", plugin_name_.c_str());
+  CMutexLock lock(done->mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + kUnloadWait;
+  while (!done->done_ &&
+         done->cond_.wait_until(lock.Native(), deadline) != std::cv_status::timeout) {
   }
+  if (!done->done_)
+    HXLOG(DLOG_ERROR, "plugin[%s] is busy, unload not done in time\n", plugin_name_.c_str());
 }
 
 void CPlugin::SendLoadResult(hxf_plugin_load_result_e result) {

@@ -1,7 +1,5 @@
 #include "CPluginMgr.h"
 
-#include <mutex>
-
 #include "CException.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "JobFrame.h"
@@ -9,9 +7,6 @@
 namespace HXFramework::Core {
 
 namespace {
-
-using ReadLock = std::shared_lock<std::shared_mutex>;
-using WriteLock = std::unique_lock<std::shared_mutex>;
 
 void Fail(const std::string& message) {
   throw CException(message, HXF_ERROR_OPERATION_FAILED);
@@ -28,7 +23,7 @@ IPluginMgr& IPluginMgr::GetInstance() {
 void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    WriteLock lock(plugin_mutex_);
+    CWriteLock lock(plugin_mutex_);
     if (_HasPlugin(name) || closing_.count(name) != 0) Fail("requested plugin has already loaded!");
     std::shared_ptr<IPlugin> plugin = _CreatePlugin(name);
     plugin->Init();
@@ -50,7 +45,7 @@ void CPluginMgr::UnloadPlugin(const std::string& name) {
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> released;
     {
-      WriteLock lock(plugin_mutex_);
+      CWriteLock lock(plugin_mutex_);
       if (!_HasPlugin(name)) Fail("No plugin exist to unload!!");
       released.emplace_back(name, _ReleasePlugin(name));  // out of the map first
       closing_.insert(name);
@@ -75,7 +70,7 @@ void CPluginMgr::UnloadAllPlugin() {
   HXLOG(DLOG_INFO, "UnloadAllPlugin Start\n");
   std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>> unloading;
   {
-    WriteLock lock(plugin_mutex_);
+    CWriteLock lock(plugin_mutex_);
     HXLOG(DLOG_INFO, "plugin map size: [%zu]\n", plugin_map_.size());
     for (auto& [name, plugin] : plugin_map_) {
       unloading.emplace_back(name, plugin);
@@ -89,7 +84,7 @@ void CPluginMgr::UnloadAllPlugin() {
     CPluginMgr* manager;
     const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
     ~Clear() {
-      WriteLock lock(manager->plugin_mutex_);
+      CWriteLock lock(manager->plugin_mutex_);
       for (const auto& [name, plugin] : plugins) {
         auto entry = manager->plugin_map_.find(name);
         if (entry != manager->plugin_map_.end() && entry->second == plugin) {
@@ -110,7 +105,7 @@ void CPluginMgr::_Close(
     CPluginMgr* manager;
     const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
     ~Reopen() {
-      WriteLock lock(manager->plugin_mutex_);
+      CWriteLock lock(manager->plugin_mutex_);
       for (const auto& entry : plugins) manager->closing_.erase(entry.first);
     }
   } reopen{this, plugins};
@@ -136,7 +131,7 @@ std::shared_ptr<IPlugin> CPluginMgr::_FindPlugin(const std::string& name) {
   std::shared_ptr<IPlugin> plugin;
   {
     // Plugins report from their own threads while others load and unload: the shared side.
-    ReadLock lock(plugin_mutex_);
+    CReadLock lock(plugin_mutex_);
     auto found = plugin_map_.find(name);
     if (found != plugin_map_.end()) plugin = found->second;
   }

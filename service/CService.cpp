@@ -1,7 +1,6 @@
 #include "CService.h"
 
 #include <functional>
-#include <mutex>
 #include <typeinfo>
 
 #include "CWeakRegistry.h"
@@ -138,7 +137,7 @@ void CService::_ForEachServiceHandler(
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     // Handlers only post to their own contexts here, so holding the read lock is brief.
-    std::shared_lock<std::shared_mutex> lock(handler_lock_);
+    CReadLock lock(handler_lock_);
     ForEachLive(HXF_LOG_SITE, handler_map_, operation, [] {});
   });
 }
@@ -305,7 +304,7 @@ void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
     if (handler == nullptr)
       throw CException("nullptr == service_handler!!", HXF_ERROR_INVALID_PARAMETER);
     {
-      std::unique_lock<std::shared_mutex> lock(handler_lock_);
+      CWriteLock lock(handler_lock_);
       // A handler destroyed while subscribed leaves a dead entry; its successor at the same
       // address replaces it. Only a live duplicate is refused.
       if (!InsertUnlessLive(handler_map_, handler->GetHandle(), handler)) {
@@ -320,7 +319,7 @@ void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
 void CService::_Unsubscribe(hxf_service_handler_h handle) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
-    std::unique_lock<std::shared_mutex> lock(handler_lock_);
+    CWriteLock lock(handler_lock_);
     auto entry = handler_map_.find(handle);
     if (entry == handler_map_.end()) {
       throw CException("unable to find service_handler in map!", HXF_ERROR_OPERATION_FAILED);
@@ -337,7 +336,7 @@ std::shared_ptr<IServiceHandler> CService::_GetServiceHandler() {
   HXF_CALLTRACE_OBJ(this);
   std::shared_ptr<IServiceHandler> handler;
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
-    std::shared_lock<std::shared_mutex> lock(handler_lock_);
+    CReadLock lock(handler_lock_);
     if (handler_map_.empty()) {
       throw CException("no service handler(weak) in map!", HXF_ERROR_OPERATION_FAILED);
     }

@@ -2,10 +2,11 @@
 
 #include <atomic>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 
+#include "CLocks.h"
+#include "CServiceMgr.h"
 #include "IService.h"
 #include "ITimer.h"
 #include "TPLContext"
@@ -53,7 +54,8 @@ class CService : public IService, TPL::CContext<CService> {
   void _ForEachClient(const std::function<void(const std::shared_ptr<IClient>&)>& operation,
                       ClientMap& map);
   void _ForEachServiceHandler(
-      const std::function<void(const std::shared_ptr<IServiceHandler>&)>& operation);
+      const std::function<void(const std::shared_ptr<IServiceHandler>&)>& operation)
+      HXF_EXCLUDES(handler_lock_);
   std::shared_ptr<IClient> _FindSearchingClient(hxf_client_h client);
   void _StartSearchTimer(hxf_client_h client, uint32_t timeout);
   void _StartListSearchTimer(hxf_client_h client, uint32_t timeout);
@@ -73,9 +75,9 @@ class CService : public IService, TPL::CContext<CService> {
                              const std::shared_ptr<IEndpointListHelper>& list);
   void _HandleSearchingTimerExpired(hxf_client_h client);
   void _HandleListSearchingTimerExpired(hxf_client_h client);
-  void _Subscribe(const std::shared_ptr<IServiceHandler>& handler);
-  void _Unsubscribe(hxf_service_handler_h handle);
-  std::shared_ptr<IServiceHandler> _GetServiceHandler();
+  void _Subscribe(const std::shared_ptr<IServiceHandler>& handler) HXF_EXCLUDES(handler_lock_);
+  void _Unsubscribe(hxf_service_handler_h handle) HXF_EXCLUDES(handler_lock_);
+  std::shared_ptr<IServiceHandler> _GetServiceHandler() HXF_EXCLUDES(handler_lock_);
   void _GetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
                            const GetServicePropertyResultHandler_t& handler, uint32_t timeout);
   void _SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
@@ -85,15 +87,15 @@ class CService : public IService, TPL::CContext<CService> {
   std::string name;
   ClientMap passive_client_map_;  // context only
   ClientMap search_client_map_;   // context only: active searches and device lists alike
-  std::unordered_map<hxf_service_handler_h, std::weak_ptr<IServiceHandler>>
-      handler_map_;  // handler_lock_
+  std::unordered_map<hxf_service_handler_h, std::weak_ptr<IServiceHandler>> handler_map_
+      HXF_GUARDED_BY(handler_lock_);
   // Atomic because Termi stops the timers from the manager's thread, outside the context.
   std::atomic<uint32_t> search_timer_id_{0};
   std::atomic<uint32_t> list_search_timer_id_{0};
   std::unique_ptr<TPL::ITimer> timer_;
   // Guards handler_map_ only: GetServiceHandler reads it on the caller's thread. Taken
   // after the service manager's lock, never before it.
-  std::shared_mutex handler_lock_;
+  CSharedMutex handler_lock_ HXF_ACQUIRED_AFTER(CServiceMgr::lock_);
 };
 
 }  // namespace HXFramework::Core

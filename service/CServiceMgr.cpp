@@ -1,6 +1,5 @@
 #include "CServiceMgr.h"
 
-#include <mutex>
 #include <vector>
 
 #include "CException.h"
@@ -16,10 +15,6 @@
 namespace HXFramework::Core {
 
 namespace {
-
-using ReadLock = std::shared_lock<std::shared_mutex>;
-using WriteLock = std::unique_lock<std::shared_mutex>;
-
 void Require(bool condition, const char* message, hxf_error_e code) {
   if (!condition) throw CException(message, code);
 }
@@ -109,17 +104,17 @@ void CServiceMgr::_DestroyService(const std::string& name) {
 
 std::shared_ptr<IServiceHandler> CServiceMgr::_LookupServiceHandler(
     hxf_service_handler_h handle) const {
-  ReadLock guard(lock);
+  CReadLock guard(lock_);
   return _FindServiceHandler(handle);
 }
 
 std::shared_ptr<IService> CServiceMgr::_LookupService(const std::string& name) const {
-  ReadLock guard(lock);
+  CReadLock guard(lock_);
   return _FindService(name);
 }
 
 std::shared_ptr<IService> CServiceMgr::_LookupOrCreateService(const std::string& name) {
-  WriteLock guard(lock);
+  CWriteLock guard(lock_);
   return _GetService(name);
 }
 
@@ -132,7 +127,7 @@ void CServiceMgr::_ForNamedOrEveryService(const std::string& name, Operation&& o
   // Reaches the services that exist now and creates none.
   std::vector<std::shared_ptr<IService>> services;
   {
-    ReadLock guard(lock);
+    CReadLock guard(lock_);
     for (auto& [service_name, service] : service_map_) services.push_back(service);
   }
   for (const auto& service : services) operation(service);
@@ -146,7 +141,7 @@ void CServiceMgr::Initialize() {
 
 void CServiceMgr::Finalize() {
   HXF_CALLTRACE_OBJ(this);
-  WriteLock guard(lock);
+  CWriteLock guard(lock_);
   HXLOG(DLOG_INFO, "service_map_size: %zu, service_handler_map_ size: %zu\n", service_map_.size(),
         service_handler_map_.size());
   for (auto& [name, service] : service_map_) {
@@ -168,7 +163,7 @@ void CServiceMgr::Finalize() {
 void* CServiceMgr::CreateServiceHandler(const std::string& name, void* /*user_data*/) {
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "service_handler_name is empty!!", HXF_ERROR_INVALID_PARAMETER);
-  WriteLock guard(lock);
+  CWriteLock guard(lock_);
   std::shared_ptr<IServiceHandler> handler = _CreateServiceHandler(name);
   handler->Init();
   HXLOG(DLOG_INFO, " [%s] service_handler created [%p]\n", name.c_str(), handler->GetHandle());
@@ -226,7 +221,7 @@ void CServiceMgr::SubscribeService(hxf_service_handler_h handle, const std::stri
   std::shared_ptr<IServiceHandler> handler;
   std::shared_ptr<IService> service;
   {
-    WriteLock guard(lock);
+    CWriteLock guard(lock_);
     handler = _FindServiceHandler(handle);
     service = _GetService(name);
   }
@@ -240,7 +235,7 @@ void CServiceMgr::UnsubscribeService(hxf_service_handler_h handle, const std::st
   HXLOG(DLOG_INFO, "service name: %s\n", name.c_str());
   std::shared_ptr<IService> service;
   {
-    WriteLock guard(lock);
+    CWriteLock guard(lock_);
     service = _FindService(name);
     _DestroyService(name);
   }
@@ -255,7 +250,7 @@ void CServiceMgr::DestroyServiceHandler(hxf_service_handler_h handle) {
   HXF_CALLTRACE_OBJ(this);
   std::shared_ptr<IServiceHandler> handler;
   {
-    WriteLock guard(lock);
+    CWriteLock guard(lock_);
     handler = _ReleaseServiceHandler(handle);
   }
   // Deliberately outside the lock: the termination may run the handler's queued jobs (plugin
@@ -273,7 +268,7 @@ void CServiceMgr::DestroyServiceHandlerAsync(hxf_service_handler_h handle,
   HXLOG(DLOG_INFO, " [%p]\n", handle);
   std::shared_ptr<IServiceHandler> handler;
   {
-    WriteLock guard(lock);
+    CWriteLock guard(lock_);
     handler = _ReleaseServiceHandler(handle);
   }
   handler->TermiAsync(destroyed);  // outside the lock, deliberately, as in DestroyServiceHandler

@@ -48,7 +48,7 @@ void CServiceSession::Initiate(const std::shared_ptr<IClient>& client,
 
 void CServiceSession::_SetNotificationHandler(const ServiceNotificationHandler_t& handler) {
   ServiceNotificationHandler_t old;  // destroyed outside the lock
-  std::lock_guard<std::mutex> lock(notification_mutex_);
+  CMutexLock lock(notification_mutex_);
   old.swap(notification_handler_);
   notification_handler_ = handler;
 }
@@ -166,7 +166,7 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
   HXF_CALLTRACE_OBJ(this);
   ServiceNotificationHandler_t handler;
   {
-    std::lock_guard<std::mutex> lock(notification_mutex_);
+    CMutexLock lock(notification_mutex_);
     handler = notification_handler_;
   }
   if (!handler) {

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "CLocks.h"
 #include "IServiceSession.h"
 #include "TPLContext"
 
@@ -42,7 +42,8 @@ class CServiceSession : public IServiceSession, TPL::CContext<CServiceSession> {
   std::shared_ptr<ITransaction> _ReleaseTransaction(hxf_transaction_h transaction);
   std::function<void(hxf_transaction_h)> _GetTransactionTimeoutHandler();
   void _ForgetEverything();
-  void _SetNotificationHandler(const ServiceNotificationHandler_t& handler);
+  void _SetNotificationHandler(const ServiceNotificationHandler_t& handler)
+      HXF_EXCLUDES(notification_mutex_);
 
   void _RequestService(const std::shared_ptr<IPropertyListHelper>& list,
                        const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
@@ -62,8 +63,8 @@ class CServiceSession : public IServiceSession, TPL::CContext<CServiceSession> {
   // Terminate drops the handler at once, from the thread destroying the client, while a
   // notification job may be reading it on another: the one field shared across threads.
   // The lock is held only to copy or reset the handler, never while it is called.
-  std::mutex notification_mutex_;
-  ServiceNotificationHandler_t notification_handler_;  // guarded by notification_mutex_
+  CMutex notification_mutex_;
+  ServiceNotificationHandler_t notification_handler_ HXF_GUARDED_BY(notification_mutex_);
 };
 
 }  // namespace HXFramework::Core

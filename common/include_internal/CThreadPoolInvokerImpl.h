@@ -4,10 +4,10 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "CLocks.h"
 #include "TPLExport.h"
 
 namespace HXFramework::TPL {
@@ -23,19 +23,19 @@ class HXF_TPL_API CThreadPoolInvokerImpl {
   ~CThreadPoolInvokerImpl();
 
   // An empty function throws std::bad_function_call.
-  void Invoke(std::function<void()>&& fn);
+  void Invoke(std::function<void()>&& fn) HXF_EXCLUDES(mutex_);
   std::size_t ThreadCount() const { return workers_.size(); }
 
   CThreadPoolInvokerImpl(const CThreadPoolInvokerImpl&) = delete;
   CThreadPoolInvokerImpl& operator=(const CThreadPoolInvokerImpl&) = delete;
 
  private:
-  void _WorkerLoop();
+  void _WorkerLoop() HXF_EXCLUDES(mutex_);
 
-  std::mutex mutex_;  // guards queue_ and stopping_
+  CMutex mutex_;
   std::condition_variable wake_;
-  std::deque<std::function<void()>> queue_;
-  bool stopping_ = false;
+  std::deque<std::function<void()>> queue_ HXF_GUARDED_BY(mutex_);
+  bool stopping_ HXF_GUARDED_BY(mutex_) = false;
   std::vector<std::thread> workers_;
 };
 

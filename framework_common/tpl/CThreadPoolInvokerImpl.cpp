@@ -14,7 +14,7 @@ CThreadPoolInvokerImpl::CThreadPoolInvokerImpl(std::size_t thread_count) {
 
 CThreadPoolInvokerImpl::~CThreadPoolInvokerImpl() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
@@ -24,28 +24,28 @@ CThreadPoolInvokerImpl::~CThreadPoolInvokerImpl() {
 void CThreadPoolInvokerImpl::Invoke(std::function<void()>&& fn) {
   if (!fn) throw std::bad_function_call();
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     queue_.push_back(std::move(fn));
   }
   wake_.notify_one();
 }
 
 void CThreadPoolInvokerImpl::_WorkerLoop() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   for (;;) {
-    wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+    while (!stopping_ && queue_.empty()) wake_.wait(lock.Native());
     if (queue_.empty()) return;  // stopping, and everything accepted has run
     std::function<void()> fn = std::move(queue_.front());
     queue_.pop_front();
     // The queue lock is never held while a function runs: functions post to the pool.
-    lock.unlock();
+    lock.Unlock();
     try {
       fn();
     } catch (...) {
       // A task's failure is its own business; the worker must survive it.
     }
     fn = nullptr;  // release captures before re-taking the lock (their destructors may post)
-    lock.lock();
+    lock.Lock();
   }
 }
 

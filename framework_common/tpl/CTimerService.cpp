@@ -22,7 +22,7 @@ CTimerService::CTimerService()
 
 CTimerService::~CTimerService() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
@@ -43,7 +43,7 @@ uint32_t CTimerService::Start(ShotSet* owner, std::function<void()> handler, uin
   bool earliest = false;
   uint32_t id = 0;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     id = _NextId();
     shots_.emplace(id, Shot{deadline, std::move(handler), owner});
     owner->insert(id);
@@ -72,7 +72,7 @@ void CTimerService::_CompactIfStale() {
 void CTimerService::Stop(ShotSet* owner, uint32_t id) {
   std::function<void()> released;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     auto shot = shots_.find(id);
     if (shot == shots_.end() || shot->second.owner != owner) return;
     released = _Remove(shot);
@@ -84,7 +84,7 @@ void CTimerService::Stop(ShotSet* owner, uint32_t id) {
 void CTimerService::StopAll(ShotSet* owner) {
   std::vector<std::function<void()>> released;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    CMutexLock lock(mutex_);
     released.reserve(owner->size());
     while (!owner->empty()) {
       auto shot = shots_.find(*owner->begin());
@@ -99,10 +99,10 @@ void CTimerService::StopAll(ShotSet* owner) {
 }
 
 void CTimerService::_Run() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   while (!stopping_) {
     if (heap_.empty()) {
-      wake_.wait(lock);
+      wake_.wait(lock.Native());
       continue;
     }
     const HeapEntry next = heap_.top();
@@ -112,16 +112,16 @@ void CTimerService::_Run() {
       continue;
     }
     if (Clock::now() < next.deadline) {
-      wake_.wait_until(lock, next.deadline);
+      wake_.wait_until(lock.Native(), next.deadline);
       continue;
     }
     heap_.pop();
     std::function<void()> handler = _Remove(shot);
     // Hand-off: the handler leaves the map under the lock, so Stop can no longer reach it;
     // it runs on a dispatch thread, never on the thread that armed it.
-    lock.unlock();
+    lock.Unlock();
     dispatch_->Invoke(std::move(handler));
-    lock.lock();
+    lock.Lock();
   }
 }
 

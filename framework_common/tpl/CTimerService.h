@@ -4,12 +4,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <queue>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
+
+#include "CLocks.h"
 
 namespace HXFramework::TPL {
 
@@ -29,10 +30,11 @@ class CTimerService {
   CTimerService();
   ~CTimerService();
 
-  uint32_t Start(ShotSet* owner, std::function<void()> handler, uint32_t timeout_ms);
-  void Stop(ShotSet* owner, uint32_t id);
+  uint32_t Start(ShotSet* owner, std::function<void()> handler, uint32_t timeout_ms)
+      HXF_EXCLUDES(mutex_);
+  void Stop(ShotSet* owner, uint32_t id) HXF_EXCLUDES(mutex_);
   // Stops every armed shot of `owner`; afterwards the service never touches `owner` again.
-  void StopAll(ShotSet* owner);
+  void StopAll(ShotSet* owner) HXF_EXCLUDES(mutex_);
 
   CTimerService(const CTimerService&) = delete;
   CTimerService& operator=(const CTimerService&) = delete;
@@ -51,17 +53,21 @@ class CTimerService {
     }
   };
 
-  uint32_t _NextId();
-  std::function<void()> _Remove(std::unordered_map<uint32_t, Shot>::iterator shot);
-  void _CompactIfStale();
-  void _Run();
+  uint32_t _NextId() HXF_REQUIRES(mutex_);
+  std::function<void()> _Remove(std::unordered_map<uint32_t, Shot>::iterator shot)
+      HXF_REQUIRES(mutex_);
+  void _CompactIfStale() HXF_REQUIRES(mutex_);
+  void _Run() HXF_EXCLUDES(mutex_);
 
-  std::mutex mutex_;  // guards everything below and every ShotSet
+  // Guards the fields below and every ShotSet (whose owners reach them only through the
+  // service's methods, so only there are they touched).
+  CMutex mutex_;
   std::condition_variable wake_;
-  std::unordered_map<uint32_t, Shot> shots_;
-  std::priority_queue<HeapEntry, std::vector<HeapEntry>, std::greater<HeapEntry>> heap_;
-  uint32_t last_id_ = 0;
-  bool stopping_ = false;
+  std::unordered_map<uint32_t, Shot> shots_ HXF_GUARDED_BY(mutex_);
+  std::priority_queue<HeapEntry, std::vector<HeapEntry>, std::greater<HeapEntry>> heap_
+      HXF_GUARDED_BY(mutex_);
+  uint32_t last_id_ HXF_GUARDED_BY(mutex_) = 0;
+  bool stopping_ HXF_GUARDED_BY(mutex_) = false;
   CThreadPoolInvokerImpl* dispatch_;
   std::thread thread_;
 };

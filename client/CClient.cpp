@@ -183,17 +183,20 @@ std::shared_ptr<IServiceSession> CClient::_FindServiceSession(hxf_service_sessio
 }
 
 void CClient::_SetDiscoveredCallback(const DiscoveredHandler_t& handler) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   discovered_cb_ = handler;
 }
 
 // Accepted and dropped: notifications go to the handler given at subscription. Kept so.
 void CClient::_SetServiceNotificationCallback(const ServiceNotificationHandler_t&) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
 }
 
 void CClient::_SetDeviceListDiscoveredCallback(const std::string& name,
                                                const DeviceListDiscoveredHandler_t& handler) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
@@ -202,6 +205,7 @@ void CClient::_SetDeviceListDiscoveredCallback(const std::string& name,
 }
 
 void CClient::_StartPassiveSearch(const std::string& name, const DiscoveredHandler_t& handler) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     discovered_cb_ = handler;  // one slot: the last search's handler hears every service
@@ -210,12 +214,14 @@ void CClient::_StartPassiveSearch(const std::string& name, const DiscoveredHandl
 }
 
 void CClient::_StopPassiveSearch(const std::string& name) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { Services()->StopPassiveSearch(name, GetHandle()); });
 }
 
 void CClient::_StartActiveSearch(const std::string& name, const DiscoveredHandler_t& handler,
                                  uint32_t timeout) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     discovered_cb_ = handler;
@@ -224,12 +230,14 @@ void CClient::_StartActiveSearch(const std::string& name, const DiscoveredHandle
 }
 
 void CClient::_StopActiveSearch(const std::string& name) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { Services()->StopActiveSearch(name, GetHandle()); });
 }
 
 void CClient::_GetDeviceList(const std::string& name, const DeviceListDiscoveredHandler_t& handler,
                              uint32_t timeout) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
@@ -241,12 +249,14 @@ void CClient::_GetServiceProperty(const std::string& name,
                                   const std::shared_ptr<IPropertyListHelper>& list,
                                   const GetServicePropertyResultHandler_t& handler,
                                   uint32_t timeout) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { Services()->GetServiceProperty(name, list, handler, timeout); });
 }
 
 void CClient::_Discovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                           const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     HXLOG(DLOG_INFO, "a device discovered for %s\n", name.c_str());
@@ -260,6 +270,7 @@ void CClient::_Discovered(const std::string& name, hxf_endpoint_discovery_result
 
 void CClient::_DeviceListDiscovered(const std::string& name, hxf_endpoint_discovery_result_e result,
                                     const std::shared_ptr<IEndpointListHelper>& list) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     HXLOG(DLOG_INFO, "a device list discovered for %s\n", name.c_str());
@@ -273,6 +284,7 @@ void CClient::_DeviceListDiscovered(const std::string& name, hxf_endpoint_discov
 
 // A timed search ends with result 2 and no endpoint; the timers are the service's.
 void CClient::_HandleSearchingTimerExpired(const std::string& name) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     if (!discovered_cb_) {
@@ -284,6 +296,7 @@ void CClient::_HandleSearchingTimerExpired(const std::string& name) {
 }
 
 void CClient::_HandleListSearchingTimerExpired(const std::string& name) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     if (!device_list_cb_) {
@@ -295,6 +308,7 @@ void CClient::_HandleListSearchingTimerExpired(const std::string& name) {
 }
 
 void CClient::_SubscribeService(const std::shared_ptr<IServiceSession>& session) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     {
@@ -310,6 +324,7 @@ void CClient::_RequestService(hxf_service_session_h session,
                               const std::shared_ptr<IPropertyListHelper>& list,
                               const SetServicePropertyResultHandler_t& handler, uint32_t timeout,
                               const std::shared_ptr<ITransaction>& transaction) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE,
        [&] { _FindServiceSession(session)->RequestService(list, handler, timeout, transaction); });
@@ -317,6 +332,7 @@ void CClient::_RequestService(hxf_service_session_h session,
 
 void CClient::_AddDevice(hxf_service_session_h session,
                          const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] { _FindServiceSession(session)->AddDevice(endpoint); });
 }
@@ -325,6 +341,7 @@ void CClient::_SendRequestResult(const std::shared_ptr<IServiceSession>& session
                                  const std::string& /*name*/,
                                  const std::shared_ptr<ITransaction>& transaction,
                                  const std::shared_ptr<ITransactionResult>& result) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     hxf_error_e error = HXF_ERROR_OPERATION_FAILED;
@@ -356,6 +373,7 @@ void CClient::_SendRequestResult(const std::shared_ptr<IServiceSession>& session
 }
 
 void CClient::_TermiAsync(const ClientDestroyedHandler_t& destroyed) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   if (!destroyed) {
     HXLOG(DLOG_ERROR, "callback is nullptr!\n");

@@ -121,6 +121,7 @@ void CPlugin::_ReportLoadResult(hxf_plugin_load_result_e result) {
 }
 
 void CPlugin::_Load(const PluginLoadHandler_t& handler) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   CRunningJob running(this);
   loaded_cb_ = handler;
@@ -210,6 +211,7 @@ void CPlugin::_UnloadDelegate(const void* requester) {
 }
 
 void CPlugin::_SendLoadResult(hxf_plugin_load_result_e result) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   CRunningJob running(this);
   HXLOG(DLOG_INFO, "plugin_name : %s, loaded_cb_ : %p\n", plugin_name_.c_str(),

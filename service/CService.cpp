@@ -198,6 +198,7 @@ std::function<void()> CService::_GetListSearchTimerHandler(hxf_client_h client) 
 // ---- operations (context) ----
 
 void CService::_StartActiveSearch(const std::shared_ptr<IClient>& client, uint32_t timeout) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StartSearchTimer(client->GetHandle(), timeout);
@@ -208,6 +209,7 @@ void CService::_StartActiveSearch(const std::shared_ptr<IClient>& client, uint32
 }
 
 void CService::_GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t timeout) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StartListSearchTimer(client->GetHandle(), timeout);
@@ -218,6 +220,7 @@ void CService::_GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t t
 }
 
 void CService::_StartPassiveSearch(const std::shared_ptr<IClient>& client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _InsertClientIfNotExist(passive_client_map_, client);
@@ -227,6 +230,7 @@ void CService::_StartPassiveSearch(const std::shared_ptr<IClient>& client) {
 }
 
 void CService::_StopActiveSearch(hxf_client_h client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopSearchTimer();  // whichever client started it
@@ -238,6 +242,7 @@ void CService::_StopActiveSearch(hxf_client_h client) {
 }
 
 void CService::_StopPassiveSearch(hxf_client_h client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _RemoveClient(passive_client_map_, client);
@@ -247,6 +252,7 @@ void CService::_StopPassiveSearch(hxf_client_h client) {
 }
 
 void CService::_SetSearchClient(const std::shared_ptr<IClient>& client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow,
             [&] { _InsertClientIfNotExist(search_client_map_, client); });
@@ -254,6 +260,7 @@ void CService::_SetSearchClient(const std::shared_ptr<IClient>& client) {
 
 void CService::_Discovered(hxf_service_handler_h /*handle*/,
                            const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopSearchTimer();  // the first device found ends the active-search time-out
@@ -268,6 +275,7 @@ void CService::_Discovered(hxf_service_handler_h /*handle*/,
 
 void CService::_DeviceListDiscovered(hxf_service_handler_h /*handle*/,
                                      const std::shared_ptr<IEndpointListHelper>& list) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopListSearchTimer();
@@ -281,6 +289,7 @@ void CService::_DeviceListDiscovered(hxf_service_handler_h /*handle*/,
 }
 
 void CService::_HandleSearchingTimerExpired(hxf_client_h client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     std::shared_ptr<IClient> found = _FindSearchingClient(client);
@@ -290,6 +299,7 @@ void CService::_HandleSearchingTimerExpired(hxf_client_h client) {
 }
 
 void CService::_HandleListSearchingTimerExpired(hxf_client_h client) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     std::shared_ptr<IClient> found = _FindSearchingClient(client);
@@ -299,6 +309,7 @@ void CService::_HandleListSearchingTimerExpired(hxf_client_h client) {
 }
 
 void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     if (handler == nullptr)
@@ -317,6 +328,7 @@ void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
 }
 
 void CService::_Unsubscribe(hxf_service_handler_h handle) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     CWriteLock lock(handler_lock_);
@@ -350,11 +362,13 @@ std::shared_ptr<IServiceHandler> CService::_GetServiceHandler() {
 // Property requests addressed to a service by name are accepted and dropped: kept so.
 void CService::_GetServiceProperty(const std::shared_ptr<IPropertyListHelper>&,
                                    const GetServicePropertyResultHandler_t&, uint32_t) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
 }
 
 void CService::_SetServiceProperty(const std::shared_ptr<IPropertyListHelper>&,
                                    const SetServicePropertyResultHandler_t&, uint32_t) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
 }
 

@@ -141,35 +141,43 @@ void CServiceHandler::_SetSlot(CLogFunction hxf_log_function_, Slot& slot, const
 }
 
 void CServiceHandler::_SetSearchCallback(const SearchHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, search_cb_, h, "search");
 }
 void CServiceHandler::_SetSearchStopCallback(const SearchStopHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, search_stop_cb_, h, "search stop");
 }
 void CServiceHandler::_SetGetDeviceListCallback(const GetDeviceListHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, get_device_list_cb_, h, "get device list");
 }
 void CServiceHandler::_SetListenCallback(const ListenHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, listen_cb_, h, "listen");
 }
 void CServiceHandler::_SetListenStopCallback(const ListenStopHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, listen_stop_cb_, h, "listen stop");
 }
 // The add-device setter writes no message, only its trace.
 void CServiceHandler::_SetAddDeviceCallback(const AddDeviceHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, add_device_cb_, h, nullptr);
 }
 void CServiceHandler::_SetServiceSessionCreatedCallback(const ServiceSessionCreatedHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, service_session_created_cb_, h, "session created");
 }
 void CServiceHandler::_SetRequestServiceCallback(const SetServicePropertyHandler_t& h) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _SetSlot(hxf_log_function_, request_service_cb_, h, "set request service");
 }
@@ -187,28 +195,34 @@ void CServiceHandler::_CallSearchSlot(CLogFunction hxf_log_function_, const Sear
 }
 
 void CServiceHandler::_StartActiveSearch(const std::string& n) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _CallSearchSlot(hxf_log_function_, search_cb_, n);
 }
 void CServiceHandler::_StopActiveSearch(const std::string& n) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _CallSearchSlot(hxf_log_function_, search_stop_cb_, n);
 }
 void CServiceHandler::_GetDeviceList(const std::string& n) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _CallSearchSlot(hxf_log_function_, get_device_list_cb_, n);
 }
 void CServiceHandler::_StartPassiveSearch(const std::string& n) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _CallSearchSlot(hxf_log_function_, listen_cb_, n);
 }
 void CServiceHandler::_StopPassiveSearch(const std::string& n) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   _CallSearchSlot(hxf_log_function_, listen_stop_cb_, n);
 }
 
 void CServiceHandler::_AddDevice(hxf_service_session_h /*session*/,
                                  const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   // The session is not passed on: the plugin learns only the handler and the endpoint.
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
@@ -222,6 +236,7 @@ void CServiceHandler::_AddDevice(hxf_service_session_h /*session*/,
 
 void CServiceHandler::_RequestService(const std::shared_ptr<ITransaction>& transaction,
                                       const std::shared_ptr<IPropertyListHelper>& list) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     if (!request_service_cb_) {
@@ -233,6 +248,7 @@ void CServiceHandler::_RequestService(const std::shared_ptr<ITransaction>& trans
 }
 
 void CServiceHandler::_ServiceSessionCreated(const std::shared_ptr<IServiceSession>& session) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     // A dead session under the same (recycled) handle does not count: it is replaced.
@@ -255,6 +271,7 @@ void CServiceHandler::_ForEachLiveSession(CLogFunction hxf_log_function_, Body&&
 void CServiceHandler::_SendRequestResult(const std::string& service_name,
                                          const std::shared_ptr<IPropertyListHelper>& list,
                                          hxf_transaction_h transaction, hxf_error_e error) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXLOG(DLOG_ERROR, "pelnor debug3\n");
   HXF_CALLTRACE_OBJ(this);
   // Offered to every live session: only the one holding the transaction takes it.
@@ -269,6 +286,7 @@ void CServiceHandler::_SendRequestResult(const std::string& service_name,
 void CServiceHandler::_Notify(const std::string& service_name,
                               const std::shared_ptr<IPropertyListHelper>& list,
                               hxf_transaction_h transaction, hxf_error_e error) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     const std::string list_name = list != nullptr ? list->GetName() : std::string();
@@ -281,6 +299,7 @@ void CServiceHandler::_Notify(const std::string& service_name,
 }
 
 void CServiceHandler::_TermiAsync(const ServiceHandlerDestroyedHandler_t& destroyed) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   if (!destroyed) {
     HXLOG(DLOG_ERROR, "callback is nullptr!\n");

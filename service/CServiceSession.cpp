@@ -133,6 +133,7 @@ void CServiceSession::_RequestService(const std::shared_ptr<IPropertyListHelper>
                                       const SetServicePropertyResultHandler_t& handler,
                                       uint32_t timeout,
                                       const std::shared_ptr<ITransaction>& transaction) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     const std::string list_name = list->GetName();  // once: the log macro formats twice
@@ -149,6 +150,7 @@ void CServiceSession::_RequestService(const std::shared_ptr<IPropertyListHelper>
 void CServiceSession::_SendRequestResult(const std::string& service_name,
                                          hxf_transaction_h transaction,
                                          const std::shared_ptr<ITransactionResult>& result) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   try {
     std::shared_ptr<ITransaction> found = _ReleaseTransaction(transaction);
@@ -163,6 +165,7 @@ void CServiceSession::_SendRequestResult(const std::string& service_name,
 
 void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transaction_h transaction,
                               const std::shared_ptr<ITransactionResult>& result) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   ServiceNotificationHandler_t handler;
   {
@@ -188,6 +191,7 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
 }
 
 void CServiceSession::_ServiceSessionCreated() {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
     _GetServiceHandler()->ServiceSessionCreated(std::shared_ptr<CServiceSession>(weak_this_));
@@ -195,6 +199,7 @@ void CServiceSession::_ServiceSessionCreated() {
 }
 
 void CServiceSession::_AddDevice(const std::shared_ptr<IEndpointHelper>& endpoint) {
+  HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow,
             [&] { _GetServiceHandler()->AddDevice(GetHandle(), endpoint); });

@@ -36,6 +36,7 @@ class CTestOwner : public CContext<CTestOwner> {
   }
   void SetOwner(const std::shared_ptr<CTestOwner>& owner) { weak_this_ = owner; }
   void OnTerminate(const Task& handler) { _SetTerminateHandler(handler); }
+  bool OnOwnContext() const { return _OnOwnContext(); }
 
   // Runs `fn` as a task of this context.
   template <typename Invoker>
@@ -113,6 +114,33 @@ TEST(TPLContext, InitiateNamesTheContextAfterItsOwnerType) {
   EXPECT_TRUE(capture.Contains(")  InitiateJob created\n"));
   EXPECT_TRUE(capture.Contains(")  InitiateJob destroyed\n"));
   EXPECT_TRUE(capture.Traces().empty());  // context lines never reach the trace hook
+}
+
+TEST(TPLContext, OnlyItsOwnJobsRunOnTheContextNotTheCallerNorAnotherContextsJob) {
+  auto owner = CTestOwner::Create();
+  auto other = CTestOwner::Create();
+  owner->Initiate(Direct());
+  other->Initiate(Direct());
+  EXPECT_FALSE(owner->OnOwnContext());  // the test's own thread, outside any job
+  std::vector<bool> seen;
+  owner->Post(
+      [&] {
+        seen.push_back(owner->OnOwnContext());
+        // Another context drained on the direct invoker, inside this job: its job is its own.
+        other->Post([&] { seen.push_back(owner->OnOwnContext() || !other->OnOwnContext()); },
+                    Direct());
+        seen.push_back(owner->OnOwnContext());  // back in the outer job
+      },
+      Direct());
+  EXPECT_EQ(seen, (std::vector<bool>{true, false, true}));
+  EXPECT_FALSE(owner->OnOwnContext());
+  std::promise<bool> on_pool;
+  owner->Post([&] { on_pool.set_value(owner->OnOwnContext()); }, Pool());
+  auto answer = on_pool.get_future();
+  ASSERT_EQ(answer.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(answer.get());
+  owner->TerminateSync(Direct());
+  other->TerminateSync(Direct());
 }
 
 TEST(TPLContext, DirectInvokerRunsTasksBeforeInvokeTaskReturnsInPostingOrder) {

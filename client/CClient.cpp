@@ -22,7 +22,6 @@ using TPL::Direct;
 using TPL::Pool;
 
 namespace {
-constexpr auto kSearchEnded = static_cast<hxf_endpoint_discovery_result_e>(2);
 IServiceMgr* Services() {
   return IServiceMgr::GetInstance();
 }
@@ -291,7 +290,7 @@ void CClient::_HandleSearchingTimerExpired(const std::string& name) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    discovered_cb_(GetHandle(), AsCommonString(name), kSearchEnded, nullptr);
+    discovered_cb_(GetHandle(), AsCommonString(name), HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT, nullptr);
   });
 }
 
@@ -303,7 +302,7 @@ void CClient::_HandleListSearchingTimerExpired(const std::string& name) {
       HXLOG(DLOG_ERROR, "callback is nullptr!\n");
       return;
     }
-    device_list_cb_(GetHandle(), AsCommonString(name), kSearchEnded, nullptr);
+    device_list_cb_(GetHandle(), AsCommonString(name), HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT, nullptr);
   });
 }
 

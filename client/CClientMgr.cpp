@@ -9,14 +9,11 @@
 #include "IServiceMgr.h"
 #include "IServiceSession.h"
 #include "ITransaction.h"
+#include "LeakySingleton.h"
 
 namespace HXFramework::Core {
 
 namespace {
-
-void Require(bool condition, const char* message, hxf_error_e code) {
-  if (!condition) throw CException(message, code);
-}
 
 // The "client handle is null" family: a null client is an invalid client.
 void RequireClientAndName(hxf_client_h client, const std::string& name) {
@@ -27,9 +24,7 @@ void RequireClientAndName(hxf_client_h client, const std::string& name) {
 }  // namespace
 
 IClientMgr* IClientMgr::GetInstance() {
-  // Never destroyed: pool and timer threads may still reach it while the process exits.
-  static CClientMgr* instance = new CClientMgr();
-  return instance;
+  return &LeakySingleton<CClientMgr>();
 }
 
 CClientMgr::CClientMgr() {

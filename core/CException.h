@@ -16,4 +16,15 @@ class CException : public std::domain_error {
   hxf_error_e code;
 };
 
+// Throws `message` with `code` unless `condition` holds: the argument checks of the
+// managers' operations.
+inline void Require(bool condition, const char* message, hxf_error_e code) {
+  if (!condition) throw CException(message, code);
+}
+
+// Throws `message` as a plain failure (HXF_ERROR_OPERATION_FAILED).
+[[noreturn]] inline void Fail(const std::string& message) {
+  throw CException(message, HXF_ERROR_OPERATION_FAILED);
+}
+
 }  // namespace HXFramework

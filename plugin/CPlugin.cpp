@@ -25,7 +25,7 @@ constexpr const char* kPluginStdSuffix = "\n\n";
 // How long Unload waits for a running job of the plugin (a "CreatePlugin" or a load
 // callback) before it lets termination discard the unload.
 constexpr auto kUnloadWait = std::chrono::seconds(20);
-constexpr auto kCallbackDrainWait = std::chrono::milliseconds(5000);
+constexpr auto kCallbackDrainWait = std::chrono::seconds(5);
 
 // The plugin whose job runs on this thread, if any.
 thread_local const CPlugin* t_running_plugin = nullptr;
@@ -44,9 +44,6 @@ class CRunningJob {
   const CPlugin* previous_;
 };
 
-void Fail(const std::string& message) {
-  throw CException(message, HXF_ERROR_OPERATION_FAILED);
-}
 }  // namespace
 
 std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name) {

@@ -1,23 +1,15 @@
 #include "CPluginMgr.h"
 
 #include "CException.h"
+#include "CScopeExit.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "JobFrame.h"
+#include "LeakySingleton.h"
 
 namespace HXFramework::Core {
 
-namespace {
-
-void Fail(const std::string& message) {
-  throw CException(message, HXF_ERROR_OPERATION_FAILED);
-}
-
-}  // namespace
-
 IPluginMgr& IPluginMgr::GetInstance() {
-  // Never destroyed: plugins may still report from their threads while the process exits.
-  static CPluginMgr* instance = new CPluginMgr();
-  return *instance;
+  return LeakySingleton<CPluginMgr>();  // plugins may still report while the process exits
 }
 
 void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& handler) {
@@ -80,19 +72,13 @@ void CPluginMgr::UnloadAllPlugin() {
   // The entries stay in the map while the plugins are stopped, so that a plugin reporting
   // from its "DestroyPlugin" is still found; they are cleared afterwards, also when an
   // unload throws.
-  struct Clear {
-    CPluginMgr* manager;
-    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
-    ~Clear() {
-      CWriteLock lock(manager->plugin_mutex_);
-      for (const auto& [name, plugin] : plugins) {
-        auto entry = manager->plugin_map_.find(name);
-        if (entry != manager->plugin_map_.end() && entry->second == plugin) {
-          manager->plugin_map_.erase(entry);
-        }
-      }
+  CScopeExit clear([this, &unloading] {
+    CWriteLock lock(plugin_mutex_);
+    for (const auto& [name, plugin] : unloading) {
+      auto entry = plugin_map_.find(name);
+      if (entry != plugin_map_.end() && entry->second == plugin) plugin_map_.erase(entry);
     }
-  } clear{this, unloading};
+  });
   _Close(hxf_log_function_, unloading, true);
 }
 
@@ -101,14 +87,10 @@ void CPluginMgr::_Close(
     const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins,
     bool unloading_all) {
   // The names are released again on every way out, also when an unload throws.
-  struct Reopen {
-    CPluginMgr* manager;
-    const std::vector<std::pair<std::string, std::shared_ptr<IPlugin>>>& plugins;
-    ~Reopen() {
-      CWriteLock lock(manager->plugin_mutex_);
-      for (const auto& entry : plugins) manager->closing_.erase(entry.first);
-    }
-  } reopen{this, plugins};
+  CScopeExit reopen([this, &plugins] {
+    CWriteLock lock(plugin_mutex_);
+    for (const auto& entry : plugins) closing_.erase(entry.first);
+  });
   for (const auto& [name, plugin] : plugins) {
     if (unloading_all) HXLOG(DLOG_INFO, "try to unload [%s] plugin\n", name.c_str());
     if (plugin == nullptr) {

@@ -16,10 +16,6 @@ using std::placeholders::_1;
 using TPL::Direct;
 using TPL::Pool;
 
-namespace {
-constexpr auto kFound = static_cast<hxf_endpoint_discovery_result_e>(0);
-}  // namespace
-
 std::shared_ptr<IService> IService::Create(const std::string& name) {
   auto service = std::make_shared<CService>(name);
   service->weak_this_ = service;
@@ -265,7 +261,7 @@ void CService::_Discovered(hxf_service_handler_h /*handle*/,
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     _StopSearchTimer();  // the first device found ends the active-search time-out
     const auto tell = [&](const std::shared_ptr<IClient>& client) {
-      client->Discovered(name, kFound, endpoint);
+      client->Discovered(name, HXF_ENDPOINT_DISCOVERY_RESULT_FOUND, endpoint);
     };
     // A client in both maps is told twice: kept so.
     _ForEachClient(tell, passive_client_map_);
@@ -282,7 +278,7 @@ void CService::_DeviceListDiscovered(hxf_service_handler_h /*handle*/,
     // Only searching clients hear of lists; listeners do not.
     _ForEachClient(
         [&](const std::shared_ptr<IClient>& client) {
-          client->DeviceListDiscovered(name, kFound, list);
+          client->DeviceListDiscovered(name, HXF_ENDPOINT_DISCOVERY_RESULT_FOUND, list);
         },
         search_client_map_);
   });

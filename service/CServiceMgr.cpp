@@ -11,22 +11,18 @@
 #include "IEndpointListHelper.h"
 #include "IService.h"
 #include "IServiceHandler.h"
+#include "LeakySingleton.h"
 
 namespace HXFramework::Core {
 
 namespace {
-void Require(bool condition, const char* message, hxf_error_e code) {
-  if (!condition) throw CException(message, code);
-}
 
 const char kEverything[] = "*";
 
 }  // namespace
 
 IServiceMgr* IServiceMgr::GetInstance() {
-  // Never destroyed: pool and timer threads may still reach it while the process exits.
-  static CServiceMgr* instance = new CServiceMgr();
-  return instance;
+  return &LeakySingleton<CServiceMgr>();
 }
 
 CServiceMgr::CServiceMgr() {

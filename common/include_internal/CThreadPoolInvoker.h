@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "LeakySingleton.h"
 #include "TPLExport.h"
 
 namespace HXFramework::TPL {
@@ -19,6 +20,8 @@ class HXF_TPL_API CThreadPoolInvoker {
   CThreadPoolInvoker& operator=(const CThreadPoolInvoker&) = delete;
 
  private:
+  template <typename Service>
+  friend Service& HXFramework::LeakySingleton();
   CThreadPoolInvoker();
   CThreadPoolInvokerImpl* impl_;
 };

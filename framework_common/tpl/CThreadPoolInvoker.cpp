@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "CThreadPoolInvokerImpl.h"
+#include "LeakySingleton.h"
 
 namespace HXFramework::TPL {
 
@@ -16,10 +17,7 @@ std::size_t PoolSize() {
 }  // namespace
 
 CThreadPoolInvoker& CThreadPoolInvoker::GetInstance() {
-  // Never destroyed: pool threads may still be finishing work while other static objects
-  // are torn down at process exit, so the pool must outlive them all.
-  static CThreadPoolInvoker* instance = new CThreadPoolInvoker();
-  return *instance;
+  return LeakySingleton<CThreadPoolInvoker>();
 }
 
 CThreadPoolInvoker::CThreadPoolInvoker() : impl_(new CThreadPoolInvokerImpl(PoolSize())) {}

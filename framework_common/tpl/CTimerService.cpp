@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "CThreadPoolInvokerImpl.h"
+#include "LeakySingleton.h"
 
 namespace HXFramework::TPL {
 
@@ -12,9 +13,7 @@ constexpr std::size_t kMinStaleBeforeCompaction = 1024;
 }  // namespace
 
 CTimerService& CTimerService::GetInstance() {
-  // Never destroyed: handlers may still fire while static objects are torn down at exit.
-  static CTimerService* instance = new CTimerService();
-  return *instance;
+  return LeakySingleton<CTimerService>();
 }
 
 CTimerService::CTimerService()

@@ -17,6 +17,7 @@ namespace HXFramework::Core {
 
 void print_app_info(std::string function_name);
 
+// `site` is the entry point's own (HXF_LOG_SITE written in it), so that the lines name it.
 // `log_caller` is false only for initialize and finalize, which log their own lines.
 template <typename Body>
 auto ApiFrame(const CLogSite& site, Body&& body, bool log_caller = true) noexcept {
@@ -48,6 +49,3 @@ auto ApiFrame(const CLogSite& site, Body&& body, bool log_caller = true) noexcep
 }
 
 }  // namespace HXFramework::Core
-
-// Runs a body in the frame with the calling entry point as the log site.
-#define HXF_API_FRAME(...) ::HXFramework::Core::ApiFrame(HXF_LOG_SITE, [&]() { __VA_ARGS__ })

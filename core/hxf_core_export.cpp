@@ -47,6 +47,19 @@ const std::shared_ptr<ICallbackCaller>& Caller() {
   return CCallbackCallerLocal::GetInstance();
 }
 
+// The eight callback setters of a service handler: the factory makes the handler that calls
+// `cb`, the manager installs it with `set`.
+template <typename Handler, typename Callback>
+hxf_error_e SetHandlerCallback(const CLogSite& site, hxf_service_handler_h handler,
+                               void (IServiceMgr::*set)(hxf_service_handler_h, const Handler&),
+                               Handler (ICallbackHandlerFactory::*make)(
+                                   const ICallbackHandlerFactory::Caller&, Callback, void*),
+                               Callback cb, void* user_data) {
+  return ApiFrame(site, [&] {
+    (IServiceMgr::GetInstance()->*set)(handler, (Factory().*make)(Caller(), cb, user_data));
+  });
+}
+
 // Takes over a text the platform allocated with malloc.
 std::string TakePlatformText(char* text) {
   std::string copy(text);
@@ -120,124 +133,133 @@ HXF_CORE_API hxf_error_e hxf_core_finalize(void) {
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_load(hxf_string_t plugin_name, hxf_plugin_loaded_cb cb,
                                               void* user_data) {
-  return HXF_API_FRAME(IPluginMgr & manager = IPluginMgr::GetInstance();
-                       const std::string name = ToString(plugin_name); manager.LoadPlugin(
-                           name, Factory().CreatePluginLoadHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IPluginMgr& manager = IPluginMgr::GetInstance();
+    const std::string name = ToString(plugin_name);
+    manager.LoadPlugin(name, Factory().CreatePluginLoadHandler(Caller(), cb, user_data));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_unload(hxf_string_t plugin_name) {
   const CApiCaller caller(__builtin_return_address(0));  // a plugin may be unloading itself
-  return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadPlugin(ToString(plugin_name)););
+  return ApiFrame(HXF_LOG_SITE,
+                  [&] { IPluginMgr::GetInstance().UnloadPlugin(ToString(plugin_name)); });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_unload_all(void) {
   const CApiCaller caller(__builtin_return_address(0));
-  return HXF_API_FRAME(IPluginMgr::GetInstance().UnloadAllPlugin(););
+  return ApiFrame(HXF_LOG_SITE, [&] { IPluginMgr::GetInstance().UnloadAllPlugin(); });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_plugin_send_load_result(hxf_string_t plugin_name,
                                                           hxf_plugin_load_result_e result) {
-  return HXF_API_FRAME(IPluginMgr::GetInstance().SendLoadResult(ToString(plugin_name), result););
+  return ApiFrame(HXF_LOG_SITE,
+                  [&] { IPluginMgr::GetInstance().SendLoadResult(ToString(plugin_name), result); });
 }
 
 // ---- service handlers (plugins) ----
 
 HXF_CORE_API hxf_service_handler_h hxf_core_service_handler_create(hxf_string_t name,
                                                                    void* user_data) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       return manager->CreateServiceHandler(ToString(name), user_data););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    return manager->CreateServiceHandler(ToString(name), user_data);
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_callback(
     hxf_service_handler_h handler, hxf_service_handler_search_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance();
-      manager->SetSearchCallback(handler, Factory().CreateSearchHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetSearchCallback,
+                            &ICallbackHandlerFactory::CreateSearchHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_search_stop_callback(
     hxf_service_handler_h handler, hxf_service_handler_search_stop_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->SetSearchStopCallback(
-                           handler, Factory().CreateSearchStopHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetSearchStopCallback,
+                            &ICallbackHandlerFactory::CreateSearchStopHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_get_device_list_callback(
     hxf_service_handler_h handler, hxf_service_handler_get_device_list_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetGetDeviceListCallback(
-          handler, Factory().CreateGetDeviceListHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetGetDeviceListCallback,
+                            &ICallbackHandlerFactory::CreateGetDeviceListHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_callback(
     hxf_service_handler_h handler, hxf_service_handler_listen_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance();
-      manager->SetListenCallback(handler, Factory().CreateListenHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetListenCallback,
+                            &ICallbackHandlerFactory::CreateListenHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_listen_stop_callback(
     hxf_service_handler_h handler, hxf_service_handler_listen_stop_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->SetListenStopCallback(
-                           handler, Factory().CreateListenStopHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetListenStopCallback,
+                            &ICallbackHandlerFactory::CreateListenStopHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_add_device_callback(
     hxf_service_handler_h handler, hxf_service_handler_add_device_cb cb, void* user_data) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->SetAddDeviceCallback(
-                           handler, Factory().CreateAddDeviceHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetAddDeviceCallback,
+                            &ICallbackHandlerFactory::CreateAddDeviceHandler, cb, user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_service_session_created_callback(
     hxf_service_handler_h handler, hxf_service_handler_service_session_created_cb cb,
     void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetServiceSessionCreatedCallback(
-          handler, Factory().CreateServiceSessionCreatedHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetServiceSessionCreatedCallback,
+                            &ICallbackHandlerFactory::CreateServiceSessionCreatedHandler, cb,
+                            user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_set_request_service_callback(
     hxf_service_handler_h handler, hxf_service_handler_set_request_service_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->SetRequestServiceCallback(
-          handler, Factory().CreateSetServicePropertyHandler(Caller(), cb, user_data)););
+  return SetHandlerCallback(HXF_LOG_SITE, handler, &IServiceMgr::SetRequestServiceCallback,
+                            &ICallbackHandlerFactory::CreateSetServicePropertyHandler, cb,
+                            user_data);
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_subscribe_service(hxf_service_handler_h handler,
                                                                     hxf_string_t service_name) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->SubscribeService(handler, ToString(service_name)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    manager->SubscribeService(handler, ToString(service_name));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_unsubscribe_service(hxf_service_handler_h handler,
                                                                       hxf_string_t service_name) {
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->UnsubscribeService(handler, ToString(service_name)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    manager->UnsubscribeService(handler, ToString(service_name));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_found(hxf_service_handler_h handler,
                                                                       hxf_endpoint_h endpoint) {
   // The endpoint is copied before the manager is reached: a null one fails here.
-  return HXF_API_FRAME(IServiceMgr * manager = IServiceMgr::GetInstance();
-                       manager->Discovered(handler, IEndpointHelper::Create(endpoint)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    manager->Discovered(handler, IEndpointHelper::Create(endpoint));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_report_device_list(
     hxf_service_handler_h handler, hxf_endpoint_list_h endpoint_list) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance();
-      manager->DeviceListDiscovered(handler, IEndpointListHelper::Create(endpoint_list)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    manager->DeviceListDiscovered(handler, IEndpointListHelper::Create(endpoint_list));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_send_request_result(
     hxf_service_handler_h handler, hxf_string_t service_name, hxf_property_list_h properties,
     hxf_transaction_h transaction, hxf_error_e error) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance();
-      const std::string name = ToString(service_name); manager->SendRequestResult(
-          handler, name, IPropertyListHelper::Create(properties), transaction, error););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->SendRequestResult(handler, name, IPropertyListHelper::Create(properties), transaction,
+                               error);
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_notify(hxf_service_handler_h handler,
@@ -245,97 +267,119 @@ HXF_CORE_API hxf_error_e hxf_core_service_handler_notify(hxf_service_handler_h h
                                                          hxf_property_list_h properties,
                                                          hxf_transaction_h transaction,
                                                          hxf_error_e error) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance();
-      const std::string name = ToString(service_name);
-      manager->Notify(handler, name, IPropertyListHelper::Create(properties), transaction, error););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->Notify(handler, name, IPropertyListHelper::Create(properties), transaction, error);
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy(hxf_service_handler_h handler) {
-  return HXF_API_FRAME(IServiceMgr::GetInstance()->DestroyServiceHandler(handler););
+  return ApiFrame(HXF_LOG_SITE,
+                  [&] { IServiceMgr::GetInstance()->DestroyServiceHandler(handler); });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_service_handler_destroy_async(hxf_service_handler_h handler,
                                                                 hxf_service_handler_destroyed_cb cb,
                                                                 void* user_data) {
-  return HXF_API_FRAME(
-      IServiceMgr * manager = IServiceMgr::GetInstance(); manager->DestroyServiceHandlerAsync(
-          handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IServiceMgr* manager = IServiceMgr::GetInstance();
+    manager->DestroyServiceHandlerAsync(
+        handler, Factory().CreateServiceHandlerDestroyedHandler(Caller(), cb, user_data));
+  });
 }
 
 // ---- clients (consumers) ----
 
 HXF_CORE_API hxf_client_h hxf_core_client_create(hxf_string_t name) {
-  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
-                       return manager->CreateClient(ToString(name)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    return manager->CreateClient(ToString(name));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_start_passive_search(hxf_client_h client,
                                                               hxf_string_t service_name,
                                                               hxf_client_endpoint_discovered_cb cb,
                                                               void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance();
-      const std::string name = ToString(service_name); manager->StartPassiveSearch(
-          client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->StartPassiveSearch(client, name,
+                                Factory().CreateDiscoveredHandler(Caller(), cb, user_data));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_stop_passive_search(hxf_client_h client,
                                                              hxf_string_t service_name) {
-  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
-                       manager->StopPassiveSearch(client, ToString(service_name)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    manager->StopPassiveSearch(client, ToString(service_name));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_start_active_search(hxf_client_h client,
                                                              hxf_string_t service_name,
                                                              hxf_client_endpoint_discovered_cb cb,
                                                              uint32_t timeout, void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance();
-      const std::string name = ToString(service_name); manager->StartActiveSearch(
-          client, name, Factory().CreateDiscoveredHandler(Caller(), cb, user_data), timeout););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->StartActiveSearch(client, name,
+                               Factory().CreateDiscoveredHandler(Caller(), cb, user_data), timeout);
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_stop_active_search(hxf_client_h client,
                                                             hxf_string_t service_name) {
-  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
-                       manager->StopActiveSearch(client, ToString(service_name)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    manager->StopActiveSearch(client, ToString(service_name));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client,
                                                          hxf_string_t service_name,
                                                          hxf_client_device_list_discovered_cb cb,
                                                          uint32_t timeout, void* user_data) {
-  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
-                       const std::string name = ToString(service_name); manager->GetDeviceList(
-                           client, name,
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->GetDeviceList(client, name,
                            Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data),
-                           timeout););
+                           timeout);
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(
     hxf_client_h client, hxf_string_t service_name, hxf_client_device_list_discovered_cb cb,
     void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance();
-      const std::string name = ToString(service_name); manager->SetDeviceListDiscoveredCallback(
-          client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    manager->SetDeviceListDiscoveredCallback(
+        client, name, Factory().CreateDeviceListDiscoveredHandler(Caller(), cb, user_data));
+  });
 }
 
 HXF_CORE_API hxf_service_session_h
 hxf_core_client_subscribe_service(hxf_client_h client, hxf_string_t service_name,
                                   hxf_client_service_notification_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance();
-      const std::string name = ToString(service_name); return manager->SubscribeService(
-          client, name, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    const std::string name = ToString(service_name);
+    return manager->SubscribeService(
+        client, name, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_set_service_notification_callback(
     hxf_client_h client, hxf_client_service_notification_cb cb, void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance(); manager->SetServiceNotificationCallback(
-          client, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    manager->SetServiceNotificationCallback(
+        client, Factory().CreateServiceNotificationHandler(Caller(), cb, user_data));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_request_service(
@@ -359,20 +403,24 @@ HXF_CORE_API hxf_error_e hxf_core_client_request_service(
 HXF_CORE_API hxf_error_e hxf_core_client_add_device(hxf_client_h client,
                                                     hxf_service_session_h session,
                                                     hxf_endpoint_h endpoint) {
-  return HXF_API_FRAME(IClientMgr * manager = IClientMgr::GetInstance();
-                       manager->AddDevice(client, session, IEndpointHelper::Create(endpoint)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    manager->AddDevice(client, session, IEndpointHelper::Create(endpoint));
+  });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_destroy(hxf_client_h client) {
-  return HXF_API_FRAME(IClientMgr::GetInstance()->DestroyClient(client););
+  return ApiFrame(HXF_LOG_SITE, [&] { IClientMgr::GetInstance()->DestroyClient(client); });
 }
 
 HXF_CORE_API hxf_error_e hxf_core_client_destroy_async(hxf_client_h client,
                                                        hxf_client_destroyed_cb cb,
                                                        void* user_data) {
-  return HXF_API_FRAME(
-      IClientMgr * manager = IClientMgr::GetInstance(); manager->DestroyClientAsync(
-          client, Factory().CreateClientDestroyedHandler(Caller(), cb, user_data)););
+  return ApiFrame(HXF_LOG_SITE, [&] {
+    IClientMgr* manager = IClientMgr::GetInstance();
+    manager->DestroyClientAsync(client,
+                                Factory().CreateClientDestroyedHandler(Caller(), cb, user_data));
+  });
 }
 
 }  // extern "C"

@@ -9,9 +9,12 @@
 #include "CCallbackCallerLocal.h"
 #include "ICallbackHandlerFactory.h"
 #include "LogCapture.h"
+#include "Str.h"
 
 using namespace HXFramework::Core;  // NOLINT
 using HXFramework::Test::LogCapture;
+
+using HXFramework::Test::Text;
 
 namespace {
 
@@ -23,9 +26,6 @@ std::string P(const void* p) {
   char text[32];
   std::snprintf(text, sizeof text, "%p", p);
   return text;
-}
-std::string S(hxf_string s) {
-  return std::string(s.str, s.len);
 }
 void Record(const std::string& call) {
   g_call = call;
@@ -59,7 +59,7 @@ std::vector<Row> Rows() {
          F().CreatePluginLoadHandler(
              C(),
              [](hxf_string n, hxf_plugin_load_result_e r, void* ud) {
-               Record(S(n) + "," + std::to_string(r) + "," + P(ud));
+               Record(Text(n) + "," + std::to_string(r) + "," + P(ud));
              },
              kUser)(kName, HXF_PLUGIN_LOAD_RESULT_FAILED);
        },
@@ -70,7 +70,7 @@ std::vector<Row> Rows() {
              C(),
              [](hxf_client_h c, hxf_string n, hxf_endpoint_discovery_result_e r, hxf_endpoint_h e,
                 void* ud) {
-               Record(P(c) + "," + S(n) + "," + std::to_string(r) + "," + P(e) + "," + P(ud));
+               Record(P(c) + "," + Text(n) + "," + std::to_string(r) + "," + P(e) + "," + P(ud));
              },
              kUser)(kA, kName, HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT, kB);
        },
@@ -81,7 +81,7 @@ std::vector<Row> Rows() {
              C(),
              [](hxf_client_h c, hxf_string n, hxf_endpoint_discovery_result_e r,
                 hxf_endpoint_list_h l, void* ud) {
-               Record(P(c) + "," + S(n) + "," + std::to_string(r) + "," + P(l) + "," + P(ud));
+               Record(P(c) + "," + Text(n) + "," + std::to_string(r) + "," + P(l) + "," + P(ud));
              },
              kUser)(kA, kName, HXF_ENDPOINT_DISCOVERY_RESULT_FOUND, kB);
        },
@@ -92,8 +92,8 @@ std::vector<Row> Rows() {
              C(),
              [](hxf_string n, hxf_service_session_h s, hxf_property_list_h p, hxf_transaction_h t,
                 hxf_error_e e, void* ud) {
-               Record(S(n) + "," + P(s) + "," + P(p) + "," + P(t) + "," + std::to_string(e) + "," +
-                      P(ud));
+               Record(Text(n) + "," + P(s) + "," + P(p) + "," + P(t) + "," + std::to_string(e) +
+                      "," + P(ud));
              },
              kUser)(kName, kA, kB, kC, HXF_ERROR_NONE);
        },
@@ -133,7 +133,8 @@ std::vector<Row> Rows() {
       {"get property",
        [] {
          F().CreateGetServicePropertyHandler(
-             C(), [](hxf_string n, void* p, void* ud) { Record(S(n) + "," + P(p) + "," + P(ud)); },
+             C(),
+             [](hxf_string n, void* p, void* ud) { Record(Text(n) + "," + P(p) + "," + P(ud)); },
              kUser)(kName, kA);
        },
        "lights," + P(kA) + "," + u},
@@ -152,7 +153,7 @@ std::vector<Row> Rows() {
          F().CreateSearchHandler(
              C(),
              [](hxf_service_handler_h h, hxf_string n, void* ud) {
-               Record("search," + P(h) + "," + S(n) + "," + P(ud));
+               Record("search," + P(h) + "," + Text(n) + "," + P(ud));
              },
              kUser)(kA, kName);
        },
@@ -162,7 +163,7 @@ std::vector<Row> Rows() {
          F().CreateSearchStopHandler(
              C(),
              [](hxf_service_handler_h h, hxf_string n, void* ud) {
-               Record("stop," + P(h) + "," + S(n) + "," + P(ud));
+               Record("stop," + P(h) + "," + Text(n) + "," + P(ud));
              },
              kUser)(kA, kName);
        },
@@ -172,7 +173,7 @@ std::vector<Row> Rows() {
          F().CreateGetDeviceListHandler(
              C(),
              [](hxf_service_handler_h h, hxf_string n, void* ud) {
-               Record("list," + P(h) + "," + S(n) + "," + P(ud));
+               Record("list," + P(h) + "," + Text(n) + "," + P(ud));
              },
              kUser)(kA, kName);
        },
@@ -182,7 +183,7 @@ std::vector<Row> Rows() {
          F().CreateListenHandler(
              C(),
              [](hxf_service_handler_h h, hxf_string n, void* ud) {
-               Record("listen," + P(h) + "," + S(n) + "," + P(ud));
+               Record("listen," + P(h) + "," + Text(n) + "," + P(ud));
              },
              kUser)(kA, kName);
        },
@@ -192,7 +193,7 @@ std::vector<Row> Rows() {
          F().CreateListenStopHandler(
              C(),
              [](hxf_service_handler_h h, hxf_string n, void* ud) {
-               Record("unlisten," + P(h) + "," + S(n) + "," + P(ud));
+               Record("unlisten," + P(h) + "," + Text(n) + "," + P(ud));
              },
              kUser)(kA, kName);
        },

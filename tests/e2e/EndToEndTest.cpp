@@ -17,19 +17,17 @@
 #include "EventLog.h"
 #include "Eventually.h"
 #include "LogCapture.h"
+#include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::LogCapture;
 
+using HXFramework::Test::Str;
+using HXFramework::Test::Text;
+
 namespace {
 
-hxf_string Str(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
-std::string S(hxf_string s) {
-  return std::string(s.str, s.len);
-}
 std::string P(const void* p) {
   char text[32];
   std::snprintf(text, sizeof text, "%p", p);
@@ -59,12 +57,12 @@ struct Consumer {
           hxf_endpoint_get_interface_type(endpoint) + "|" + hxf_endpoint_get_address(endpoint) +
           "|" + hxf_endpoint_get_ui_meta(endpoint);
     }
-    self->events.Add("found " + S(service) + " " + std::to_string(result) + " " +
+    self->events.Add("found " + Text(service) + " " + std::to_string(result) + " " +
                      (endpoint != nullptr ? hxf_endpoint_get_device_id(endpoint) : "null"));
   }
   static void OnList(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
                      hxf_endpoint_list_h list, void* ud) {
-    Of(ud)->events.Add("list " + S(service) + " " + std::to_string(result) + " " +
+    Of(ud)->events.Add("list " + Text(service) + " " + std::to_string(result) + " " +
                        (list != nullptr ? std::to_string(hxf_endpoint_list_size(list)) : "null"));
   }
   static void OnResult(hxf_client_h client, hxf_service_session_h session, hxf_property_list_h list,
@@ -82,7 +80,7 @@ struct Consumer {
   }
   static void OnNotify(hxf_string service, hxf_service_session_h, hxf_property_list_h list,
                        hxf_transaction_h transaction, hxf_error_e error, void* ud) {
-    Of(ud)->events.Add("notify " + S(service) + " " +
+    Of(ud)->events.Add("notify " + Text(service) + " " +
                        (list != nullptr ? hxf_property_list_get_name(list) : "null") + " " +
                        P(transaction) + " " + std::to_string(error));
   }
@@ -90,7 +88,7 @@ struct Consumer {
     Of(ud)->events.Add("destroyed " + P(client));
   }
   static void OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* ud) {
-    Of(ud)->events.Add("loaded " + S(name) + " " + std::to_string(result));
+    Of(ud)->events.Add("loaded " + Text(name) + " " + std::to_string(result));
   }
 };
 

@@ -12,17 +12,16 @@
 #include "EventLog.h"
 #include "Eventually.h"
 #include "LogCapture.h"
+#include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::Eventually;
 using HXFramework::Test::LogCapture;
 
-namespace {
+using HXFramework::Test::Str;
 
-hxf_string Str(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
+namespace {
 
 template <typename Fn>
 Fn Hook(const std::string& plugin, const char* symbol) {

@@ -7,14 +7,15 @@
 
 #include "FuzzInput.h"
 #include "hxf_core.h"
+#include "Str.h"
 
 using hxf_fuzz::FuzzInput;
+
+using HXFramework::Test::Str;
 
 namespace {
 
 std::atomic<long> g_callbacks{0};
-
-hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
 
 void OnFound(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) { ++g_callbacks; }
 void OnList(hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_list_h, void*) { ++g_callbacks; }
@@ -62,9 +63,9 @@ std::string Name(FuzzInput& in) {
 
 hxf_property_list_h MakeList(FuzzInput& in) {
   if (in.Byte() % 10 == 0) return nullptr;
-  hxf_property_list_h list = hxf_property_list_create(View(in.Text()));
+  hxf_property_list_h list = hxf_property_list_create(Str(in.Text()));
   for (int i = in.Byte() % 4; i > 0; --i) {
-    hxf_property_h p = hxf_property_create_int(View(in.Text()), in.Number(1000));
+    hxf_property_h p = hxf_property_create_int(Str(in.Text()), in.Number(1000));
     hxf_property_list_push_property(list, p, HXF_ERROR_NONE);
     hxf_property_destroy(p);
   }
@@ -73,8 +74,8 @@ hxf_property_list_h MakeList(FuzzInput& in) {
 
 hxf_endpoint_h MakeEndpoint(FuzzInput& in) {
   if (in.Byte() % 10 == 0) return nullptr;
-  hxf_endpoint_h endpoint = hxf_endpoint_create(View(Name(in)));
-  hxf_endpoint_set_device_id(endpoint, View(in.Text()));
+  hxf_endpoint_h endpoint = hxf_endpoint_create(Str(Name(in)));
+  hxf_endpoint_set_device_id(endpoint, Str(in.Text()));
   return endpoint;
 }
 
@@ -86,20 +87,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int step = 0; step < 128 && !in.Done(); ++step) {
     const uint32_t timeout = in.Byte() % 30;
     switch (in.Byte() % 22) {
-      case 0: if (void* c = hxf_core_client_create(View(in.Text()))) clients.live.push_back(c); break;
+      case 0: if (void* c = hxf_core_client_create(Str(in.Text()))) clients.live.push_back(c); break;
       case 1: { void* c = clients.Pick(in); if (hxf_core_client_destroy(c) == HXF_ERROR_NONE) clients.Kill(c); break; }
       case 2: {
         void* c = clients.Pick(in);
         if (hxf_core_client_destroy_async(c, in.Byte() % 4 ? OnClientDestroyed : nullptr, nullptr) == HXF_ERROR_NONE) clients.Kill(c);
         break;
       }
-      case 3: hxf_core_client_start_active_search(clients.Pick(in), View(Name(in)), OnFound, timeout, nullptr); break;
-      case 4: hxf_core_client_stop_active_search(clients.Pick(in), View(Name(in))); break;
-      case 5: hxf_core_client_start_passive_search(clients.Pick(in), View(Name(in)), in.Byte() % 4 ? OnFound : nullptr, nullptr); break;
-      case 6: hxf_core_client_stop_passive_search(clients.Pick(in), View(Name(in))); break;
-      case 7: hxf_core_client_get_device_list(clients.Pick(in), View(Name(in)), OnList, timeout, nullptr); break;
-      case 8: hxf_core_set_device_list_discovered_callback(clients.Pick(in), View(Name(in)), OnList, nullptr); break;
-      case 9: if (void* s = hxf_core_client_subscribe_service(clients.Pick(in), View(Name(in)), OnNotify, nullptr)) sessions.live.push_back(s); break;
+      case 3: hxf_core_client_start_active_search(clients.Pick(in), Str(Name(in)), OnFound, timeout, nullptr); break;
+      case 4: hxf_core_client_stop_active_search(clients.Pick(in), Str(Name(in))); break;
+      case 5: hxf_core_client_start_passive_search(clients.Pick(in), Str(Name(in)), in.Byte() % 4 ? OnFound : nullptr, nullptr); break;
+      case 6: hxf_core_client_stop_passive_search(clients.Pick(in), Str(Name(in))); break;
+      case 7: hxf_core_client_get_device_list(clients.Pick(in), Str(Name(in)), OnList, timeout, nullptr); break;
+      case 8: hxf_core_set_device_list_discovered_callback(clients.Pick(in), Str(Name(in)), OnList, nullptr); break;
+      case 9: if (void* s = hxf_core_client_subscribe_service(clients.Pick(in), Str(Name(in)), OnNotify, nullptr)) sessions.live.push_back(s); break;
       case 10: {
         hxf_property_list_h list = MakeList(in);
         hxf_transaction_h transaction = nullptr;
@@ -115,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (endpoint != nullptr) hxf_endpoint_destroy(endpoint);
         break;
       }
-      case 12: if (void* h = hxf_core_service_handler_create(View(in.Text()), nullptr)) handlers.live.push_back(h); break;
+      case 12: if (void* h = hxf_core_service_handler_create(Str(in.Text()), nullptr)) handlers.live.push_back(h); break;
       case 13: { void* h = handlers.Pick(in); if (hxf_core_service_handler_destroy(h) == HXF_ERROR_NONE) handlers.Kill(h); break; }
       case 14: {
         void* h = handlers.Pick(in);
@@ -130,8 +131,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         hxf_core_service_handler_set_request_service_callback(h, in.Byte() % 4 ? OnRequest : nullptr, nullptr);
         break;
       }
-      case 16: hxf_core_service_handler_subscribe_service(handlers.Pick(in), View(Name(in))); break;
-      case 17: hxf_core_service_handler_unsubscribe_service(handlers.Pick(in), View(Name(in))); break;
+      case 16: hxf_core_service_handler_subscribe_service(handlers.Pick(in), Str(Name(in))); break;
+      case 17: hxf_core_service_handler_unsubscribe_service(handlers.Pick(in), Str(Name(in))); break;
       case 18: {
         hxf_endpoint_h endpoint = MakeEndpoint(in);
         hxf_core_service_handler_report_device_found(handlers.Pick(in), endpoint);
@@ -150,10 +151,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case 20: {
         hxf_property_list_h list = MakeList(in);
         if (in.Byte() % 2) {
-          hxf_core_service_handler_send_request_result(handlers.Pick(in), View(Name(in)), list, transactions.Pick(in),
+          hxf_core_service_handler_send_request_result(handlers.Pick(in), Str(Name(in)), list, transactions.Pick(in),
                                                        static_cast<hxf_error_e>(in.Byte() % 16));
         } else {
-          hxf_core_service_handler_notify(handlers.Pick(in), View(Name(in)), list, transactions.Pick(in),
+          hxf_core_service_handler_notify(handlers.Pick(in), Str(Name(in)), list, transactions.Pick(in),
                                           static_cast<hxf_error_e>(in.Byte() % 16));
         }
         if (list != nullptr) hxf_property_list_destroy(list);
@@ -163,9 +164,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // Plugin calls with names no library has (real plugins would run their own code).
         const std::string name = "fuzz-" + in.Text();
         switch (in.Byte() % 3) {
-          case 0: hxf_core_plugin_send_load_result(View(name), HXF_PLUGIN_LOAD_RESULT_SUCCESS); break;
-          case 1: hxf_core_plugin_unload(View(name)); break;
-          default: hxf_core_plugin_load(View(name), nullptr, nullptr); break;
+          case 0: hxf_core_plugin_send_load_result(Str(name), HXF_PLUGIN_LOAD_RESULT_SUCCESS); break;
+          case 1: hxf_core_plugin_unload(Str(name)); break;
+          default: hxf_core_plugin_load(Str(name), nullptr, nullptr); break;
         }
         break;
       }

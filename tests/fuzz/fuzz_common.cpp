@@ -5,12 +5,13 @@
 
 #include "FuzzInput.h"
 #include "hxf_common.h"
+#include "Str.h"
 
 using hxf_fuzz::FuzzInput;
 
-namespace {
+using HXFramework::Test::Str;
 
-hxf_string View(const std::string& text) { return hxf_string_new(text.data(), static_cast<uint32_t>(text.size())); }
+namespace {
 
 template <typename T>
 T Pick(FuzzInput& in, const std::vector<T>& items) {
@@ -28,9 +29,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<hxf_property_list_h> property_lists;
   for (int step = 0; step < 256 && !in.Done(); ++step) {
     switch (in.Byte() % 20) {
-      case 0: if (auto e = hxf_endpoint_create(View(in.Text()))) endpoints.push_back(e); break;
+      case 0: if (auto e = hxf_endpoint_create(Str(in.Text()))) endpoints.push_back(e); break;
       case 1: if (auto e = hxf_endpoint_copy(Pick(in, endpoints))) endpoints.push_back(e); break;
-      case 2: hxf_endpoint_set_device_id(Pick(in, endpoints), View(in.Text())); break;
+      case 2: hxf_endpoint_set_device_id(Pick(in, endpoints), Str(in.Text())); break;
       case 3: hxf_endpoint_set_ui_meta(Pick(in, endpoints), hxf_string_new(nullptr, in.Byte() % 2)); break;
       case 4: (void)hxf_endpoint_get_device_id(Pick(in, endpoints)); break;
       case 5: if (auto l = hxf_endpoint_list_create()) endpoint_lists.push_back(l); break;
@@ -46,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (hxf_endpoint_h e = hxf_endpoint_list_get_first(list); e != nullptr; e = hxf_endpoint_list_get_next(list, e)) {
           (void)hxf_endpoint_get_service_name(e);
         }
-        (void)hxf_endpoint_list_find(list, View(in.Text()));
+        (void)hxf_endpoint_list_find(list, Str(in.Text()));
         (void)hxf_endpoint_list_get_next(list, Pick(in, endpoints));  // not an item: NULL
         break;
       }
@@ -55,10 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const std::string name = in.Text();
         hxf_property_h p = nullptr;
         switch (in.Byte() % 4) {
-          case 0: p = hxf_property_create_int(View(name), static_cast<int64_t>(in.Number(65536)) - 32768); break;
-          case 1: p = hxf_property_create_double(View(name), in.Number(1000) / 7.0); break;
-          case 2: p = hxf_property_create_bool(View(name), in.Byte() % 2 == 0); break;
-          default: p = hxf_property_create_string(View(name), View(in.Text())); break;
+          case 0: p = hxf_property_create_int(Str(name), static_cast<int64_t>(in.Number(65536)) - 32768); break;
+          case 1: p = hxf_property_create_double(Str(name), in.Number(1000) / 7.0); break;
+          case 2: p = hxf_property_create_bool(Str(name), in.Byte() % 2 == 0); break;
+          default: p = hxf_property_create_string(Str(name), Str(in.Text())); break;
         }
         if (p != nullptr) properties.push_back(p);
         break;
@@ -79,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       }
       case 12: if (auto p = hxf_property_copy(Pick(in, properties))) properties.push_back(p); break;
-      case 13: if (auto l = hxf_property_list_create(View(in.Text()))) property_lists.push_back(l); break;
+      case 13: if (auto l = hxf_property_list_create(Str(in.Text()))) property_lists.push_back(l); break;
       case 14: hxf_property_list_push_property(Pick(in, property_lists), Pick(in, properties), HXF_ERROR_NONE); break;
       case 15: {
         hxf_property_h popped = nullptr;
@@ -88,11 +89,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
       case 16: {
         hxf_property_list_h list = Pick(in, property_lists);
-        (void)hxf_property_list_find(list, View(in.Text()));
+        (void)hxf_property_list_find(list, Str(in.Text()));
         for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr; p = hxf_property_list_get_next(list, p)) {
           (void)hxf_property_get_name(p);
         }
-        hxf_property_list_set_name(list, View(in.Text()));
+        hxf_property_list_set_name(list, Str(in.Text()));
         break;
       }
       case 17: if (auto l = hxf_property_list_copy(Pick(in, property_lists))) property_lists.push_back(l); break;

@@ -10,16 +10,15 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::LogCapture;
 using HXFramework::Test::WaitUntil;
 
-namespace {
+using HXFramework::Test::Str;
 
-hxf_string Name(const std::string& name) {
-  return hxf_string_new(name.data(), static_cast<uint32_t>(name.size()));
-}
+namespace {
 
 std::string LibraryPath(const std::string& name) {
   return std::string(HXF_TEST_PLUGIN_DIR) + "libhxf-plugin-" + name + ".so";
@@ -63,7 +62,7 @@ class PluginApi : public ::testing::Test {
  protected:
   void TearDown() override { hxf_core_plugin_unload_all(); }
   hxf_error_e Load(const std::string& name) {
-    return hxf_core_plugin_load(Name(name), &LoadResults::Callback, &results_);
+    return hxf_core_plugin_load(Str(name), &LoadResults::Callback, &results_);
   }
   LoadResults results_;
 };
@@ -106,7 +105,7 @@ TEST_F(PluginApi, LoadingTheSameNameTwiceFailsAndLeavesTheFirstUntouched) {
   ASSERT_EQ(Load("async"), HXF_ERROR_NONE);
   LogCapture capture;
   LoadResults second;
-  EXPECT_EQ(hxf_core_plugin_load(Name("async"), &LoadResults::Callback, &second),
+  EXPECT_EQ(hxf_core_plugin_load(Str("async"), &LoadResults::Callback, &second),
             HXF_ERROR_OPERATION_FAILED);
   EXPECT_TRUE(capture.Contains(
       "Exception !! - requested plugin has already loaded!(error:2)(error_code:2)\n"));
@@ -119,7 +118,7 @@ TEST_F(PluginApi, UnloadRunsDestroyPluginAndClosesTheLibraryBeforeReturning) {
   results_.WaitFirst();
   ASSERT_TRUE(IsOpen("async"));
   LogCapture capture;
-  EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("async")), HXF_ERROR_NONE);
   EXPECT_FALSE(IsOpen("async"));
   EXPECT_TRUE(capture.Contains(")  UnloadPlugin End\n"));
   EXPECT_FALSE(capture.Contains("Exception !!"));
@@ -129,14 +128,14 @@ TEST_F(PluginApi, UnloadRunsDestroyPluginAndClosesTheLibraryBeforeReturning) {
 
 TEST_F(PluginApi, UnloadOfAnUnknownNameFails) {
   LogCapture capture;
-  EXPECT_EQ(hxf_core_plugin_unload(Name("never-loaded")), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("never-loaded")), HXF_ERROR_OPERATION_FAILED);
   EXPECT_TRUE(
       capture.Contains("Exception !! - No plugin exist to unload!!(error:2)(error_code:2)\n"));
 }
 
 TEST_F(PluginApi, LoadResultForAnUnknownNameIsOnlyLogged) {
   LogCapture capture;
-  EXPECT_EQ(hxf_core_plugin_send_load_result(Name("ghost"), HXF_PLUGIN_LOAD_RESULT_SUCCESS),
+  EXPECT_EQ(hxf_core_plugin_send_load_result(Str("ghost"), HXF_PLUGIN_LOAD_RESULT_SUCCESS),
             HXF_ERROR_NONE);
   EXPECT_TRUE(capture.Contains(
       ")  Exception !! - enable to find the plugin in map(error:2)(error_code:2)\n"));
@@ -157,7 +156,7 @@ TEST_F(PluginApi, UnloadAllUnloadsEveryPlugin) {
   EXPECT_TRUE(capture.Contains(")  plugin map size: [1]\n"));
   EXPECT_TRUE(capture.Contains(")  try to unload [async] plugin\n"));
   EXPECT_FALSE(IsOpen("async"));
-  EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("async")), HXF_ERROR_OPERATION_FAILED);
 }
 
 TEST_F(PluginApi, NameWithAnEmbeddedNulIsKeptWhole) {
@@ -167,8 +166,8 @@ TEST_F(PluginApi, NameWithAnEmbeddedNulIsKeptWhole) {
   EXPECT_EQ(result.name, name);                             // all seven bytes
   EXPECT_EQ(result.result, HXF_PLUGIN_LOAD_RESULT_FAILED);  // names no file
   EXPECT_FALSE(IsOpen("async"));
-  EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_OPERATION_FAILED);
-  EXPECT_EQ(hxf_core_plugin_unload(Name(name)), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("async")), HXF_ERROR_OPERATION_FAILED);
+  EXPECT_EQ(hxf_core_plugin_unload(Str(name)), HXF_ERROR_NONE);
 }
 
 TEST_F(PluginApi, NullNameWithALengthIsAnInvalidParameter) {
@@ -193,7 +192,7 @@ TEST_F(PluginApi, CreatePluginReturningFalseReportsFailedAndUnloadKeepsTheLibrar
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_FAILED);
   EXPECT_TRUE(
       capture.Contains("Exception !! - failed to initialize plugin !(error:2)(error_code:2)\n"));
-  EXPECT_EQ(hxf_core_plugin_unload(Name("createfails")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("createfails")), HXF_ERROR_NONE);
   EXPECT_TRUE(capture.Contains("Exception !! - No plugin to destroy(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("createfails"));  // the close step is skipped
   void* lib = dlopen(LibraryPath("createfails").c_str(), RTLD_NOW | RTLD_NOLOAD);
@@ -206,7 +205,7 @@ TEST_F(PluginApi, DestroyPluginReturningFalseIsLoggedAndTheLibraryStaysOpen) {
   ASSERT_EQ(Load("destroyfails"), HXF_ERROR_NONE);
   EXPECT_EQ(results_.WaitFirst().result, HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   LogCapture capture;
-  EXPECT_EQ(hxf_core_plugin_unload(Name("destroyfails")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("destroyfails")), HXF_ERROR_NONE);
   EXPECT_TRUE(
       capture.Contains("Exception !! - failed to finalize plugin !(error:2)(error_code:2)\n"));
   EXPECT_TRUE(IsOpen("destroyfails"));
@@ -225,7 +224,7 @@ TEST_F(PluginApi, AnApplicationCallbackUnderWayDoesNotHoldAnIdlePluginOpen) {
     bool released = false;
     bool returned = false;
   } blocker;
-  hxf_service_handler_h handler = hxf_core_service_handler_create(Name("app"), nullptr);
+  hxf_service_handler_h handler = hxf_core_service_handler_create(Str("app"), nullptr);
   hxf_core_service_handler_set_search_callback(
       handler,
       [](hxf_service_handler_h, hxf_string, void* ud) {
@@ -238,16 +237,16 @@ TEST_F(PluginApi, AnApplicationCallbackUnderWayDoesNotHoldAnIdlePluginOpen) {
         b->cv.notify_all();
       },
       &blocker);
-  hxf_core_service_handler_subscribe_service(handler, Name("held"));
-  hxf_client_h client = hxf_core_client_create(Name("ui"));
+  hxf_core_service_handler_subscribe_service(handler, Str("held"));
+  hxf_client_h client = hxf_core_client_create(Str("ui"));
   hxf_core_client_start_active_search(
-      client, Name("held"),
+      client, Str("held"),
       [](hxf_client_h, hxf_string, hxf_endpoint_discovery_result_e, hxf_endpoint_h, void*) {},
       60000, nullptr);
   ASSERT_TRUE(WaitUntil(blocker.mutex, blocker.cv, [&] { return blocker.entered; }));
 
   LogCapture capture;
-  EXPECT_EQ(hxf_core_plugin_unload(Name("async")), HXF_ERROR_NONE);
+  EXPECT_EQ(hxf_core_plugin_unload(Str("async")), HXF_ERROR_NONE);
   EXPECT_FALSE(IsOpen("async"));  // closed at once: the blocked callback is not the plugin's
   EXPECT_FALSE(capture.Contains("callbacks still running"));
 

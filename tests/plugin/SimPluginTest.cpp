@@ -6,17 +6,16 @@
 #include "EventLog.h"
 #include "Eventually.h"
 #include "Mapped.h"
+#include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::Eventually;
 using HXFramework::Test::Mapped;
 
-namespace {
+using HXFramework::Test::Str;
 
-hxf_string Str(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
+namespace {
 
 std::string Render(hxf_property_list_h list) {
   if (list == nullptr) return "null";

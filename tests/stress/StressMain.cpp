@@ -20,7 +20,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Str.h"
 #include "hxf_core.h"
+
+using HXFramework::Test::Str;
 
 namespace {
 
@@ -29,10 +32,6 @@ using Clock = std::chrono::steady_clock;
 constexpr uint32_t kLongTimeoutMs = 4000;
 constexpr long kMaxOpenRequests = 64;  // per client, before a consumer waits
 constexpr const char* kServices[] = {"stress-a", "stress-b", "stress-c", "*"};
-
-hxf_string S(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
 
 struct Options {
   long duration_ms = 3000;
@@ -148,7 +147,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
   int service = 0;
   long sequence = 0;
   auto make_client = [&] {
-    client = hxf_core_client_create(S("consumer-" + std::to_string(index)));
+    client = hxf_core_client_create(Str("consumer-" + std::to_string(index)));
     std::lock_guard<std::mutex> lock(world.mutex);
     client_index = static_cast<int>(world.client_destroyed.size());
     world.client_destroyed.push_back(false);
@@ -181,19 +180,19 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
       destroy_client();
       make_client();
     } else if (dice < 10) {
-      hxf_core_client_start_active_search(client, S(name), OnFound, 1 + random() % 50, nullptr);
+      hxf_core_client_start_active_search(client, Str(name), OnFound, 1 + random() % 50, nullptr);
     } else if (dice < 13) {
-      hxf_core_client_stop_active_search(client, S(name));
+      hxf_core_client_stop_active_search(client, Str(name));
     } else if (dice < 17) {
-      hxf_core_client_start_passive_search(client, S(name), OnFound, nullptr);
+      hxf_core_client_start_passive_search(client, Str(name), OnFound, nullptr);
     } else if (dice < 19) {
-      hxf_core_client_stop_passive_search(client, S(name));
+      hxf_core_client_stop_passive_search(client, Str(name));
     } else if (dice < 23) {
-      hxf_core_client_get_device_list(client, S(name), OnList, 1 + random() % 50, nullptr);
+      hxf_core_client_get_device_list(client, Str(name), OnList, 1 + random() % 50, nullptr);
     } else if (dice < 28 || session == nullptr) {
       service = static_cast<int>(random() % 3);
       auto subscriber = std::make_unique<Subscriber>(Subscriber{client_index});
-      session = hxf_core_client_subscribe_service(client, S(kServices[service]), OnNotify,
+      session = hxf_core_client_subscribe_service(client, Str(kServices[service]), OnNotify,
                                                   subscriber.get());
       std::lock_guard<std::mutex> lock(world.mutex);
       keep->push_back(std::move(subscriber));
@@ -224,7 +223,7 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
         ++world.open_requests[static_cast<size_t>(client_index)];
         if (!request->long_timeout) ++world.open_short[static_cast<size_t>(client_index)];
       }
-      hxf_property_list_h list = hxf_property_list_create(S(request->tag));
+      hxf_property_list_h list = hxf_property_list_create(Str(request->tag));
       hxf_transaction_h transaction = nullptr;
       const hxf_error_e code = hxf_core_client_request_service(
           client, session, list, OnResult, timeout, &transaction, request.get());
@@ -238,9 +237,9 @@ void ConsumerLoop(int index, unsigned seed, Clock::time_point end,
     } else {
       // Stale and garbage handles: an error code, never a crash.
       void* garbage = reinterpret_cast<void*>(static_cast<uintptr_t>(random()) | 1);
-      hxf_core_client_stop_active_search(garbage, S(name));
+      hxf_core_client_stop_active_search(garbage, Str(name));
       hxf_core_client_add_device(client, garbage, nullptr);
-      hxf_core_service_handler_notify(garbage, S(name), nullptr, garbage, HXF_ERROR_NONE);
+      hxf_core_service_handler_notify(garbage, Str(name), nullptr, garbage, HXF_ERROR_NONE);
     }
   }
   // Before the last destroy, let every request of the living client settle: its longest
@@ -307,7 +306,7 @@ int main(int argc, char** argv) {
     int* result;
   } wait{&loaded_mutex, &loaded_cv, &loaded};
   hxf_core_plugin_load(
-      S("stress"),
+      Str("stress"),
       [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
         auto* w = static_cast<LoadWait*>(ud);
         std::lock_guard<std::mutex> lock(*w->m);

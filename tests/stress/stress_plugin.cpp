@@ -14,9 +14,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Str.h"
 #include "hxf_core.h"
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
+
+using HXFramework::Test::Str;
 
 namespace {
 
@@ -70,10 +73,6 @@ void RecordHandlerEnd(long generation, bool sync) {
   g_handler_ends.emplace(generation, HandlerEnd{ticket, sync});
 }
 
-hxf_string S(const std::string& text) {
-  return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
-}
-
 void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
                hxf_property_list_h list, void*) {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -96,7 +95,7 @@ void OnSearch(hxf_service_handler_h handler, hxf_string name, void*) {
   // Answered at once from inside the callback, sometimes.
   if (name.len % 2 == 0) return;
   hxf_endpoint_h endpoint = hxf_endpoint_create(name);
-  hxf_endpoint_set_device_id(endpoint, S("inline"));
+  hxf_endpoint_set_device_id(endpoint, Str("inline"));
   hxf_core_service_handler_report_device_found(handler, endpoint);
   hxf_endpoint_destroy(endpoint);
 }
@@ -112,12 +111,12 @@ void OnDestroyed(hxf_service_handler_h, void*) {
 
 hxf_service_handler_h MakeHandler(int service) {
   hxf_service_handler_h handler =
-      hxf_core_service_handler_create(S(std::string("p-") + kServiceNames[service]), nullptr);
+      hxf_core_service_handler_create(Str(std::string("p-") + kServiceNames[service]), nullptr);
   hxf_core_service_handler_set_search_callback(handler, OnSearch, nullptr);
   hxf_core_service_handler_set_listen_callback(handler, OnSearch, nullptr);
   hxf_core_service_handler_set_get_device_list_callback(handler, OnSearch, nullptr);
   hxf_core_service_handler_set_request_service_callback(handler, OnRequest, nullptr);
-  hxf_core_service_handler_subscribe_service(handler, S(kServiceNames[service]));
+  hxf_core_service_handler_subscribe_service(handler, Str(kServiceNames[service]));
   return handler;
 }
 
@@ -127,17 +126,17 @@ void Notify(int service, hxf_transaction_h transaction, const std::string& name)
     std::lock_guard<std::mutex> lock(g_mutex);
     handler = g_handlers[service];  // may be destroyed meanwhile: then the call fails cleanly
   }
-  hxf_property_list_h list = hxf_property_list_create(S(name));
-  hxf_core_service_handler_notify(handler, S(kServiceNames[service]), list, transaction,
+  hxf_property_list_h list = hxf_property_list_create(Str(name));
+  hxf_core_service_handler_notify(handler, Str(kServiceNames[service]), list, transaction,
                                   HXF_ERROR_NONE);
   hxf_property_list_destroy(list);
 }
 
 // Answers a request through the handler that received it (which may be gone by now).
 void Answer(const Pending& pending) {
-  hxf_property_list_h list = hxf_property_list_create(S(pending.name));
+  hxf_property_list_h list = hxf_property_list_create(Str(pending.name));
   if (hxf_core_service_handler_send_request_result(
-          pending.handler, S(kServiceNames[pending.service]), list, pending.transaction,
+          pending.handler, Str(kServiceNames[pending.service]), list, pending.transaction,
           HXF_ERROR_NONE) == HXF_ERROR_NONE) {
     RecordAnswer(pending);
   }
@@ -179,8 +178,8 @@ void ProviderLoop(unsigned seed) {
         std::lock_guard<std::mutex> lock(g_mutex);
         handler = g_handlers[service];
       }
-      hxf_endpoint_h endpoint = hxf_endpoint_create(S(kServiceNames[service]));
-      hxf_endpoint_set_device_id(endpoint, S("dev-" + std::to_string(random() % 8)));
+      hxf_endpoint_h endpoint = hxf_endpoint_create(Str(kServiceNames[service]));
+      hxf_endpoint_set_device_id(endpoint, Str("dev-" + std::to_string(random() % 8)));
       if (dice < 76) {
         hxf_core_service_handler_report_device_found(handler, endpoint);
       } else {
@@ -217,8 +216,8 @@ void ProviderLoop(unsigned seed) {
         std::lock_guard<std::mutex> lock(g_mutex);
         handler = g_handlers[service];
       }
-      hxf_core_service_handler_unsubscribe_service(handler, S(kServiceNames[service]));
-      hxf_core_service_handler_subscribe_service(handler, S(kServiceNames[service]));
+      hxf_core_service_handler_unsubscribe_service(handler, Str(kServiceNames[service]));
+      hxf_core_service_handler_subscribe_service(handler, Str(kServiceNames[service]));
     } else {
       std::this_thread::yield();
       continue;
@@ -235,7 +234,7 @@ EXPORT bool CreatePlugin(void) {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_handlers[i] = handler;
   }
-  hxf_core_plugin_send_load_result(S("stress"), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+  hxf_core_plugin_send_load_result(Str("stress"), HXF_PLUGIN_LOAD_RESULT_SUCCESS);
   return true;
 }
 

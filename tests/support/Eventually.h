@@ -12,7 +12,7 @@ bool Eventually(Condition&& condition, std::chrono::milliseconds limit = std::ch
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // polls; does not spin
   }
   return true;
 }

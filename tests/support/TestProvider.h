@@ -56,39 +56,38 @@ class TestProvider {
 
  private:
   static TestProvider* Self(void* user_data) { return static_cast<TestProvider*>(user_data); }
-  static std::string S(hxf_string s) { return std::string(s.str, s.len); }
 
   static void OnSearch(hxf_service_handler_h h, hxf_string name, void* ud) {
     TestProvider* self = Self(ud);
-    for (const std::string& id : self->devices) ReportFound(h, S(name), id);
-    self->events.Add("search " + S(name));
+    for (const std::string& id : self->devices) ReportFound(h, Text(name), id);
+    self->events.Add("search " + Text(name));
   }
   static void OnDestroyed(hxf_service_handler_h h, void* ud) {
     TestProvider* self = Self(ud);
     self->events.Add(h == self->handle ? "destroyed" : "destroyed with a wrong handle");
   }
   static void OnSearchStop(hxf_service_handler_h, hxf_string name, void* ud) {
-    Self(ud)->events.Add("search stop " + S(name));
+    Self(ud)->events.Add("search stop " + Text(name));
   }
   static void OnListen(hxf_service_handler_h, hxf_string name, void* ud) {
-    Self(ud)->events.Add("listen " + S(name));
+    Self(ud)->events.Add("listen " + Text(name));
   }
   static void OnListenStop(hxf_service_handler_h, hxf_string name, void* ud) {
-    Self(ud)->events.Add("listen stop " + S(name));
+    Self(ud)->events.Add("listen stop " + Text(name));
   }
   static void OnDeviceList(hxf_service_handler_h h, hxf_string name, void* ud) {
     TestProvider* self = Self(ud);
     if (!self->devices.empty()) {
       hxf_endpoint_list_h list = hxf_endpoint_list_create();
       for (const std::string& id : self->devices) {
-        hxf_endpoint_h endpoint = MakeEndpoint(S(name), id);
+        hxf_endpoint_h endpoint = MakeEndpoint(Text(name), id);
         hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
         hxf_endpoint_destroy(endpoint);
       }
       hxf_core_service_handler_report_device_list(h, list);
       hxf_endpoint_list_destroy(list);
     }
-    self->events.Add("device list " + S(name));
+    self->events.Add("device list " + Text(name));
   }
 };
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "CLocks.h"
+#include "CSinkState.h"
 #include "hxf_host_platform.h"
 
 namespace {
@@ -50,18 +50,10 @@ void DefaultSink(int priority, const char* tag, const char* text, void*) {
   std::fprintf(stderr, "%c/%s: %s%s", PriorityLetter(priority), tag, text, has_newline ? "" : "\n");
 }
 
-// Readers (every log line) share the lock while they call the sink; set_sink takes it
-// exclusively, so once it returns the old sink and its user data are no longer in use.
-struct SinkState {
-  HXFramework::CSharedMutex mutex;
-  hxf_host_log_sink sink HXF_GUARDED_BY(mutex) = DefaultSink;
-  void* user_data HXF_GUARDED_BY(mutex) = nullptr;
-};
+using SinkState = HXFramework::Host::CSinkState<hxf_host_log_sink, DefaultSink>;
 
-// Never destroyed: threads of the framework may still log while the process exits.
 SinkState& Sink() {
-  static SinkState* state = new SinkState();
-  return *state;
+  return SinkState::Get();
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Scope-trace facility stand-in: one enabled flag, set by installing a sink.
 #include <atomic>
 
-#include "CLocks.h"
+#include "CSinkState.h"
 #include "hxf_host_platform.h"
 
 struct scope_trace_handler {
@@ -10,16 +10,10 @@ struct scope_trace_handler {
 
 namespace {
 
-// Same discipline as the log sink; never destroyed, for the same reason.
-struct TraceState {
-  HXFramework::CSharedMutex mutex;
-  hxf_host_trace_sink sink HXF_GUARDED_BY(mutex) = nullptr;
-  void* user_data HXF_GUARDED_BY(mutex) = nullptr;
-};
+using TraceState = HXFramework::Host::CSinkState<hxf_host_trace_sink, nullptr>;
 
 TraceState& Trace() {
-  static TraceState* state = new TraceState();
-  return *state;
+  return TraceState::Get();
 }
 
 std::atomic<bool> g_trace_enabled{false};  // trivially destructible

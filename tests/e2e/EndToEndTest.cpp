@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "CodeRows.h"
 #include "EventLog.h"
 #include "Eventually.h"
 #include "LogCapture.h"
@@ -25,6 +26,8 @@ using HXFramework::Test::LogCapture;
 
 using HXFramework::Test::Str;
 using HXFramework::Test::Text;
+
+using HXFramework::Test::ExpectCodes;
 
 namespace {
 
@@ -348,34 +351,60 @@ TEST_F(EndToEnd, RequestWritesTheTransactionHandleEvenWhenTheClientIsUnknown) {
 }
 
 TEST_F(EndToEnd, ClientManagerChecksCarryTheirCodes) {
-  LogCapture capture;
-  EXPECT_EQ(hxf_core_client_create(Str("")), nullptr);
-  EXPECT_TRUE(capture.Contains("client_name is empty!!(error:4)(error_code:4)"));
+  {
+    LogCapture capture;
+    EXPECT_EQ(hxf_core_client_create(Str("")), nullptr);  // a creator: null, and the reason
+    EXPECT_TRUE(capture.Contains("client_name is empty!!(error:4)(error_code:4)"));
+  }
   hxf_client_h twin = hxf_core_client_create(Str("ui"));  // same name, another client
   EXPECT_NE(twin, nullptr);
   EXPECT_NE(twin, client_);
-  EXPECT_EQ(
-      hxf_core_client_start_active_search(nullptr, Str("lights"), &Consumer::OnFound, 1, nullptr),
-      HXF_ERROR_INVALID_CLIENT);
-  EXPECT_EQ(hxf_core_client_start_active_search(client_, Str(""), &Consumer::OnFound, 1, nullptr),
-            HXF_ERROR_INVALID_SERVICE_NAME);
-  EXPECT_EQ(
-      hxf_core_client_set_service_notification_callback(nullptr, &Consumer::OnNotify, nullptr),
-      HXF_ERROR_INVALID_HANDLE);
   hxf_property_list_h list = hxf_property_list_create(Str("x"));
-  EXPECT_EQ(hxf_core_client_request_service(nullptr, nullptr, list, nullptr, 1, nullptr, nullptr),
-            HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_TRUE(capture.Contains("invalid client handle(error:4)"));
-  EXPECT_EQ(hxf_core_client_request_service(client_, nullptr, list, nullptr, 1, nullptr, nullptr),
-            HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_TRUE(capture.Contains("invalid service session handle(error:4)"));
-  EXPECT_EQ(
-      hxf_core_client_request_service(client_, nullptr, nullptr, nullptr, 1, nullptr, nullptr),
-      HXF_ERROR_OPERATION_FAILED);  // the null list fails first
   hxf_endpoint_h endpoint = hxf_endpoint_create(Str("lights"));
-  EXPECT_EQ(hxf_core_client_add_device(client_, nullptr, endpoint), HXF_ERROR_INVALID_PARAMETER);
-  EXPECT_TRUE(capture.Contains("invalid service_session handle(error:4)"));
-  EXPECT_EQ(hxf_core_client_add_device(client_, nullptr, nullptr), HXF_ERROR_CREATE_FAILED);
+  ExpectCodes({
+      {"a search by a null client",
+       [] {
+         return hxf_core_client_start_active_search(nullptr, Str("lights"), &Consumer::OnFound, 1,
+                                                    nullptr);
+       },
+       HXF_ERROR_INVALID_CLIENT, ""},
+      {"a search for an empty service name",
+       [this] {
+         return hxf_core_client_start_active_search(client_, Str(""), &Consumer::OnFound, 1,
+                                                    nullptr);
+       },
+       HXF_ERROR_INVALID_SERVICE_NAME, ""},
+      {"a notification callback for a null client",
+       [] {
+         return hxf_core_client_set_service_notification_callback(nullptr, &Consumer::OnNotify,
+                                                                  nullptr);
+       },
+       HXF_ERROR_INVALID_HANDLE, ""},
+      {"a request by a null client",
+       [&] {
+         return hxf_core_client_request_service(nullptr, nullptr, list, nullptr, 1, nullptr,
+                                                nullptr);
+       },
+       HXF_ERROR_INVALID_PARAMETER, "invalid client handle(error:4)"},
+      {"a request on a null session",
+       [&] {
+         return hxf_core_client_request_service(client_, nullptr, list, nullptr, 1, nullptr,
+                                                nullptr);
+       },
+       HXF_ERROR_INVALID_PARAMETER, "invalid service session handle(error:4)"},
+      {"a request with a null list (the list fails first)",
+       [this] {
+         return hxf_core_client_request_service(client_, nullptr, nullptr, nullptr, 1, nullptr,
+                                                nullptr);
+       },
+       HXF_ERROR_OPERATION_FAILED, ""},
+      {"a device added to a null session",
+       [&] { return hxf_core_client_add_device(client_, nullptr, endpoint); },
+       HXF_ERROR_INVALID_PARAMETER, "invalid service_session handle(error:4)"},
+      {"a null device (its copy fails first)",
+       [this] { return hxf_core_client_add_device(client_, nullptr, nullptr); },
+       HXF_ERROR_CREATE_FAILED, ""},
+  });
   hxf_endpoint_destroy(endpoint);
   hxf_property_list_destroy(list);
   hxf_core_client_destroy(twin);

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "CException.h"
+#include "CodeRows.h"
 #include "FakeClient.h"
 #include "IPropertyListHelper.h"
 #include "IServiceHandler.h"
@@ -19,6 +20,8 @@ using HXFramework::Core::IPropertyListHelper;
 using HXFramework::Core::IServiceHandler;
 using HXFramework::Core::IServiceMgr;
 using HXFramework::Core::ITransaction;
+
+using HXFramework::Test::ExpectCodes;
 
 namespace {
 
@@ -84,19 +87,21 @@ TEST_F(ServiceHandlerApi, AFoundDeviceNamingAnUnknownServiceFailsWithCode2) {
 
 TEST_F(ServiceHandlerApi, SubscribeChecksItsHandleAndName) {
   TestProvider provider("p");
-  LogCapture capture;
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(nullptr, Str("x")),
-            HXF_ERROR_INVALID_HANDLE);
-  EXPECT_TRUE(capture.Contains("service_handler handle is null(error:10)"));
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("")),
-            HXF_ERROR_INVALID_SERVICE_NAME);
-  EXPECT_TRUE(capture.Contains("service name is empty(error:14)"));
-  EXPECT_EQ(hxf_core_service_handler_unsubscribe_service(nullptr, Str("x")),
-            HXF_ERROR_INVALID_HANDLE);
-  EXPECT_TRUE(capture.Contains("service handler handle is null(error:10)"));
   int stale = 0;
-  EXPECT_EQ(hxf_core_service_handler_subscribe_service(&stale, Str("x")), HXF_ERROR_INVALID_HANDLE);
-  EXPECT_TRUE(capture.Contains("service_handler not found in service_handler_map_!!(error:10)"));
+  ExpectCodes({
+      {"subscribe: a null handle",
+       [] { return hxf_core_service_handler_subscribe_service(nullptr, Str("x")); },
+       HXF_ERROR_INVALID_HANDLE, "service_handler handle is null(error:10)"},
+      {"subscribe: an empty service name",
+       [&] { return hxf_core_service_handler_subscribe_service(provider.handle, Str("")); },
+       HXF_ERROR_INVALID_SERVICE_NAME, "service name is empty(error:14)"},
+      {"unsubscribe: a null handle",
+       [] { return hxf_core_service_handler_unsubscribe_service(nullptr, Str("x")); },
+       HXF_ERROR_INVALID_HANDLE, "service handler handle is null(error:10)"},
+      {"subscribe: a handle that was never made",
+       [&] { return hxf_core_service_handler_subscribe_service(&stale, Str("x")); },
+       HXF_ERROR_INVALID_HANDLE, "service_handler not found in service_handler_map_!!(error:10)"},
+  });
 }
 
 TEST_F(ServiceHandlerApi, SubscribingTheSameHandlerTwiceFails) {

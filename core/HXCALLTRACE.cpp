@@ -3,14 +3,14 @@
 namespace HXFramework::Core {
 
 HXCALLTRACE::HXCALLTRACE(int priority, const char* file, const char* function, int line)
-    : priority_(priority), file_(file), function_(function), line_(line) {
-  dlog_print(static_cast<log_priority>(priority_), HXF_TAG_FW, "%s : %s(%d) > Entered\n", file_,
-             function_, line_);
+    : site_{priority, file, function, line, nullptr} {
+  dlog_print(static_cast<log_priority>(site_.priority), HXF_TAG_FW, "%s : %s(%d) > Entered\n",
+             site_.file, site_.function, site_.line);
 }
 
 HXCALLTRACE::~HXCALLTRACE() {
-  dlog_print(static_cast<log_priority>(priority_), HXF_TAG_FW, "%s : %s(%d) > Left\n", file_,
-             function_, line_);
+  dlog_print(static_cast<log_priority>(site_.priority), HXF_TAG_FW, "%s : %s(%d) > Left\n",
+             site_.file, site_.function, site_.line);
 }
 
 }  // namespace HXFramework::Core

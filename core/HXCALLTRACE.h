@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CNoncopyable.h"
+#include "CTraceSite.h"
 #include "HXLog.h"
 
 namespace HXFramework::Core {
@@ -13,10 +14,7 @@ class HXCALLTRACE : private CNoncopyable {
   virtual ~HXCALLTRACE();
 
  private:
-  int priority_;
-  const char* file_;
-  const char* function_;
-  int line_;
+  const CTraceSite site_;
 };
 
 }  // namespace HXFramework::Core

@@ -4,14 +4,14 @@ namespace HXFramework::Core {
 
 HXCALLTRACE_OBJ::HXCALLTRACE_OBJ(int priority, const char* file, const char* function, int line,
                                  const void* object)
-    : priority_(priority), file_(file), function_(function), line_(line), object_(object) {
-  dlog_print(static_cast<log_priority>(priority_), HXF_TAG_FW, "%s :[%p]  %s(%d) > Entered\n",
-             file_, object_, function_, line_);
+    : site_{priority, file, function, line, object} {
+  dlog_print(static_cast<log_priority>(site_.priority), HXF_TAG_FW, "%s :[%p]  %s(%d) > Entered\n",
+             site_.file, site_.object, site_.function, site_.line);
 }
 
 HXCALLTRACE_OBJ::~HXCALLTRACE_OBJ() {
-  dlog_print(static_cast<log_priority>(priority_), HXF_TAG_FW, "%s :[%p] %s(%d) > Left\n", file_,
-             object_, function_, line_);
+  dlog_print(static_cast<log_priority>(site_.priority), HXF_TAG_FW, "%s :[%p] %s(%d) > Left\n",
+             site_.file, site_.object, site_.function, site_.line);
 }
 
 }  // namespace HXFramework::Core

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CNoncopyable.h"
+#include "CTraceSite.h"
 #include "HXLog.h"
 
 namespace HXFramework::Core {
@@ -14,11 +15,7 @@ class HXCALLTRACE_OBJ : private CNoncopyable {
   virtual ~HXCALLTRACE_OBJ();
 
  private:
-  int priority_;
-  const char* file_;
-  const char* function_;
-  int line_;
-  const void* object_;
+  const CTraceSite site_;
 };
 
 }  // namespace HXFramework::Core

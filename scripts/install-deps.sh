@@ -2,7 +2,8 @@
 # Installs the Debian packages a job needs, if any is missing.
 # Usage: scripts/install-deps.sh [GROUP]...
 #   (no group)  the main job: compiler, CMake, Ninja, CLI11 and nlohmann-json
-#   tests       + GoogleTest, Google Benchmark, tmux and python3 (the tool's tests)
+#   tests       + GoogleTest, Google Benchmark, tmux and python3 (the tool's tests), Asio and
+#                 sd-bus (the anchors of the comparison benchmark)
 #   sanitizers  + clang and its sanitizer runtimes (the asan, tsan and fuzz presets)
 #   docs        + Doxygen, graphviz and man (the docs target)
 #   install     + docs, pkg-config, make and file (scripts/check-install.sh)
@@ -18,7 +19,8 @@ set -euo pipefail
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
 for group in "$@"; do
   case "$group" in
-    tests) packages+=(libgtest-dev libbenchmark-dev tmux python3) ;;
+    tests) packages+=(libgtest-dev libbenchmark-dev tmux python3 libasio-dev pkg-config
+      libsystemd-dev) ;;
     sanitizers) packages+=(clang libclang-rt-14-dev) ;;
     docs) packages+=(doxygen graphviz man-db) ;;
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;

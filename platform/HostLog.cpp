@@ -61,10 +61,12 @@ SinkState& Sink() {
 extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
   if (fmt == nullptr) return -1;
   SinkState& state = Sink();
+  // A line nobody will see is not formatted and takes no lock: the default sink below its
+  // level drops it.
+  if (prio < Threshold() && !state.Replaced()) return 0;
   // Shared while formatting and calling the sink: set_sink waits for both.
   HXFramework::CReadLock lock(state.mutex);
-  // A line nobody will see is not formatted: the default sink below its level drops it.
-  if (state.sink == DefaultSink && prio < Threshold()) return 0;
+  if (state.sink == DefaultSink && prio < Threshold()) return 0;  // put back meanwhile
   char stack_buffer[1024];
   va_list args;
   va_start(args, fmt);
@@ -94,8 +96,5 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
 }
 
 extern "C" void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data) {
-  SinkState& state = Sink();
-  HXFramework::CWriteLock lock(state.mutex);
-  state.sink = sink != nullptr ? sink : DefaultSink;
-  state.user_data = sink != nullptr ? user_data : nullptr;
+  Sink().Set(sink, user_data);
 }

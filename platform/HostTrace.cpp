@@ -1,6 +1,4 @@
 // Scope-trace facility stand-in: one enabled flag, set by installing a sink.
-#include <atomic>
-
 #include "CSinkState.h"
 #include "hxf_host_platform.h"
 
@@ -16,8 +14,6 @@ TraceState& Trace() {
   return TraceState::Get();
 }
 
-std::atomic<bool> g_trace_enabled{false};  // trivially destructible
-
 }  // namespace
 
 extern "C" scope_trace_handler* scope_trace_get_handler(const char* location) {
@@ -28,21 +24,18 @@ extern "C" scope_trace_handler* scope_trace_get_handler(const char* location) {
 }
 
 extern "C" bool scope_trace_is_enabled(const scope_trace_handler* handler) {
-  return handler != nullptr && g_trace_enabled.load(std::memory_order_acquire);
+  return handler != nullptr && Trace().Replaced();
 }
 
 extern "C" void scope_trace_write(scope_trace_handler* handler, const char* text) {
   if (handler == nullptr || text == nullptr) return;
   TraceState& state = Trace();
+  if (!state.Replaced()) return;
   HXFramework::CReadLock lock(state.mutex);
   if (state.sink == nullptr) return;
   state.sink(handler->location != nullptr ? handler->location : "", text, state.user_data);
 }
 
 extern "C" void hxf_host_trace_set_sink(hxf_host_trace_sink sink, void* user_data) {
-  TraceState& state = Trace();
-  HXFramework::CWriteLock lock(state.mutex);
-  state.sink = sink;
-  state.user_data = user_data;
-  g_trace_enabled.store(sink != nullptr, std::memory_order_release);
+  Trace().Set(sink, user_data);
 }

@@ -17,15 +17,32 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "hxf_core.h"
+
+// Every C++ allocation of the process, the libraries' included, is counted here.
+std::atomic<long> g_allocations{0};
+
+void* operator new(std::size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 namespace {
 
@@ -45,6 +62,7 @@ constexpr int kConsumers = 4;
 // What one way of sending requests costs.
 struct Figures {
   double median_us = 0, p99_us = 0, cpu_us = 0, switches = 0;  // one request at a time
+  double allocations = 0;                                      // C++ allocations, likewise
   double pipelined_per_s = 0;                                  // kInFlight in flight
 };
 
@@ -85,12 +103,15 @@ void Measure(const std::function<void()>& one, const std::function<void()>& pipe
   std::vector<double> latencies;
   latencies.reserve(g_sizes.round_trips);
   const Usage before = Usage::Now();
+  const long allocations = g_allocations.load();
   for (int i = 0; i < g_sizes.round_trips; ++i) {
     const auto start = Clock::now();
     one();
     latencies.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
   const Usage after = Usage::Now();
+  figures->allocations =
+      static_cast<double>(g_allocations.load() - allocations) / g_sizes.round_trips;
   std::sort(latencies.begin(), latencies.end());
   figures->median_us = latencies[latencies.size() / 2];
   figures->p99_us = latencies[latencies.size() * 99 / 100];
@@ -351,6 +372,8 @@ int main(int argc, char** argv) {
   Row("round trip, one at a time, p99 (us)", core.p99_us, asio.p99_us, sdbus.p99_us, "%.1f");
   Row("CPU per round trip, all threads (us)", core.cpu_us, asio.cpu_us, sdbus.cpu_us, "%.1f");
   Row("context switches per round trip", core.switches, asio.switches, sdbus.switches, "%.2f");
+  Row("C++ allocations per round trip", core.allocations, asio.allocations, sdbus.allocations,
+      "%.1f");
   Row("pipelined, 64 in flight (k/s)", core.pipelined_per_s / 1e3, asio.pipelined_per_s / 1e3,
       sdbus.pipelined_per_s / 1e3, "%.0f");
   Row("4 consumers, one request each at a time (k/s)", core.consumers_per_s / 1e3, -1, -1, "%.0f");

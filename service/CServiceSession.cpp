@@ -106,9 +106,9 @@ std::shared_ptr<IServiceHandler> CServiceSession::_GetServiceHandler() const {
 
 std::shared_ptr<ITransaction> CServiceSession::_ReleaseTransaction(hxf_transaction_h transaction) {
   auto found = transaction_map_.find(transaction);
-  if (found == transaction_map_.end()) {
-    throw CException("unable to find transaction in map", HXF_ERROR_INVALID_TRANSACTION);
-  }
+  // Not outstanding here: a result or notification is offered to every session of the
+  // handler, so this is the common case, answered without the cost of an exception.
+  if (found == transaction_map_.end()) return nullptr;
   std::shared_ptr<ITransaction> released = std::move(found->second);
   transaction_map_.erase(found);
   HXLOG(DLOG_INFO, "transaction[%p] deleted in transaction map\n", transaction);
@@ -152,15 +152,19 @@ void CServiceSession::_SendRequestResult(const std::string& service_name,
                                          const std::shared_ptr<ITransactionResult>& result) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
+  // A late answer after a time-out (or the reverse), another session's transaction, or a
+  // client gone: not an error.
   try {
     std::shared_ptr<ITransaction> found = _ReleaseTransaction(transaction);
-    found->StopTimer();
-    std::shared_ptr<CServiceSession> self(weak_this_);
-    _GetClient()->SendRequestResult(self, service_name, found, result);
+    if (found != nullptr) {
+      found->StopTimer();
+      std::shared_ptr<CServiceSession> self(weak_this_);
+      _GetClient()->SendRequestResult(self, service_name, found, result);
+      return;
+    }
   } catch (const CException&) {
-    // A late answer after a time-out (or the reverse), or a client gone: not an error.
-    HXLOG(DLOG_INFO, "[RequestResult] transaction NOT Found. But Not Error case.\n");
   }
+  HXLOG(DLOG_INFO, "[RequestResult] transaction NOT Found. But Not Error case.\n");
 }
 
 void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transaction_h transaction,
@@ -176,10 +180,10 @@ void CServiceSession::_Notify(const std::string& /*service_name*/, hxf_transacti
     HXLOG(DLOG_ERROR, "callback is nullptr!\n");
     return;
   }
-  try {
-    // A notification naming an outstanding request completes it: no result will follow.
-    _ReleaseTransaction(transaction)->StopTimer();
-  } catch (const CException&) {
+  // A notification naming an outstanding request completes it: no result will follow.
+  if (std::shared_ptr<ITransaction> found = _ReleaseTransaction(transaction)) {
+    found->StopTimer();
+  } else {
     HXLOG(DLOG_INFO,
           "[Notify] transaction NOT Found. But Not Error case. keep going with null transaction\n");
   }

@@ -39,6 +39,7 @@ class CServiceSession : public IServiceSession, TPL::CContext<CServiceSession> {
 
   std::shared_ptr<IClient> _GetClient();
   std::shared_ptr<IServiceHandler> _GetServiceHandler() const;
+  // The outstanding transaction, out of the map; null when it is not outstanding here.
   std::shared_ptr<ITransaction> _ReleaseTransaction(hxf_transaction_h transaction);
   std::function<void(hxf_transaction_h)> _GetTransactionTimeoutHandler();
   void _ForgetEverything();

@@ -23,20 +23,45 @@ CThreadPoolInvokerImpl::~CThreadPoolInvokerImpl() {
 
 void CThreadPoolInvokerImpl::Invoke(std::function<void()>&& fn) {
   if (!fn) throw std::bad_function_call();
+  bool wake = false;
   {
     CMutexLock lock(mutex_);
     queue_.push_back(std::move(fn));
+    queued_.store(queue_.size(), std::memory_order_release);
+    wake = parked_ > 0 && !spinning_;  // a spinner takes it; a busy worker comes back for it
   }
-  wake_.notify_one();
+  if (wake) wake_.notify_one();
+}
+
+void CThreadPoolInvokerImpl::_Spin() {
+  spinning_ = true;
+  mutex_.Unlock();
+  const auto deadline = std::chrono::steady_clock::now() + kSpin;
+  while (queued_.load(std::memory_order_acquire) == 0 &&
+         std::chrono::steady_clock::now() < deadline) {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    asm volatile("yield");
+#endif
+  }
+  mutex_.Lock();
+  spinning_ = false;
 }
 
 void CThreadPoolInvokerImpl::_WorkerLoop() {
   CMutexLock lock(mutex_);
   for (;;) {
-    while (!stopping_ && queue_.empty()) wake_.wait(lock.Native());
+    if (!stopping_ && queue_.empty() && !spinning_) _Spin();
+    while (!stopping_ && queue_.empty()) {
+      ++parked_;
+      wake_.wait(lock.Native());
+      --parked_;
+    }
     if (queue_.empty()) return;  // stopping, and everything accepted has run
     std::function<void()> fn = std::move(queue_.front());
     queue_.pop_front();
+    queued_.store(queue_.size(), std::memory_order_release);
     // The queue lock is never held while a function runs: functions post to the pool.
     lock.Unlock();
     try {

@@ -33,7 +33,7 @@ class HXF_TPL_API CThreadPoolInvokerImpl {
   std::size_t ThreadCount() const { return workers_.size(); }
 
   // How long an idle worker looks for work before it parks.
-  static constexpr std::chrono::microseconds kSpin{30};
+  static constexpr std::chrono::microseconds kSpin{10};
 
   CThreadPoolInvokerImpl(const CThreadPoolInvokerImpl&) = delete;
   CThreadPoolInvokerImpl& operator=(const CThreadPoolInvokerImpl&) = delete;

@@ -1,5 +1,6 @@
 #include "CTransaction.h"
 
+#include <string>
 #include <typeinfo>
 
 #include "HXCALLTRACE_OBJ.h"
@@ -7,7 +8,15 @@
 
 namespace HXFramework::Core {
 
-CTransaction::CTransaction() : timer_(TPL::ITimer::Create(typeid(CTransaction*).name())) {}
+namespace {
+// The label of every transaction's timer, made once rather than for each transaction.
+const std::string& TimerName() {
+  static const std::string* name = new std::string(typeid(CTransaction*).name());
+  return *name;
+}
+}  // namespace
+
+CTransaction::CTransaction() : timer_(TPL::ITimer::Create(TimerName())) {}
 
 CTransaction::~CTransaction() {
   HXF_CALLTRACE_OBJ(this);

@@ -45,7 +45,7 @@ uint32_t CTimerService::Start(ShotSet* owner, std::function<void()> handler, uin
     CMutexLock lock(mutex_);
     id = _NextId();
     shots_.emplace(id, Shot{deadline, std::move(handler), owner});
-    owner->insert(id);
+    owner->Insert(id);
     earliest = heap_.empty() || deadline < heap_.top().deadline;
     heap_.push(HeapEntry{deadline, id});
   }
@@ -55,7 +55,7 @@ uint32_t CTimerService::Start(ShotSet* owner, std::function<void()> handler, uin
 
 std::function<void()> CTimerService::_Remove(std::unordered_map<uint32_t, Shot>::iterator shot) {
   std::function<void()> handler = std::move(shot->second.handler);
-  shot->second.owner->erase(shot->first);
+  shot->second.owner->Erase(shot->first);
   shots_.erase(shot);
   return handler;
 }
@@ -84,11 +84,12 @@ void CTimerService::StopAll(ShotSet* owner) {
   std::vector<std::function<void()>> released;
   {
     CMutexLock lock(mutex_);
-    released.reserve(owner->size());
-    while (!owner->empty()) {
-      auto shot = shots_.find(*owner->begin());
+    released.reserve(owner->Size());
+    while (!owner->Empty()) {
+      const uint32_t id = owner->Any();
+      auto shot = shots_.find(id);
       if (shot == shots_.end()) {
-        owner->erase(owner->begin());
+        owner->Erase(id);
         continue;
       }
       released.push_back(_Remove(shot));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -24,7 +25,35 @@ class CTimerService {
  public:
   using Clock = std::chrono::steady_clock;
   // Ids of the armed shots of one timer; owned by the timer, guarded by the service lock.
-  using ShotSet = std::unordered_set<uint32_t>;
+  // A timer mostly has one shot armed at a time (a transaction's time-out): the first ids are
+  // kept inline, so that arming one allocates nothing here; the rest go to a hash set.
+  class ShotSet {
+   public:
+    void Insert(uint32_t id) {
+      if (inline_count_ < inline_.size()) {
+        inline_[inline_count_++] = id;
+      } else {
+        more_.insert(id);
+      }
+    }
+    void Erase(uint32_t id) {
+      for (std::size_t i = 0; i < inline_count_; ++i) {
+        if (inline_[i] != id) continue;
+        inline_[i] = inline_[--inline_count_];
+        return;
+      }
+      more_.erase(id);
+    }
+    bool Empty() const { return inline_count_ == 0 && more_.empty(); }
+    std::size_t Size() const { return inline_count_ + more_.size(); }
+    // One of the ids; the set must not be empty.
+    uint32_t Any() const { return inline_count_ != 0 ? inline_[0] : *more_.begin(); }
+
+   private:
+    std::array<uint32_t, 2> inline_{};
+    std::size_t inline_count_ = 0;
+    std::unordered_set<uint32_t> more_;  // the rest, allocated only when there are more
+  };
 
   static CTimerService& GetInstance();
   CTimerService();

@@ -163,25 +163,22 @@ int CBusClient::CallLater(const std::string& path, const char* interface, const 
 // ---- the commands' calls ----
 
 int CBusClient::Search(const std::string& service, uint32_t timeout_ms) {
-  return OnBusThread([&] {
-    std::string path;
-    const int code = CallBroker(
-        "Search",
-        [&](sd_bus_message* m) {
-          return sd_bus_message_append(m, "su", service.c_str(), timeout_ms);
-        },
-        &path);
-    if (code == HXF_ERROR_NONE) watches_[path] = service;
-    return code;
+  return StartWatch("Search", service, [&](sd_bus_message* m) {
+    return sd_bus_message_append(m, "su", service.c_str(), timeout_ms);
   });
 }
 
 int CBusClient::Listen(const std::string& service) {
+  return StartWatch("Listen", service, [&](sd_bus_message* m) {
+    return sd_bus_message_append(m, "s", service.c_str());
+  });
+}
+
+int CBusClient::StartWatch(const char* method, const std::string& service,
+                           const std::function<int(sd_bus_message*)>& fill) {
   return OnBusThread([&] {
     std::string path;
-    const int code = CallBroker(
-        "Listen", [&](sd_bus_message* m) { return sd_bus_message_append(m, "s", service.c_str()); },
-        &path);
+    const int code = CallBroker(method, fill, &path);
     if (code == HXF_ERROR_NONE) watches_[path] = service;
     return code;
   });

@@ -67,6 +67,9 @@ class CBusClient : public CBroker {
   int CallLater(const std::string& path, const char* interface, const char* method,
                 uint64_t timeout_ms, const std::function<int(sd_bus_message*)>& fill,
                 sd_bus_message_handler_t on_reply, Pending pending);
+  // Any thread: Broker1.`method` (Search or Listen), its object then followed for `service`.
+  int StartWatch(const char* method, const std::string& service,
+                 const std::function<int(sd_bus_message*)>& fill);
   void StopWatch(const std::string& service);
   // The core's code for a failed call (`r`, or the error it was answered with); a failure
   // that is not the broker's is logged.

@@ -188,6 +188,16 @@ struct Consumer {
   }
 };
 
+// A provider of `service` whose requests go to `on_request`.
+hxf_service_handler_h Provider(const char* service,
+                               hxf_service_handler_set_request_service_cb on_request) {
+  hxf_service_handler_h handler =
+      hxf_core_service_handler_create(hxf_string_from_cstr("bench-provider"), nullptr);
+  hxf_core_service_handler_set_request_service_callback(handler, on_request, nullptr);
+  hxf_core_service_handler_subscribe_service(handler, hxf_string_from_cstr(service));
+  return handler;
+}
+
 size_t HeapInUse() {
   return mallinfo2().uordblks;
 }
@@ -200,10 +210,7 @@ struct CoreFigures : Figures {
 CoreFigures MeasureCore() {
   CoreFigures figures;
   hxf_core_initialize();
-  hxf_service_handler_h handler =
-      hxf_core_service_handler_create(hxf_string_from_cstr("bench-provider"), nullptr);
-  hxf_core_service_handler_set_request_service_callback(handler, Answer, nullptr);
-  hxf_core_service_handler_subscribe_service(handler, hxf_string_from_cstr("bench"));
+  hxf_service_handler_h handler = Provider("bench", Answer);
   {
     Consumer consumer("bench");
     Windowed windowed;
@@ -243,10 +250,7 @@ CoreFigures MeasureCore() {
   }
   {
     // A provider that never answers: the requests stay outstanding until their time-out.
-    hxf_service_handler_h silent =
-        hxf_core_service_handler_create(hxf_string_from_cstr("bench-silent"), nullptr);
-    hxf_core_service_handler_set_request_service_callback(silent, Ignore, nullptr);
-    hxf_core_service_handler_subscribe_service(silent, hxf_string_from_cstr("silent"));
+    hxf_service_handler_h silent = Provider("silent", Ignore);
     Consumer consumer("silent");
     Answers answers;
     const size_t before = HeapInUse();

@@ -4,7 +4,9 @@
 // answers), and a peer-to-peer sd-bus method call over a socketpair. The machine is noisy:
 // only the ratios within one run mean anything.
 //
-// Usage: hxf_compare [--quick]   (--quick: few iterations, to check that it runs)
+// Usage: hxf_compare [--quick] [--core]
+//   --quick: few iterations, to check that it runs
+//   --core:  this core only, no anchors (for profiling; the goals are not printed)
 #include <malloc.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -68,6 +70,7 @@ struct Figures {
   double median_us = 0, p99_us = 0, cpu_us = 0, switches = 0;  // one request at a time
   double allocations = 0;                                      // C++ allocations, likewise
   double pipelined_per_s = 0;                                  // kInFlight in flight
+  double pipelined_cpu_us = 0, pipelined_switches = 0;         // per request, likewise
 };
 
 // Process CPU time (all threads) and context switches (all threads), to take differences.
@@ -123,10 +126,15 @@ void Measure(const std::function<void()>& one, const std::function<void()>& pipe
   figures->p99_us = latencies[latencies.size() * 99 / 100];
   figures->cpu_us = (after.cpu_us - before.cpu_us) / g_sizes.round_trips;
   figures->switches = static_cast<double>(after.switches - before.switches) / g_sizes.round_trips;
+  const Usage pipelined_before = Usage::Now();
   const auto start = Clock::now();
   pipelined();
   figures->pipelined_per_s =
       g_sizes.pipelined / std::chrono::duration<double>(Clock::now() - start).count();
+  const Usage pipelined_after = Usage::Now();
+  figures->pipelined_cpu_us = (pipelined_after.cpu_us - pipelined_before.cpu_us) / g_sizes.pipelined;
+  figures->pipelined_switches =
+      static_cast<double>(pipelined_after.switches - pipelined_before.switches) / g_sizes.pipelined;
 }
 
 // A sender whose answers arrive on other threads, counted in `answers`.
@@ -370,10 +378,22 @@ void Goal(const char* what, double value, bool met) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "--quick") == 0) g_sizes = Sizes{500, 2000, 500, 50, 50};
+  bool core_only = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--quick") == 0) {
+      g_sizes = Sizes{500, 2000, 500, 50, 50};
+    } else if (std::strcmp(argv[i], "--core") == 0) {
+      core_only = true;
+    } else {
+      std::fprintf(stderr, "hxf_compare: unknown argument '%s' (usage: hxf_compare [--quick] [--core])\n",
+                   argv[i]);
+      return 2;
+    }
+  }
   const CoreFigures core = MeasureCore();
-  const Figures asio = MeasureAsio();
-  const Figures sdbus = MeasureSdBus();
+  const Figures absent{-1, -1, -1, -1, -1, -1, -1, -1};  // printed as "-"
+  const Figures asio = core_only ? absent : MeasureAsio();
+  const Figures sdbus = core_only ? absent : MeasureSdBus();
   std::printf("hxf_compare: one run on %u cores; compare within this run only\n\n",
               std::thread::hardware_concurrency());
   std::printf("%-44s %12s %14s %14s\n", "", "this core", "Asio 2 strands", "sd-bus p2p");
@@ -386,9 +406,14 @@ int main(int argc, char** argv) {
   Row("C++ allocations per round trip", core.allocations, asio.allocations, -1, "%.1f");
   Row("pipelined, 64 in flight (k/s)", core.pipelined_per_s / 1e3, asio.pipelined_per_s / 1e3,
       sdbus.pipelined_per_s / 1e3, "%.0f");
+  Row("  CPU per request, all threads (us)", core.pipelined_cpu_us, asio.pipelined_cpu_us,
+      sdbus.pipelined_cpu_us, "%.1f");
+  Row("  context switches per request", core.pipelined_switches, asio.pipelined_switches,
+      sdbus.pipelined_switches, "%.2f");
   Row("4 consumers, one request each at a time (k/s)", core.consumers_per_s / 1e3, -1, -1, "%.0f");
   Row("memory per client with one session (B)", core.bytes_per_client, -1, -1, "%.0f");
   Row("memory per outstanding request (B)", core.bytes_per_request, -1, -1, "%.0f");
+  if (core_only) return 0;
   std::printf("\ngoals (ratios of this run):\n");
   const double pipelined = core.pipelined_per_s / sdbus.pipelined_per_s;
   Goal("pipelined, this core / sd-bus (at least 2)", pipelined, pipelined >= 2);

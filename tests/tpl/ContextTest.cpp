@@ -293,6 +293,25 @@ TEST(TPLContext, TerminateSyncWhileAnotherThreadsTaskRunsReturnsFalseAtOnce) {
   EXPECT_EQ(terminations.load(), 1);  // the discarded sync job never terminated again
 }
 
+TEST(TPLContext, ALongQueueIsDiscardedJobByJobWithoutExhaustingTheStack) {
+  // The queue links its jobs through the jobs: released as one chain, 300000 of them would
+  // unwind recursively and overflow a thread's stack.
+  constexpr int kQueued = 300000;
+  auto owner = CTestOwner::Create();
+  owner->Initiate(Direct());
+  Gate gate;
+  std::atomic<int> ran{0};
+  owner->Post([&] { gate.Enter(); }, Pool());
+  ASSERT_TRUE(gate.WaitEntered());
+  for (int i = 0; i < kQueued; ++i) owner->Post([&] { ran++; }, Pool());
+  EXPECT_FALSE(owner->TerminateSync(Direct()));  // busy: terminated at once
+  gate.Open();
+  std::weak_ptr<CTestOwner> watch = owner;
+  owner.reset();
+  EXPECT_TRUE(Eventually([&] { return watch.expired(); }));  // the drain discarded the rest
+  EXPECT_EQ(ran.load(), 0);
+}
+
 namespace {
 
 // Leaves `owner` idle with `leftover` queued: a task posted by another thread fails while

@@ -16,6 +16,9 @@
 namespace HXFramework::Core {
 
 void print_app_info(std::string function_name);
+// The same for a name with static storage. The frame calls this one: a std::string of an
+// entry point's name (longer than the short-string buffer) was a heap allocation per call.
+void print_app_info(const char* function_name);
 
 // `site` is the entry point's own (HXF_LOG_SITE written in it), so that the lines name it.
 // `log_caller` is false only for initialize and finalize, which log their own lines.

@@ -21,8 +21,12 @@
 namespace HXFramework::Core {
 
 void print_app_info(std::string function_name) {
-  if (!g_caller_name.empty() && !g_app_version.empty() && !function_name.empty()) {
-    HXLOG(DLOG_ERROR, "[%s], caller_name:[%s], app_version:[%s]\n", function_name.c_str(),
+  print_app_info(function_name.c_str());
+}
+
+void print_app_info(const char* function_name) {
+  if (!g_caller_name.empty() && !g_app_version.empty() && function_name[0] != '\0') {
+    HXLOG(DLOG_ERROR, "[%s], caller_name:[%s], app_version:[%s]\n", function_name,
           g_caller_name.c_str(), g_app_version.c_str());
   } else {
     HXLOG(DLOG_ERROR, "caller_name or app_version or function_name is empty !\n");

@@ -4,8 +4,10 @@
 
 namespace HXFramework::TPL {
 
-ITimer* ITimer::Create(const std::string& name) {
-  return new CTimer(name);
+// The name only labels a timer for its creator and is not kept: a copy per timer was a heap
+// allocation for every transaction (its label is longer than the short-string buffer).
+ITimer* ITimer::Create(const std::string& /*name*/) {
+  return new CTimer();
 }
 
 CTimer::~CTimer() {

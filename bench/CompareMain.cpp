@@ -92,8 +92,12 @@ struct Answers {
   std::condition_variable cv;
   long count = 0;
   void Add() {
-    std::lock_guard<std::mutex> lock(mutex);
-    ++count;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      ++count;
+    }
+    // After the unlock: notified under the lock, the woken sender would at once block on
+    // the mutex still held here (a second sleep and wake-up per answer).
     cv.notify_one();
   }
   void WaitFor(long at_least) {

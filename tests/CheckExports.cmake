@@ -26,6 +26,7 @@ elseif(MODE STREQUAL "common")
     "HXFramework::TPL::CThreadPoolInvokerImpl::CThreadPoolInvokerImpl(unsigned long)"
     "HXFramework::TPL::CThreadPoolInvokerImpl::~CThreadPoolInvokerImpl()"
     "HXFramework::TPL::CThreadPoolInvokerImpl::Invoke(std::function<void ()>&&)"
+    "HXFramework::TPL::CThreadPoolInvokerImpl::ParkedCount()"
     "HXFramework::TPL::ITimer::Create(std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> > const&)")
   # The timer interface's type data: exported when the compiler emits it (an optimised build
   # may not need its vtable at all).

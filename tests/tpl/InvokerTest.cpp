@@ -11,8 +11,10 @@
 #include "CDirectInvoker.h"
 #include "CThreadPoolInvoker.h"
 #include "CThreadPoolInvokerImpl.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 
+using HXFramework::Test::Eventually;
 using HXFramework::Test::WaitUntil;
 using HXFramework::TPL::CDirectInvoker;
 using HXFramework::TPL::CThreadPoolInvoker;
@@ -123,4 +125,30 @@ TEST(ThreadPoolInvoker, DestructionRunsWhatWasQueuedAndJoins) {
 TEST(ThreadPoolInvoker, EmptyFunctionIsRefusedAtInvoke) {
   EXPECT_THROW(CThreadPoolInvoker::GetInstance().Invoke(std::function<void()>()),
                std::bad_function_call);
+}
+
+TEST(ThreadPoolInvoker, AFunctionAWorkerPostsAndThenBlocksForRunsOnAnotherWorker) {
+  // A worker's posting into an empty queue wakes nobody (the worker takes it on return);
+  // when the worker instead blocks until it has run, the standby worker takes it.
+  CThreadPoolInvokerImpl pool(2);
+  Gate posted_ran;
+  Gate done;
+  std::thread::id poster;
+  std::thread::id runner;
+  bool ran_in_time = false;
+  ASSERT_TRUE(Eventually([&] { return pool.ParkedCount() == 2; }));
+  pool.Invoke([&] {
+    poster = std::this_thread::get_id();
+    // The other worker parked, not spinning: only the standby's watch can run what follows.
+    if (!Eventually([&] { return pool.ParkedCount() == 1; })) return;
+    pool.Invoke([&] {
+      runner = std::this_thread::get_id();
+      posted_ran.Open();
+    });
+    ran_in_time = posted_ran.Wait();
+    done.Open();
+  });
+  ASSERT_TRUE(done.Wait());
+  EXPECT_TRUE(ran_in_time);
+  EXPECT_NE(runner, poster);
 }

@@ -35,6 +35,12 @@ class CBroker {
   // kMonitor events: everything the broker sees, whoever caused it. Only a broker that
   // serves other processes has them.
   virtual int Monitor() = 0;
+  // The services the broker's plugins offer, when it can tell: false when it cannot (a
+  // plugin that does not declare its services may offer any).
+  virtual bool OfferedServices(std::vector<std::string>* services) {
+    (void)services;
+    return false;
+  }
 };
 
 }  // namespace hxf_tool

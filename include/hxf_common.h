@@ -106,6 +106,15 @@ typedef void* hxf_property_h;
  *  ::hxf_error. Requests, results and notifications are property lists. */
 typedef void* hxf_property_list_h;
 
+/** @name Result codes */
+/** @{ */
+
+/** The name of a result code as this header spells it, for example "HXF_ERROR_TIMED_OUT".
+ *  Safe from any thread. @return a static text, never freed; NULL for a value that is not
+ *  an ::hxf_error_e enumerator. */
+HXF_COMMON_API const char* hxf_error_name(hxf_error code);
+
+/** @} */
 /** @name Strings */
 /** @{ */
 

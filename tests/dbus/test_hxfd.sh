@@ -261,6 +261,24 @@ PY
     "$hxf" --bus "$address" search lights >"$work/none.out" 2>"$work/none.err" && fail "a search without hxfd succeeded"
     grep -q "^hxf: no hxfd on the bus $address: " "$work/none.err" || fail "no reason given without hxfd"
     ;;
+  unsigned-above-int64)
+    # The core's integers are signed: an unsigned one within their range is taken, one above
+    # is refused by name (it once wrapped to -1).
+    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights set 2 device_id s lamp-1 \
+      brightness t 40 2000 >"$work/fits.out" 2>"$work/fits.err" || fail "t 40 was refused"
+    grep -q '"brightness" x 40' "$work/fits.out" || fail "t 40 did not set brightness 40"
+    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights set 2 device_id s lamp-1 \
+      brightness t 18446744073709551615 2000 >"$work/above.out" 2>"$work/above.err" &&
+      fail "t 18446744073709551615 was accepted"
+    grep -qF 'property brightness is 18446744073709551615: an integer property is at most 9223372036854775807' \
+      "$work/above.err" || fail "busctl was not told which property is too large"
+    gdbus call --address "$address" --dest org.hxf.Broker --object-path /org/hxf/Broker \
+      --method org.hxf.Broker1.Request lights set \
+      "{'device_id': <'lamp-1'>, 'brightness': <uint64 18446744073709551615>}" 2000 \
+      >"$work/gdbus.out" 2>"$work/gdbus.err" && fail "gdbus's uint64 was accepted"
+    grep -qF 'org.hxf.Error.InvalidParameter: property brightness is 18446744073709551615' "$work/gdbus.err" ||
+      fail "the refusal is not org.hxf.Error.InvalidParameter"
+    ;;
   tool-usage)
     expect_usage() {
       local problem=$1

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <utility>
 
 namespace hxf_tool {
@@ -23,9 +24,10 @@ constexpr std::pair<int, const char*> kErrorNames[] = {
     {HXF_ERROR_OPERATION_FAILED, "org.hxf.Error.OperationFailed"},
 };
 
-// Reads one basic value of D-Bus type `type` (the variant's contents) as JSON; false for a
-// type a property cannot have.
-int ReadValue(sd_bus_message* m, char type, nlohmann::json* value) {
+// Reads one basic value of D-Bus type `type` (the variant's contents) as JSON. Every integer
+// becomes a signed 64-bit one, as the core carries it; an unsigned one above that range is
+// refused with -ERANGE (never wrapped), the value left in `*above`.
+int ReadValue(sd_bus_message* m, char type, nlohmann::json* value, uint64_t* above) {
   union {
     int b;
     int64_t x;
@@ -48,22 +50,26 @@ int ReadValue(sd_bus_message* m, char type, nlohmann::json* value) {
       *value = raw.x;
       break;
     case 't':
+      if (raw.t > static_cast<uint64_t>(INT64_MAX)) {
+        *above = raw.t;
+        return -ERANGE;
+      }
       *value = static_cast<int64_t>(raw.t);
-      break;  // the core's integers are signed
+      break;
     case 'i':
-      *value = raw.i;
+      *value = static_cast<int64_t>(raw.i);
       break;
     case 'u':
-      *value = raw.u;
+      *value = static_cast<int64_t>(raw.u);
       break;
     case 'n':
-      *value = raw.n;
+      *value = static_cast<int64_t>(raw.n);
       break;
     case 'q':
-      *value = raw.q;
+      *value = static_cast<int64_t>(raw.q);
       break;
     case 'y':
-      *value = raw.y;
+      *value = static_cast<int64_t>(raw.y);
       break;
     case 'd':
       *value = raw.d;
@@ -71,6 +77,55 @@ int ReadValue(sd_bus_message* m, char type, nlohmann::json* value) {
     default:
       *value = std::string(raw.s);
       break;
+  }
+  return r;
+}
+
+// A text D-Bus carries as it is: sd-bus refuses invalid UTF-8 itself, but would cut a text
+// at its first NUL without a word.
+bool Carried(const std::string& text) { return text.find('\0') == std::string::npos; }
+
+// The signature of the complete type peeked as `type` and `contents`.
+std::string TypeText(char type, const char* contents) {
+  const std::string inner = contents != nullptr ? contents : "";
+  switch (type) {
+    case 'a':
+      return "a" + inner;
+    case 'r':
+      return "(" + inner + ")";
+    case 'e':
+      return "{" + inner + "}";
+    default:
+      return std::string(1, type);
+  }
+}
+
+// Reads the entries of an a{sv} the reader has entered; the caller words sd-bus's own errors.
+int ReadEntries(sd_bus_message* m, std::vector<PropertyValue>* properties, std::string* problem) {
+  int r = 0;
+  while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+    const char* name = nullptr;
+    const char* type = nullptr;
+    if ((r = sd_bus_message_read(m, "s", &name)) < 0) return r;
+    if ((r = sd_bus_message_peek_type(m, nullptr, &type)) < 0) return r;
+    if (type == nullptr || std::strlen(type) != 1 ||
+        std::strchr("bxtiunqyds", type[0]) == nullptr) {
+      *problem = std::string("property ") + name + " has type " + (type != nullptr ? type : "?") +
+                 ": a property is a boolean, an integer, a double or a string";
+      return -EINVAL;
+    }
+    PropertyValue property{name, nullptr};
+    uint64_t above = 0;
+    if ((r = sd_bus_message_enter_container(m, 'v', type)) < 0) return r;
+    if ((r = ReadValue(m, type[0], &property.value, &above)) == -ERANGE) {
+      *problem = std::string("property ") + name + " is " + std::to_string(above) +
+                 ": an integer property is at most " + std::to_string(INT64_MAX);
+      return -EINVAL;
+    }
+    if (r < 0) return r;
+    properties->push_back(std::move(property));
+    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // v
+    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // e
   }
   return r;
 }
@@ -102,7 +157,7 @@ int AppendDevice(sd_bus_message* m, const Device& device) {
       {"ui_meta", &device.ui_meta},
       {"service", &device.service}};
   for (const auto& [key, value] : fields) {
-    if (r >= 0) r = sd_bus_message_append(m, "{sv}", key, "s", value->c_str());
+    if (r >= 0) r = Carried(*value) ? sd_bus_message_append(m, "{sv}", key, "s", value->c_str()) : -EINVAL;
   }
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
@@ -132,14 +187,20 @@ int AppendProperties(sd_bus_message* m, const std::vector<PropertyValue>& proper
   for (const PropertyValue& p : properties) {
     if (r < 0) break;
     const char* name = p.name.c_str();
-    if (p.value.is_boolean()) {
+    if (!Carried(p.name)) {
+      r = -EINVAL;
+    } else if (p.value.is_boolean()) {
       r = sd_bus_message_append(m, "{sv}", name, "b", static_cast<int>(p.value.get<bool>()));
+    } else if (p.value.is_number_unsigned() && p.value.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX)) {
+      r = sd_bus_message_append(m, "{sv}", name, "t", p.value.get<uint64_t>());
     } else if (p.value.is_number_integer()) {
       r = sd_bus_message_append(m, "{sv}", name, "x", p.value.get<int64_t>());
     } else if (p.value.is_number()) {
       r = sd_bus_message_append(m, "{sv}", name, "d", p.value.get<double>());
+    } else if (p.value.is_string() && Carried(p.value.get_ref<const std::string&>())) {
+      r = sd_bus_message_append(m, "{sv}", name, "s", p.value.get_ref<const std::string&>().c_str());
     } else {
-      r = sd_bus_message_append(m, "{sv}", name, "s", p.value.get<std::string>().c_str());
+      r = -EINVAL;
     }
   }
   return r < 0 ? r : sd_bus_message_close_container(m);
@@ -147,28 +208,22 @@ int AppendProperties(sd_bus_message* m, const std::vector<PropertyValue>& proper
 
 int ReadProperties(sd_bus_message* m, std::vector<PropertyValue>* properties,
                    std::string* problem) {
-  int r = sd_bus_message_enter_container(m, 'a', "{sv}");
-  if (r < 0) return r;
-  while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-    const char* name = nullptr;
-    const char* type = nullptr;
-    if ((r = sd_bus_message_read(m, "s", &name)) < 0) return r;
-    if ((r = sd_bus_message_peek_type(m, nullptr, &type)) < 0) return r;
-    if (type == nullptr || std::strlen(type) != 1 ||
-        std::strchr("bxtiunqyds", type[0]) == nullptr) {
-      *problem = std::string("property ") + name + " has type " + (type != nullptr ? type : "?") +
-                 ": a property is a boolean, an integer, a double or a string";
-      return -EINVAL;
-    }
-    PropertyValue property{name, nullptr};
-    if ((r = sd_bus_message_enter_container(m, 'v', type)) < 0) return r;
-    if ((r = ReadValue(m, type[0], &property.value)) < 0) return r;
-    properties->push_back(std::move(property));
-    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // v
-    if ((r = sd_bus_message_exit_container(m)) < 0) return r;  // e
+  char type = 0;
+  const char* contents = nullptr;
+  int r = sd_bus_message_peek_type(m, &type, &contents);
+  if (r == 0) {
+    *problem = "the message ends where its properties (a{sv}) should be";
+    return -EINVAL;
   }
-  if (r < 0) return r;
-  return sd_bus_message_exit_container(m);
+  if (r > 0 && (type != 'a' || contents == nullptr || std::strcmp(contents, "{sv}") != 0)) {
+    *problem = "the properties have type " + TypeText(type, contents) + ", not a{sv}";
+    return -EINVAL;
+  }
+  if (r >= 0) r = sd_bus_message_enter_container(m, 'a', "{sv}");
+  if (r >= 0) r = ReadEntries(m, properties, problem);
+  if (r >= 0) r = sd_bus_message_exit_container(m);
+  if (r < 0 && problem->empty()) problem->assign("unreadable properties: ").append(std::strerror(-r));
+  return r;
 }
 
 int ConnectBus(const std::string& where, sd_bus** bus) {

@@ -3,7 +3,8 @@
 //
 // - A device is a{sv} of strings: device_id, device_name, address, interface_name,
 //   interface_type, ui_meta, service.
-// - Properties are a{sv}, each with its own type: b, x, d or s (any integer type is read).
+// - Properties are a{sv}, each with its own type: b, x, d or s (any integer type is read, as a
+//   signed 64-bit one: the core's integers are signed).
 // - A core error code travels as an error name, org.hxf.Error.<Name>, with a message: for a
 //   request the provider refused, the text of its "error" property.
 #pragma once
@@ -29,12 +30,16 @@ constexpr const char* kMonitorInterface = "org.hxf.Monitor1";
 const char* ErrorName(int code);
 int ErrorCode(const char* name);
 
+// The writers refuse with -EINVAL a text holding a NUL (D-Bus would cut it there) and, like
+// sd-bus, one that is not UTF-8; a value that is no boolean, number or text likewise.
 int AppendDevice(sd_bus_message* m, const Device& device);
 // Reads a device's a{sv}; fields it does not know are skipped.
 int ReadDevice(sd_bus_message* m, Device* device);
+// An integer above the signed 64-bit range goes as t (never wrapped), for the reader to refuse.
 int AppendProperties(sd_bus_message* m, const std::vector<PropertyValue>& properties);
-// Reads a{sv}: booleans, integers of any width, doubles and strings. A value of any other
-// type sets `problem` (naming the property) and stops the reading with -EINVAL.
+// Reads a{sv}: booleans, integers of any width (as int64_t), doubles and strings. Any failure
+// sets `problem`: a value of another type, or an unsigned one above INT64_MAX, names its
+// property; the reading stops there with -EINVAL.
 int ReadProperties(sd_bus_message* m, std::vector<PropertyValue>* properties, std::string* problem);
 
 // Connects to `where`: "session", "system" or a D-Bus address ("unix:path=...").

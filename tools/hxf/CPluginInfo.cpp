@@ -13,53 +13,96 @@ namespace {
 
 constexpr char kSection[] = ".hxf_plugin_info";
 
-bool ReadAt(std::ifstream& file, uint64_t offset, void* to, size_t size) {
-  file.seekg(static_cast<std::streamoff>(offset));
-  file.read(static_cast<char*>(to), static_cast<std::streamsize>(size));
-  return static_cast<size_t>(file.gcount()) == size;
+// The reader takes its bytes from a file or from memory. Every offset and length comes from
+// the file itself, so each is checked against the size before anything is allocated.
+class FileBytes {
+ public:
+  explicit FileBytes(const std::string& path) : file_(path, std::ios::binary) {
+    if (file_ && file_.seekg(0, std::ios::end)) size_ = static_cast<uint64_t>(file_.tellg());
+  }
+  bool Open() const { return static_cast<bool>(file_); }
+  uint64_t Size() const { return size_; }
+  bool ReadAt(uint64_t offset, void* to, size_t size) {
+    file_.clear();
+    file_.seekg(static_cast<std::streamoff>(offset));
+    file_.read(static_cast<char*>(to), static_cast<std::streamsize>(size));
+    return static_cast<size_t>(file_.gcount()) == size;
+  }
+
+ private:
+  std::ifstream file_;
+  uint64_t size_ = 0;
+};
+
+class MemoryBytes {
+ public:
+  MemoryBytes(const void* data, size_t size) : data_(static_cast<const char*>(data)), size_(size) {}
+  uint64_t Size() const { return size_; }
+  bool ReadAt(uint64_t offset, void* to, size_t size) {
+    if (size != 0) std::memcpy(to, data_ + offset, size);  // Fits: checked by Within
+    return true;
+  }
+
+ private:
+  const char* data_;
+  size_t size_;
+};
+
+template <typename Bytes>
+bool Within(const Bytes& bytes, uint64_t offset, uint64_t size) {
+  return offset <= bytes.Size() && size <= bytes.Size() - offset;
+}
+
+template <typename Bytes>
+bool ReadChecked(Bytes& bytes, uint64_t offset, void* to, uint64_t size) {
+  return Within(bytes, offset, size) && bytes.ReadAt(offset, to, static_cast<size_t>(size));
 }
 
 // The bytes of section `wanted`, or nothing; one template for both ELF classes.
-template <typename Ehdr, typename Shdr>
-bool SectionBytes(std::ifstream& file, const char* wanted, std::string* bytes) {
+template <typename Ehdr, typename Shdr, typename Bytes>
+bool SectionBytes(Bytes& file, const char* wanted, std::string* bytes) {
   Ehdr header;
-  if (!ReadAt(file, 0, &header, sizeof header) || header.e_shentsize != sizeof(Shdr)) return false;
-  std::vector<Shdr> sections(header.e_shnum);
-  if (sections.empty() || header.e_shstrndx >= sections.size() ||
-      !ReadAt(file, header.e_shoff, sections.data(), sections.size() * sizeof(Shdr))) {
+  if (!ReadChecked(file, 0, &header, sizeof header) || header.e_shentsize != sizeof(Shdr)) return false;
+  std::vector<Shdr> sections;
+  const uint64_t table_size = uint64_t{header.e_shnum} * sizeof(Shdr);
+  if (header.e_shnum == 0 || header.e_shstrndx >= header.e_shnum ||
+      !Within(file, header.e_shoff, table_size)) {
     return false;
   }
+  sections.resize(header.e_shnum);
+  if (!ReadChecked(file, header.e_shoff, sections.data(), table_size)) return false;
   const Shdr& names_header = sections[header.e_shstrndx];
-  std::string names(names_header.sh_size, '\0');
-  if (!ReadAt(file, names_header.sh_offset, names.data(), names.size())) return false;
+  if (!Within(file, names_header.sh_offset, names_header.sh_size)) return false;
+  std::string names(static_cast<size_t>(names_header.sh_size), '\0');
+  if (!ReadChecked(file, names_header.sh_offset, names.data(), names.size())) return false;
   bytes->clear();
   for (const Shdr& section : sections) {
     if (section.sh_name >= names.size() ||
         std::strcmp(names.c_str() + section.sh_name, wanted) != 0)
       continue;
     if (section.sh_type == SHT_NOBITS) return true;
-    bytes->resize(section.sh_size);
-    return ReadAt(file, section.sh_offset, bytes->data(), bytes->size());
+    if (!Within(file, section.sh_offset, section.sh_size)) return false;
+    bytes->resize(static_cast<size_t>(section.sh_size));
+    return ReadChecked(file, section.sh_offset, bytes->data(), bytes->size());
   }
   return true;  // no such section
 }
 
-}  // namespace
-
-std::string PluginInfo::Description() const {
-  const auto found = info.find("description");
-  return found != info.end() ? found->second : "(no description)";
-}
-
-bool ReadPluginInfo(const std::string& path, std::map<std::string, std::string>* info) {
-  std::ifstream file(path, std::ios::binary);
+template <typename Bytes>
+bool ReadInfo(Bytes& file, std::map<std::string, std::string>* info) {
   unsigned char ident[EI_NIDENT] = {};
-  if (!file || !ReadAt(file, 0, ident, sizeof ident) || std::memcmp(ident, ELFMAG, SELFMAG) != 0)
+  if (!ReadChecked(file, 0, ident, sizeof ident) || std::memcmp(ident, ELFMAG, SELFMAG) != 0)
     return false;
+  // Plugins are built for the machine the tool runs on: another byte order is no plugin.
+  constexpr unsigned char kOrder = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? ELFDATA2LSB : ELFDATA2MSB;
+  if (ident[EI_DATA] != kOrder) return false;
   std::string bytes;
-  const bool read = ident[EI_CLASS] == ELFCLASS64
-                        ? SectionBytes<Elf64_Ehdr, Elf64_Shdr>(file, kSection, &bytes)
-                        : SectionBytes<Elf32_Ehdr, Elf32_Shdr>(file, kSection, &bytes);
+  bool read = false;
+  if (ident[EI_CLASS] == ELFCLASS64) {
+    read = SectionBytes<Elf64_Ehdr, Elf64_Shdr>(file, kSection, &bytes);
+  } else if (ident[EI_CLASS] == ELFCLASS32) {
+    read = SectionBytes<Elf32_Ehdr, Elf32_Shdr>(file, kSection, &bytes);
+  }
   if (!read) return false;
   info->clear();
   // NUL-terminated KEY=VALUE texts, possibly padded with more NULs.
@@ -71,6 +114,23 @@ bool ReadPluginInfo(const std::string& path, std::map<std::string, std::string>*
     at = end + 1;
   }
   return true;
+}
+
+}  // namespace
+
+std::string PluginInfo::Description() const {
+  const auto found = info.find("description");
+  return found != info.end() ? found->second : "(no description)";
+}
+
+bool ReadPluginInfo(const std::string& path, std::map<std::string, std::string>* info) {
+  FileBytes file(path);
+  return file.Open() && ReadInfo(file, info);
+}
+
+bool ReadPluginInfo(const void* data, size_t size, std::map<std::string, std::string>* info) {
+  MemoryBytes bytes(data, size);
+  return ReadInfo(bytes, info);
 }
 
 std::vector<PluginInfo> ListPlugins(const std::string& folder) {

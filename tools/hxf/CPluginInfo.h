@@ -2,6 +2,7 @@
 // KEY=VALUE texts its HXF_PLUGIN_INFO() lines put into the ELF section ".hxf_plugin_info".
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -21,6 +22,8 @@ struct PluginInfo {
 // order: plugins are built for the machine the tool runs on). False when the file cannot be
 // read or is no ELF file; a library without the section gives an empty map.
 bool ReadPluginInfo(const std::string& path, std::map<std::string, std::string>* info);
+// The same from a file's bytes in memory.
+bool ReadPluginInfo(const void* data, size_t size, std::map<std::string, std::string>* info);
 
 // Every libhxf-plugin-NAME.so in `folder`, sorted by name, with what each says of itself.
 std::vector<PluginInfo> ListPlugins(const std::string& folder);

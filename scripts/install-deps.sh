@@ -13,7 +13,8 @@
 #                 announce itself on the machine's real network: services are kept from
 #                 starting during the install (policy-rc.d).
 #   dbus        + sd-bus (hxfd), and the real D-Bus parts its tests use: dbus-daemon, busctl,
-#                 gdbus, python3-dbus
+#                 gdbus, python3-dbus, the stock system-bus configuration, runuser (callers
+#                 as nobody) and systemd-analyze (the system unit)
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
@@ -27,7 +28,7 @@ for group in "$@"; do
     upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb
       iproute2) ;;
     dbus) packages+=(pkg-config libsystemd-dev dbus-daemon systemd libglib2.0-bin python3-dbus
-      python3-gi) ;;
+      python3-gi dbus-system-bus-common util-linux) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done

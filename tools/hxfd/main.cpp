@@ -1,11 +1,12 @@
-// hxfd: the broker as a D-Bus service. Loads the plugins named on its command line and
-// serves org.hxf.Broker on the session bus, the system bus or a given address until SIGTERM
-// or SIGINT.
+// hxfd: the broker as a D-Bus service. Loads the plugins named on its command line or in its
+// configuration file and serves org.hxf.Broker on the session bus, the system bus or a given
+// address until SIGTERM or SIGINT.
 #include <signal.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -16,6 +17,7 @@
 
 #include "BusValues.h"
 #include "CBusBroker.h"
+#include "CDaemonConfig.h"
 #include "CoreValues.h"
 #include "hxf_core.h"
 #include "hxf_core_version.h"
@@ -28,9 +30,24 @@ struct Options {
   std::string address;
   std::vector<std::string> plugins{"sim"};
   std::string log_level;
+  std::string config = HXFD_DEFAULT_CONFIG;
 };
 
 int g_log_threshold = DLOG_SILENT;
+
+// The configuration file's settings, where the command line leaves them unset. A missing
+// default file is no configuration; a missing --config file is an error.
+bool ApplyConfig(const CLI::App& app, Options* options) {
+  hxfd::CDaemonConfig config;
+  std::string error;
+  if (!config.Load(options->config, app.count("--config") == 0, &error)) {
+    std::fprintf(stderr, "hxfd: %s\n", error.c_str());
+    return false;
+  }
+  if (app.count("--plugin") == 0 && !config.Plugins().empty()) options->plugins = config.Plugins();
+  if (app.count("--log-level") == 0) options->log_level = config.LogLevel();
+  return true;
+}
 
 // The log lines chosen by --log-level (and a plugin's errors) on stderr.
 void OnLog(int priority, const char* tag, const char* text, void*) {
@@ -88,7 +105,10 @@ int main(int argc, char** argv) {
   app.add_option("--plugin", options.plugins, "a plugin to load (repeatable; default: sim)");
   app.add_option("--log-level", options.log_level, "show the core's log: debug, info or error")
       ->check(CLI::IsMember({"debug", "info", "error"}));
+  app.add_option("--config", options.config, "read this configuration file")
+      ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
+  if (!ApplyConfig(app, &options)) return 2;
   g_log_threshold = hxf_tool::LogThreshold(options.log_level);
 
   // Blocked before any thread exists, so that no pool thread of the core takes them: the
@@ -121,7 +141,10 @@ int main(int argc, char** argv) {
     hxfd::CBusBroker broker(bus, event);
     r = broker.Start();
     if (r < 0) {
-      std::fprintf(stderr, "hxfd: cannot serve %s: %s\n", hxf_tool::kBusName, std::strerror(-r));
+      std::fprintf(stderr, "hxfd: cannot serve %s: %s%s\n", hxf_tool::kBusName, std::strerror(-r),
+                   r == -EACCES ? " (the bus's policy does not let this user own the name; on "
+                                  "the system bus, root and the user hxf may: org.hxf.Broker.conf)"
+                                : "");
       code = 1;
     } else if (!LoadPlugins(options.plugins, &broker)) {
       code = 1;

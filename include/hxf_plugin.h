@@ -42,6 +42,15 @@ extern "C" {
  * - `description`: one line saying what the plugin offers (see HXF_PLUGIN_DESCRIPTION());
  * - `hidden`: why the plugin is not for users (test fixtures); `hxf plugins` then lists it
  *   only with `--all`.
+ * - `services`: every service the plugin offers (subscribes its handlers to), separated by
+ *   commas: `HXF_PLUGIN_INFO(services, "lights,audio")`. When every loaded plugin declares
+ *   its services, `hxf` and hxfd know what is offered and refuse any other service at once,
+ *   instead of letting a search wait its whole time-out. Declare all of them or leave the
+ *   key out: a service missing from the list is refused although the plugin offers it.
+ * - `config_env`: the environment variable that gives the plugin a configuration of its own
+ *   (`HXF_PLUGIN_INFO(config_env, "HXF_SIM_CONFIG")`). While it is set and not empty in the
+ *   process that loads the plugin, that configuration may offer other services than
+ *   `services` lists, so tools take the plugin's services as unknown.
  * No code runs and nothing is exported: the text is only data in the file.
  */
 #define HXF_PLUGIN_INFO(key, value)                                                  \

@@ -23,11 +23,12 @@ Device* Model::Find(const std::string& service, const std::string& id) {
   return nullptr;
 }
 
-Device* Model::First(const std::string& service) {
-  for (Device& device : devices) {
-    if (device.service == service) return &device;
+std::vector<std::string> Model::Ids(const std::string& service) const {
+  std::vector<std::string> ids;
+  for (const Device& device : devices) {
+    if (device.service == service) ids.push_back(device.id);
   }
-  return nullptr;
+  return ids;
 }
 
 namespace {

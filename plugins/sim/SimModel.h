@@ -48,7 +48,8 @@ struct Model {
 
   std::vector<std::string> Services() const;
   Device* Find(const std::string& service, const std::string& id);
-  Device* First(const std::string& service);
+  // The ids of the devices of `service`, in the model's order (those that arrive later too).
+  std::vector<std::string> Ids(const std::string& service) const;
 };
 
 // The embedded default home: three services, eight devices.

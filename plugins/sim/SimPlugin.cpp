@@ -165,7 +165,17 @@ void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
 void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
                      const List& request) {
   const std::string device_id = hxf_plugin_kit::FindText(request.get(), "device_id");
-  Device* device = device_id.empty() ? model_.First(service) : model_.Find(service, device_id);
+  if (device_id.empty()) {
+    // A device protocol never guesses: without a device, nothing is read or changed.
+    std::string devices;
+    for (const std::string& id : model_.Ids(service)) devices += (devices.empty() ? "" : ", ") + id;
+    Answer(service, transaction,
+           ErrorList(hxf_property_list_get_name(request.get()),
+                     "device_id (device= in hxf) is required; devices: " + devices),
+           HXF_ERROR_INVALID_PARAMETER);
+    return;
+  }
+  Device* device = model_.Find(service, device_id);
   if (device == nullptr) {
     Answer(service, transaction,
            ErrorList(hxf_property_list_get_name(request.get()), "unknown device " + device_id),

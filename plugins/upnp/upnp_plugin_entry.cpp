@@ -4,6 +4,8 @@
 #include "hxf_plugin.h"
 
 HXF_PLUGIN_DESCRIPTION("real UPnP devices on the network: lights (SwitchPower, Dimming) and upnp");
+// kLights and kRootDevices (UpnpPlugin.h).
+HXF_PLUGIN_INFO(services, "lights,upnp");
 
 bool CreatePlugin(void) {
   return hxf_plugin_kit::Entry<hxf_upnp::Plugin>::Create();

@@ -122,7 +122,7 @@ PY
     [ "$served" = 100 ] || fail "$served of 100 callers were served"
     ;;
   sigterm)
-    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights get 0 2000 >/dev/null ||
+    call /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights get 1 device_id s lamp-1 2000 >/dev/null ||
       fail "the request failed"
     kill -TERM "$hxfd_pid"
     wait "$hxfd_pid"

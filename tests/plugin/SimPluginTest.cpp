@@ -167,3 +167,21 @@ TEST_F(SimPlugin, AnUnknownDeviceOrOperationGetsAnErrorResult) {
   Send(session, "reboot", Id("lamp-1"));
   EXPECT_TRUE(events_.WaitCount("result 4 reboot error=unknown operation reboot (get or set)", 1));
 }
+
+// Regression: a get or set without a device went to the service's first device (a set
+// changed the lamp); a device protocol never guesses, so both are refused with the choices.
+TEST_F(SimPlugin, AGetOrSetWithoutADeviceIsRefusedWithTheDevicesThatExist) {
+  hxf_service_session_h session =
+      hxf_core_client_subscribe_service(client_, Str("lights"), &OnNotify, &events_);
+  ASSERT_NE(session, nullptr);
+  const std::string refusal =
+      " error=device_id (device= in hxf) is required; devices: lamp-1, ceiling-1, porch-1";
+  Send(session, "set", hxf_property_create_int(Str("brightness"), 10));
+  ASSERT_TRUE(events_.WaitCount("result 4 set" + refusal, 1));
+  Send(session, "get");
+  ASSERT_TRUE(events_.WaitCount("result 4 get" + refusal, 1));
+  Send(session, "get", Id("lamp-1"));
+  EXPECT_TRUE(
+      events_.WaitCount("result 0 get device_id=lamp-1 power=true brightness=70 color=warm", 1));
+  EXPECT_EQ(events_.Count("notify state device_id=lamp-1 power=true brightness=10 color=warm"), 0);
+}

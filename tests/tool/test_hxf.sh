@@ -337,6 +337,52 @@ JSON
     expect_out "timed out, as expected (error 1: HXF_ERROR_TIMED_OUT)$"
     expect_out "notification (state):"
     ;;
+  device-required)
+    # Regression: without device=, a set changed the first lamp. Now get and set are refused
+    # with the devices there are, and nothing changes.
+    for operation in "set brightness=10" get; do
+      # shellcheck disable=SC2086 # the operation's words
+      code=$(run request lights $operation)
+      expect_code "$code" 1
+      expect_err "^hxf: ${operation%% *} on lights failed: device_id (device= in hxf) is required; devices: lamp-1, ceiling-1, porch-1 (error 4: HXF_ERROR_INVALID_PARAMETER)$"
+      expect_no_out
+    done
+    code=$(run --json request lights set brightness=10)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":4,"error_name":"HXF_ERROR_INVALID_PARAMETER",.*"properties":{"error":"device_id (device= in hxf) is required; devices: lamp-1, ceiling-1, porch-1"}'
+    ;;
+  offered-services)
+    # The simulator declares its services: a service it does not offer is refused at once,
+    # not after the 5 s the search was given.
+    start=$(date +%s%N)
+    code=$(run search nosuch --timeout 5000)
+    elapsed_ms=$((($(date +%s%N) - start) / 1000000))
+    expect_code "$code" 1
+    expect_err "^hxf: no loaded plugin offers the service nosuch (offered: audio, climate, lights) (error 6: HXF_ERROR_NOT_FOUND)$"
+    expect_no_out
+    [ "$elapsed_ms" -lt 2000 ] || fail "the refusal took $elapsed_ms ms"
+    # With a configuration of its own the simulator may offer anything: the search runs.
+    printf '{"devices": [{"id": "sprinkler-1", "service": "garden"}]}\n' >"$work/garden.json"
+    code=$(HXF_SIM_CONFIG="$work/garden.json" run search nosuch --timeout 300)
+    expect_code "$code" 1
+    expect_err "^hxf: no device offers nosuch within 300 ms (error 1: HXF_ERROR_TIMED_OUT)$"
+    # So it does beside a plugin that declares nothing.
+    code=$(run --plugin sim --plugin e2e search nosuch --timeout 300)
+    expect_code "$code" 1
+    expect_err "^hxf: no device offers nosuch within 300 ms (error 1: HXF_ERROR_TIMED_OUT)$"
+    ;;
+  load-result-misnamed)
+    # Regression: a plugin that reports its load under another name cost a 10 s wait and
+    # "no load result". Loads are one at a time: the report is the loading plugin's, and the
+    # tool names the name it came under.
+    start=$(date +%s%N)
+    code=$(run --plugin sim --plugin misnamed request lights get device=lamp-1)
+    elapsed_ms=$((($(date +%s%N) - start) / 1000000))
+    expect_code "$code" 0
+    expect_err "^hxf: plugin misnamed reported its load result under the name 'misnamed-v2'$"
+    expect_out "brightness  *70"
+    [ "$elapsed_ms" -lt 5000 ] || fail "the load took $elapsed_ms ms"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

@@ -1,9 +1,9 @@
 #include "CCoreBroker.h"
 
-#include <dlfcn.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
+
+#include "PluginFiles.h"
 
 namespace hxf_tool {
 
@@ -29,29 +29,6 @@ void ReadList(hxf_property_list_h list, Event* event) {
   event->properties = ReadProperties(list);
 }
 
-// Why the core could not load a plugin. The core only reports that it failed (its log names
-// no reason), so look where and as the core does: the same path, the same dlopen flags. A
-// library the core holds open is only referenced again, so none of its code runs here.
-std::string LoadFailureReason(const std::string& plugin) {
-  const std::string path = std::string(HXF_TOOL_PLUGIN_DIR) + "libhxf-plugin-" + plugin + ".so";
-  if (access(path.c_str(), F_OK) != 0) return path + " does not exist";
-  void* library = dlopen(path.c_str(), RTLD_NOW);
-  if (library == nullptr) {
-    const char* why = dlerror();
-    return why != nullptr ? why : path + " cannot be opened";
-  }
-  std::string reason;
-  if (dlsym(library, "CreatePlugin") == nullptr) {
-    reason = path + " does not export CreatePlugin";
-  } else if (dlsym(library, "DestroyPlugin") == nullptr) {
-    reason = path + " does not export DestroyPlugin";
-  } else {
-    reason = "the plugin itself reported the failure (" + path + ")";
-  }
-  dlclose(library);
-  return reason;
-}
-
 hxf_string View(const std::string& text) {
   return hxf_string_new(text.data(), static_cast<uint32_t>(text.size()));
 }
@@ -70,7 +47,25 @@ bool CCoreBroker::Open(const std::vector<std::string>& plugins) {
     return false;
   }
   opened_ = true;
+  WatchLoadReports(&CCoreBroker::OnReport, this);
+  const bool loaded = LoadAll(plugins);
+  WatchLoadReports(nullptr, nullptr);
+  if (!loaded) return false;
+  client_ = hxf_core_client_create(hxf_string_from_cstr("hxf"));
+  if (client_ == nullptr) {
+    out_.Fail("cannot create a client");
+    return false;
+  }
+  return true;
+}
+
+bool CCoreBroker::LoadAll(const std::vector<std::string>& plugins) {
   for (const std::string& plugin : plugins) {
+    {
+      std::lock_guard<std::mutex> lock(names_mutex_);
+      loading_ = plugin;
+      known_.insert(plugin);
+    }
     const hxf_error_e code =
         hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
                              &CCoreBroker::OnLoaded, this);
@@ -86,6 +81,9 @@ bool CCoreBroker::Open(const std::vector<std::string>& plugins) {
     while (events_.Next(&event, deadline)) {
       if (event.kind == Event::kInterrupt) return false;
       if (event.kind == Event::kLoaded && event.name == plugin) {
+        if (!event.caller.empty())
+          out_.Log("hxf: plugin " + plugin + " reported its load result under the name '" +
+                   event.caller + "'");
         loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
         if (!loaded)
           out_.Fail("plugin " + plugin + ": failed to load: " + LoadFailureReason(plugin),
@@ -99,11 +97,24 @@ bool CCoreBroker::Open(const std::vector<std::string>& plugins) {
                   {{"plugin", plugin}});
       return false;
     }
+    PluginInfo info;
+    info.name = plugin;
+    info.path = PluginPath(plugin);
+    ReadPluginInfo(info.path, &info.info);
+    loaded_.push_back(std::move(info));
   }
-  client_ = hxf_core_client_create(hxf_string_from_cstr("hxf"));
-  if (client_ == nullptr) {
-    out_.Fail("cannot create a client");
-    return false;
+  return true;
+}
+
+bool CCoreBroker::OfferedServices(std::vector<std::string>* services) {
+  services->clear();
+  for (const PluginInfo& plugin : loaded_) {
+    const std::vector<std::string> offered = plugin.Services();
+    if (offered.empty()) return false;  // it may offer any service
+    for (const std::string& service : offered) {
+      if (std::find(services->begin(), services->end(), service) == services->end())
+        services->push_back(service);
+    }
   }
   return true;
 }
@@ -114,6 +125,7 @@ void CCoreBroker::Close() {
   if (!opened_) return;
   hxf_core_plugin_unload_all();
   hxf_core_finalize();
+  loaded_.clear();
   opened_ = false;
 }
 
@@ -162,6 +174,20 @@ int CCoreBroker::Request(uint64_t session, const std::string& operation,
 void CCoreBroker::OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* self) {
   Event event = MakeEvent(Event::kLoaded, Copy(name), result);
   Self(self)->events_.Push(std::move(event));
+}
+
+void CCoreBroker::OnReport(const std::string& name, hxf_plugin_load_result_e result, void* self) {
+  CCoreBroker* broker = Self(self);
+  Event event = MakeEvent(Event::kLoaded, "", result);
+  {
+    std::lock_guard<std::mutex> lock(broker->names_mutex_);
+    if (broker->known_.count(name) != 0) return;  // the core delivers it to OnLoaded
+    // Loads are one at a time: a report under a name the core does not know (it drops it)
+    // is the plugin now loading's.
+    event.name = broker->loading_;
+  }
+  event.caller = name;
+  broker->events_.Push(std::move(event));
 }
 
 void CCoreBroker::OnFound(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,

@@ -2,11 +2,14 @@
 // line names, and one client. The core's callbacks copy what they are given into events.
 #pragma once
 
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "CBroker.h"
 #include "COutput.h"
+#include "CPluginInfo.h"
 #include "hxf_core.h"
 
 namespace hxf_tool {
@@ -34,8 +37,16 @@ class CCoreBroker : public CBroker {
               const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
               uint64_t* transaction) override;
   int Monitor() override { return HXF_ERROR_OPERATION_FAILED; }  // nobody else is here
+  // The union of the loaded plugins' declared services, when every one declares them.
+  bool OfferedServices(std::vector<std::string>* services) override;
 
  private:
+  // Loads each plugin in turn and waits for its load result; false after an error message.
+  bool LoadAll(const std::vector<std::string>& plugins);
+  // Every load result a plugin reports, on the plugin's thread (WatchLoadReports); one under
+  // a name the core does not know becomes a kLoaded event of the plugin now loading, with
+  // `caller` the name it was reported under.
+  static void OnReport(const std::string& name, hxf_plugin_load_result_e result, void* self);
   // Callbacks of the core; user data is the broker.
   static void OnLoaded(hxf_string name, hxf_plugin_load_result_e result, void* self);
   static void OnFound(hxf_client_h, hxf_string service, hxf_endpoint_discovery_result_e result,
@@ -51,6 +62,10 @@ class CCoreBroker : public CBroker {
   const COutput& out_;
   bool opened_ = false;
   hxf_client_h client_ = nullptr;
+  std::vector<PluginInfo> loaded_;  // what each loaded plugin says of itself, in load order
+  std::mutex names_mutex_;          // guards loading_ and known_: OnReport reads them
+  std::string loading_;
+  std::set<std::string> known_;  // the names the core has been asked to load
 };
 
 }  // namespace hxf_tool

@@ -4,6 +4,7 @@
 #include <elf.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -121,6 +122,27 @@ bool ReadInfo(Bytes& file, std::map<std::string, std::string>* info) {
 std::string PluginInfo::Description() const {
   const auto found = info.find("description");
   return found != info.end() ? found->second : "(no description)";
+}
+
+std::vector<std::string> PluginInfo::Services() const {
+  std::vector<std::string> services;
+  const auto declared = info.find("services");
+  const auto config = info.find("config_env");
+  if (declared == info.end()) return services;
+  if (config != info.end()) {
+    const char* value = std::getenv(config->second.c_str());
+    if (value != nullptr && *value != '\0') return services;
+  }
+  const std::string& list = declared->second;
+  for (size_t at = 0; at <= list.size();) {
+    const size_t end = std::min(list.find(',', at), list.size());
+    const size_t first = list.find_first_not_of(' ', at);
+    const size_t last = list.find_last_not_of(' ', end == 0 ? 0 : end - 1);
+    if (first < end && last != std::string::npos && last >= first)
+      services.push_back(list.substr(first, last - first + 1));
+    at = end + 1;
+  }
+  return services;
 }
 
 bool ReadPluginInfo(const std::string& path, std::map<std::string, std::string>* info) {

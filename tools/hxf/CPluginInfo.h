@@ -16,6 +16,10 @@ struct PluginInfo {
 
   std::string Description() const;
   bool Hidden() const { return info.count("hidden") != 0; }
+  // The services it declares (`services`, comma-separated), in their order. Empty when it
+  // declares none, or when the variable its `config_env` names is set in this process: the
+  // configuration the plugin then reads may offer others. Empty means "may offer any".
+  std::vector<std::string> Services() const;
 };
 
 // Reads the info section of the ELF file at `path` (32 or 64 bit, in this machine's byte

@@ -32,7 +32,9 @@ case "$case_name" in
     expect_out "^DEVICE  *NAME  *SERVICE  *ADDRESS  *INTERFACE"
     expect_out "^lamp-1  *Desk lamp  *lights  *192.168.1.21  *wlan0/wifi"
     expect_out "^ceiling-1 "
-    expect_out "2 device(s) offer lights"
+    # The count is status, not a result: stderr.
+    expect_err "^2 device(s) offer lights$"
+    grep -q "device(s) offer" "$out" && fail "the device count went to stdout"
     ;;
   search-json)
     code=$(run --json search lights --timeout 1000)
@@ -45,9 +47,16 @@ case "$case_name" in
   unknown-service)
     code=$(run search nothing-here --timeout 300)
     expect_code "$code" 1
+    expect_err "^hxf: no loaded plugin offers the service nothing-here (offered: audio, climate, lights) (error 6: HXF_ERROR_NOT_FOUND)$"
+    expect_no_out
+    # With a configuration the simulator may offer anything: the search waits its time-out,
+    # and the core itself refuses a session.
+    printf '{"devices": [{"id": "sprinkler-1", "service": "garden"}]}\n' >"$work/garden.json"
+    code=$(HXF_SIM_CONFIG="$work/garden.json" run search nothing-here --timeout 300)
+    expect_code "$code" 1
     expect_err "^hxf: no device offers nothing-here within 300 ms (error 1: HXF_ERROR_TIMED_OUT)$"
     expect_no_out
-    code=$(run request nothing-here get)
+    code=$(HXF_SIM_CONFIG="$work/garden.json" run request nothing-here get)
     expect_code "$code" 1
     expect_err "^hxf: no provider offers the service nothing-here (error 6: HXF_ERROR_NOT_FOUND)$"
     expect_no_out
@@ -73,6 +82,9 @@ case "$case_name" in
     expect_code "$code" 1
     expect_out '^{"event":"error","error":1,"error_name":"HXF_ERROR_TIMED_OUT",.*"message":"get on audio: timed out after 300 ms"'
     expect_last '{"event":"end","command":"request","exit_code":1,"reason":"timed_out"}'
+    # A configured simulator may offer anything: these wait out their time-outs.
+    printf '{"devices": [{"id": "sprinkler-1", "service": "garden"}]}\n' >"$work/garden.json"
+    export HXF_SIM_CONFIG="$work/garden.json"
     code=$(run --json devices nothing-here --timeout 300)
     expect_code "$code" 1
     expect_out '^{"event":"error","error":1,"error_name":"HXF_ERROR_TIMED_OUT",.*"message":"no device list for nothing-here within 300 ms"'
@@ -382,6 +394,160 @@ JSON
     expect_err "^hxf: plugin misnamed reported its load result under the name 'misnamed-v2'$"
     expect_out "brightness  *70"
     [ "$elapsed_ms" -lt 5000 ] || fail "the load took $elapsed_ms ms"
+    ;;
+  long-value-no-crash)
+    # Regression: a value of 26 098 characters overflowed the stack in std::regex (SIGSEGV).
+    # The kernel caps one argument at 128 KiB: the longest it passes (131 071 bytes) is
+    # carried, or refused with a usage error, never a crash (CommandLineTest does a megabyte).
+    long=$(head -c 131064 /dev/zero | tr '\0' x)
+    code=$(run request lights get "device=$long")
+    expect_code "$code" 1
+    expect_err "^hxf: get on lights failed: unknown device xxxx"
+    code=$(run request lights set device=lamp-1 "label=$long" --timeout 2000)
+    [ "$code" = 1 ] || [ "$code" = 2 ] || fail "exit code $code for a long text"
+    digits=$(head -c 131000 /dev/zero | tr '\0' 7)
+    code=$(run request lights set device=lamp-1 "brightness=$digits")
+    expect_code "$code" 2
+    expect_err "^hxf: brightness=7777.*\.\.\. (131011 bytes): the integer does not fit in 64 bits"
+    [ "$(wc -c <"$err")" -lt 1000 ] || fail "the refusal echoed the whole value"
+    ;;
+  usage-printed-once)
+    # Regression: the parser printed its error and the tool printed it again.
+    code=$(run search)
+    expect_code "$code" 2
+    [ "$(grep -c "SERVICE is required" "$err")" = 1 ] || fail "the problem is not printed once"
+    expect_err "^hxf: SERVICE is required$"
+    expect_err "^Run 'hxf search --help' for more information.$"
+    [ "$(wc -l <"$err")" = 2 ] || fail "expected the problem and one line of help"
+    expect_no_out
+    code=$(run request lights set brightness)
+    expect_code "$code" 2
+    [ "$(grep -c "expected NAME=VALUE" "$err")" = 1 ] || fail "the problem is not printed once"
+    code=$(run --json search)
+    expect_code "$code" 2
+    [ "$(grep -c "SERVICE is required" "$err")" = 1 ] || fail "the problem is not printed once on stderr"
+    expect_out '^{"event":"error","error":null,"error_name":null,"message":"SERVICE is required"}$'
+    expect_last '{"event":"end","command":null,"exit_code":2,"reason":"usage"}'
+    ;;
+  empty-service-or-operation)
+    for command in search listen devices watch; do
+      code=$(run "$command" "")
+      expect_code "$code" 2
+      expect_err "^hxf: $command: the service name is empty$"
+      expect_no_out
+    done
+    code=$(run request "" get)
+    expect_code "$code" 2
+    expect_err "^hxf: request: the service name is empty$"
+    code=$(run request lights "")
+    expect_code "$code" 2
+    expect_err "^hxf: request: the operation is empty (get or set)$"
+    ;;
+  timeout-zero)
+    # 0 never means "at once": --timeout needs at least 1 ms; --for 0 is no limit.
+    for command in "search lights" "devices audio" "request lights get device=lamp-1"; do
+      # shellcheck disable=SC2086 # the command's words
+      code=$(run $command --timeout 0)
+      expect_code "$code" 2
+      expect_err "^hxf: --timeout 0: a result needs a time-out of at least 1 ms$"
+      expect_no_out
+    done
+    code=$(run search lights --timeout 4294967296)
+    expect_code "$code" 2
+    expect_err "^hxf: --timeout 4294967296: at most 4294967295 ms (about 49.7 days)$"
+    code=$(run listen lights --for -1)
+    expect_code "$code" 2
+    expect_err "^hxf: --for takes a whole number of milliseconds, not '-1'$"
+    code=$(run watch lights --for 1.5)
+    expect_code "$code" 2
+    for command in listen watch; do
+      "$hxf" "$command" lights --for 0 >"$out" 2>"$err" &
+      pid=$!
+      for _ in $(seq 1 100); do grep -q "(Ctrl-C stops)" "$err" && break; sleep 0.05; done
+      grep -q "^\(listening to\|watching\) lights (Ctrl-C stops)$" "$err" || { kill -9 $pid; fail "$command --for 0 is not unlimited"; }
+      kill -INT $pid
+      wait $pid
+      expect_code "$?" 130
+    done
+    ;;
+  numbers)
+    # Every number form docs/json.md shows arrives with its type: the simulator refuses a
+    # value of the wrong type, and --json shows what it stored.
+    cat >"$work/types.json" <<'JSON'
+{ "devices": [ {"id": "meter-1", "service": "meter",
+  "properties": [{"name": "count", "type": "int", "value": 0},
+                 {"name": "level", "type": "double", "value": 0.0},
+                 {"name": "ok", "type": "bool", "value": false},
+                 {"name": "label", "type": "string", "value": ""}]} ] }
+JSON
+    set_meter() { code=$(HXF_SIM_CONFIG="$work/types.json" run --json request meter set device=meter-1 "$@"); }
+    for pair in "1e3 1000.0" "-0.5 -0.5" ".5 0.5" "5. 5.0" "1E-3 0.001" "+1.5 1.5" "2.5e+2 250.0"; do
+      set_meter "level=${pair% *}"
+      expect_code "$code" 0
+      expect_out "\"level\":${pair#* }[,}]"
+    done
+    set_meter count=9223372036854775807 ok=true label='"42"'
+    expect_code "$code" 0
+    expect_out '"count":9223372036854775807,'
+    expect_out '"label":"42",'
+    expect_out '"ok":true'
+    set_meter count=-9223372036854775808 label=1.2.3
+    expect_code "$code" 0
+    expect_out '"count":-9223372036854775808,'
+    expect_out '"label":"1.2.3",'
+    set_meter count=+5
+    expect_code "$code" 0
+    expect_out '"count":5,'
+    for refused in count=9223372036854775808 count=18446744073709551615 count=-9223372036854775809; do
+      set_meter "$refused"
+      expect_code "$code" 2
+      expect_err "^hxf: $refused: the integer does not fit in 64 bits (a property's integers are signed: -9223372036854775808 to 9223372036854775807)$"
+    done
+    set_meter level=1e400
+    expect_code "$code" 2
+    expect_err "^hxf: level=1e400: the decimal does not fit in a double"
+    set_meter level=1e3x
+    expect_code "$code" 1
+    expect_out '"message":"set on meter failed: level takes a double, not a string"' 
+    ;;
+  device-count-on-stderr)
+    # Results alone on stdout: the table; the count is a status line.
+    code=$(run search lights --timeout 1000)
+    expect_code "$code" 0
+    expect_err "^2 device(s) offer lights$"
+    grep -v "^DEVICE \|^lamp-1 \|^ceiling-1 " "$out" | grep -q . && fail "stdout holds more than the table"
+    ;;
+  non-utf8-argument)
+    # Regression: in JSON mode an argument that is not UTF-8 threw out of the JSON writer
+    # (abort, exit 134).
+    code=$(run --json request lights set device=lamp-1 $'label=\xff')
+    expect_code "$code" 2
+    expect_out '^{"event":"error","error":null,"error_name":null,"message":"argument 6 is not valid UTF-8 text"}$'
+    expect_json_lines
+    code=$(run --json $'fr\xffob')
+    expect_code "$code" 2
+    expect_json_lines
+    ;;
+  unoffered-service-every-command)
+    # Needs the simulator's declared services (the in-process broker reads them): every
+    # command that names a service refuses one that no loaded plugin offers, at once.
+    for command in "search nosuch --timeout 5000" "listen nosuch" "devices nosuch --timeout 5000" \
+                   "request nosuch get --timeout 5000" "watch nosuch"; do
+      start=$(date +%s%N)
+      # shellcheck disable=SC2086 # the command's words
+      code=$(run $command)
+      elapsed_ms=$((($(date +%s%N) - start) / 1000000))
+      expect_code "$code" 1
+      expect_err "^hxf: no loaded plugin offers the service nosuch (offered: audio, climate, lights) (error 6: HXF_ERROR_NOT_FOUND)$"
+      expect_no_out
+      [ "$elapsed_ms" -lt 3000 ] || fail "$command: the refusal took $elapsed_ms ms"
+    done
+    code=$(run --json devices nosuch)
+    expect_code "$code" 1
+    expect_out '^{"event":"error","error":6,"error_name":"HXF_ERROR_NOT_FOUND","message":"no loaded plugin offers the service nosuch (offered: audio, climate, lights)","offered":\["audio","climate","lights"\],"service":"nosuch"}$'
+    # "*" is every service: offered whenever anything is.
+    code=$(run search '*' --timeout 1000)
+    expect_code "$code" 0
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

@@ -1,10 +1,7 @@
 #include "CCommands.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <regex>
 
 namespace hxf_tool {
 
@@ -22,31 +19,6 @@ std::string Ms(uint32_t ms) {
   return std::to_string(ms) + " ms";
 }
 
-const std::regex kAssignment(R"(^([A-Za-z_][A-Za-z0-9_.-]*)=(.*)$)");
-const std::regex kInteger(R"(^[-+]?[0-9]+$)");
-const std::regex kDecimal(R"(^[-+]?([0-9]+\.[0-9]*|\.[0-9]+)([eE][-+]?[0-9]+)?$)");
-
-// NAME and VALUE of a well-formed assignment; "device" names the target device.
-std::pair<std::string, std::string> Split(const std::string& assignment) {
-  std::smatch match;
-  std::regex_match(assignment, match, kAssignment);
-  const std::string name = match[1];
-  return {name == "device" ? "device_id" : name, match[2]};
-}
-
-PropertyValue Parse(const std::string& assignment) {
-  const auto [name, value] = Split(assignment);
-  if (name == "device_id") return {name, value};
-  if (value == "true" || value == "false") return {name, value == "true"};
-  if (std::regex_match(value, kInteger))
-    return {name, static_cast<int64_t>(std::strtoll(value.c_str(), nullptr, 10))};
-  if (std::regex_match(value, kDecimal)) return {name, std::strtod(value.c_str(), nullptr)};
-  std::string text = value;
-  if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
-    text = text.substr(1, text.size() - 2);
-  return {name, text};
-}
-
 std::string ErrorText(const Event& event) {
   for (const PropertyValue& p : event.properties) {
     if (p.name == "error") return COutput::Text(p.value);
@@ -62,22 +34,6 @@ nlohmann::json Payload(const Event& event) {
 }
 
 }  // namespace
-
-std::string CCommands::AssignmentProblem(const std::string& assignment) {
-  if (!std::regex_match(assignment, kAssignment)) return "expected NAME=VALUE, got " + assignment;
-  const auto [name, value] = Split(assignment);
-  if (name != "device_id" && std::regex_match(value, kInteger)) {
-    errno = 0;
-    std::strtoll(value.c_str(), nullptr, 10);
-    if (errno == ERANGE) return name + "=" + value + ": the integer does not fit in 64 bits";
-  }
-  if (name != "device_id" && std::regex_match(value, kDecimal)) {
-    errno = 0;
-    std::strtod(value.c_str(), nullptr);
-    if (errno == ERANGE) return name + "=" + value + ": the number does not fit in a double";
-  }
-  return "";
-}
 
 std::string CCommands::EndReason(int exit_code) const {
   switch (exit_code) {
@@ -128,7 +84,21 @@ bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
   return completed;
 }
 
+bool CCommands::Offered(const std::string& service) {
+  std::vector<std::string> services;
+  if (service == "*" || !runtime_.Broker().OfferedServices(&services)) return true;
+  if (std::find(services.begin(), services.end(), service) != services.end()) return true;
+  std::sort(services.begin(), services.end());
+  std::string offered;
+  for (const std::string& name : services) offered += (offered.empty() ? "" : ", ") + name;
+  Fail("no loaded plugin offers the service " + service + " (offered: " +
+           (offered.empty() ? "none" : offered) + ")",
+       HXF_ERROR_NOT_FOUND, {{"service", service}, {"offered", services}});
+  return false;
+}
+
 int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
+  if (!Offered(service)) return kFailed;
   const int started = runtime_.Broker().Search(service, timeout_ms);
   if (started != HXF_ERROR_NONE) return Fail("cannot search " + service, started);
   std::vector<Device> found;
@@ -148,11 +118,12 @@ int CCommands::Search(const std::string& service, uint32_t timeout_ms) {
   if (found.empty())
     return Fail("no device offers " + service + " within " + Ms(timeout_ms), HXF_ERROR_TIMED_OUT,
                 {{"service", service}});
-  out_.Say(std::to_string(found.size()) + " device(s) offer " + service);
+  out_.Note(std::to_string(found.size()) + " device(s) offer " + service);
   return kOk;
 }
 
 int CCommands::Listen(const std::string& service, uint32_t for_ms) {
+  if (!Offered(service)) return kFailed;
   const int started = runtime_.Broker().Listen(service);
   if (started != HXF_ERROR_NONE) return Fail("cannot listen to " + service, started);
   out_.Note("listening to " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
@@ -172,6 +143,7 @@ int CCommands::Listen(const std::string& service, uint32_t for_ms) {
 }
 
 int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
+  if (!Offered(service)) return kFailed;
   const int asked = runtime_.Broker().AskDevices(service, timeout_ms);
   if (asked != HXF_ERROR_NONE) return Fail("cannot list " + service, asked);
   int code = -1;
@@ -211,10 +183,8 @@ uint64_t CCommands::Subscribe(const std::string& service) {
 
 int CCommands::SendAndWait(uint64_t session, const std::string& service,
                            const std::string& operation,
-                           const std::vector<std::string>& assignments, uint32_t timeout_ms,
+                           const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
                            Event* result) {
-  std::vector<PropertyValue> properties;
-  for (const std::string& assignment : assignments) properties.push_back(Parse(assignment));
   uint64_t transaction = 0;
   const int sent =
       runtime_.Broker().Request(session, operation, properties, timeout_ms, &transaction);
@@ -237,11 +207,14 @@ int CCommands::SendAndWait(uint64_t session, const std::string& service,
 }
 
 int CCommands::Request(const std::string& service, const std::string& operation,
-                       const std::vector<std::string>& assignments, uint32_t timeout_ms) {
+                       const std::vector<Assignment>& properties, uint32_t timeout_ms) {
+  if (!Offered(service)) return kFailed;
   const uint64_t session = Subscribe(service);
   if (session == 0) return kFailed;
+  std::vector<PropertyValue> values;
+  for (const Assignment& property : properties) values.push_back({property.name, property.value});
   Event result{Event::kResult};
-  const int code = SendAndWait(session, service, operation, assignments, timeout_ms, &result);
+  const int code = SendAndWait(session, service, operation, values, timeout_ms, &result);
   nlohmann::json details = Payload(result);
   details["service"] = service;
   details["operation"] = operation;
@@ -263,7 +236,7 @@ int CCommands::Request(const std::string& service, const std::string& operation,
 }
 
 int CCommands::Watch(const std::string& service, uint32_t for_ms) {
-  if (Subscribe(service) == 0) return kFailed;
+  if (!Offered(service) || Subscribe(service) == 0) return kFailed;
   out_.Note("watching " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
   const Wait wait{"watching " + service, for_ms != 0 ? In(for_ms) : kForever};
   const bool completed = Pump(wait, [&](const Event& event) {
@@ -277,12 +250,6 @@ int CCommands::Watch(const std::string& service, uint32_t for_ms) {
   });
   out_.Note(completed ? "done" : "stopped");
   return completed ? kOk : Stopped();
-}
-
-const std::vector<std::string>& CCommands::MonitorTypes() {
-  static const std::vector<std::string> types{"search", "found",        "lost",   "request",
-                                              "result", "notification", "plugin", "client-gone"};
-  return types;
 }
 
 int CCommands::Monitor(const std::string& service, const std::string& type, uint32_t for_ms) {
@@ -341,11 +308,12 @@ int CCommands::Demo() {
   if (session == 0) return kFailed;
   out_.Say("== 5. Get the desk lamp's state.");
   Event result{Event::kResult};
-  if (SendAndWait(session, "lights", "get", {"device=lamp-1"}, 2000, &result) != HXF_ERROR_NONE)
+  if (SendAndWait(session, "lights", "get", {{"device_id", "lamp-1"}}, 2000, &result) != HXF_ERROR_NONE)
     return kFailed;
   out_.Properties(result.properties);
   out_.Say("== 6. Dim it to 30: the lamp answers, then tells every subscriber its new state.");
-  if (SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=30"}, 2000, &result) !=
+  if (SendAndWait(session, "lights", "set", {{"device_id", "lamp-1"}, {"brightness", 30}}, 2000,
+                  &result) !=
       HXF_ERROR_NONE) {
     return kFailed;
   }
@@ -367,12 +335,12 @@ int CCommands::Demo() {
   if (!notified) return kFailed;
   out_.Say("== 7. A bad value is refused and changes nothing: brightness=150.");
   const int refused =
-      SendAndWait(session, "lights", "set", {"device=lamp-1", "brightness=150"}, 2000, &result);
+      SendAndWait(session, "lights", "set", {{"device_id", "lamp-1"}, {"brightness", 150}}, 2000, &result);
   out_.Say("   refused (" + COutput::Code(refused) + "): " + ErrorText(result));
   out_.Say("== 8. The old radio never answers: the request times out after 1.5 s.");
   const uint64_t audio = Subscribe("audio");
   if (audio == 0) return kFailed;
-  const int timed_out = SendAndWait(audio, "audio", "get", {"device=radio-1"}, 1500, &result);
+  const int timed_out = SendAndWait(audio, "audio", "get", {{"device_id", "radio-1"}}, 1500, &result);
   out_.Say(timed_out == HXF_ERROR_TIMED_OUT
                ? "   timed out, as expected (" + COutput::Code(timed_out) + ")"
                : "   unexpected answer");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ArgumentValues.h"
 #include "COutput.h"
 #include "CPluginInfo.h"
 #include "CToolRuntime.h"
@@ -22,12 +23,10 @@ class CCommands {
   int Listen(const std::string& service, uint32_t for_ms);
   int Devices(const std::string& service, uint32_t timeout_ms);
   int Request(const std::string& service, const std::string& operation,
-              const std::vector<std::string>& assignments, uint32_t timeout_ms);
+              const std::vector<Assignment>& properties, uint32_t timeout_ms);
   int Watch(const std::string& service, uint32_t for_ms);
   // Every event the broker sees (hxfd only), of `service` and of `type` when not empty.
   int Monitor(const std::string& service, const std::string& type, uint32_t for_ms);
-  // What Monitor can filter by.
-  static const std::vector<std::string>& MonitorTypes();
   int Demo();
   // Needs no plugin loaded: lists the plugins in the plugin folder with their descriptions;
   // test fixtures only with `all`.
@@ -35,9 +34,6 @@ class CCommands {
   // The reason the "end" event gives for `exit_code`: done, timed_out, failed, usage or
   // interrupted.
   std::string EndReason(int exit_code) const;
-  // "NAME=VALUE" with VALUE true/false, an integer, a decimal or text ("device" means the
-  // target device). Empty when well formed, else what is wrong.
-  static std::string AssignmentProblem(const std::string& assignment);
 
  private:
   // How long Pump waits: until `deadline`, showing a countdown to it (none when it is
@@ -53,6 +49,10 @@ class CCommands {
   bool Pump(const Wait& wait, OnEvent&& on_event);
   // Reports a failure and returns kFailed; a time-out is HXF_ERROR_TIMED_OUT.
   int Fail(const std::string& message, int code, nlohmann::json details = nlohmann::json::object());
+  // False, after failing with HXF_ERROR_NOT_FOUND, when the broker can tell that none of its
+  // plugins offers `service`: said at once rather than after a whole time-out. "*" is
+  // offered whenever anything is.
+  bool Offered(const std::string& service);
   // A new session of `service`, or 0 after reporting why not.
   uint64_t Subscribe(const std::string& service);
   // What a command stopped early returns: interrupted, or failed when the broker left.
@@ -60,7 +60,8 @@ class CCommands {
   // Sends one request and waits for its result; prints it. Returns the error code, or -1
   // when no answer came (interrupted or lost).
   int SendAndWait(uint64_t session, const std::string& service, const std::string& operation,
-                  const std::vector<std::string>& assignments, uint32_t timeout_ms, Event* result);
+                  const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
+                  Event* result);
 
   CToolRuntime& runtime_;
   const COutput& out_;

@@ -9,6 +9,9 @@
 #     and run together: the consumer gets its greeting from the example plugin;
 #   - the installed hxf tool finds the simulator's devices.
 #   - the installed D-Bus service file starts the installed hxfd when a caller names it.
+#   - hxfd's system-bus files are there (bus policy, activation, systemd unit, sysusers.d, the
+#     example configuration), the unit passes systemd-analyze verify, and hxfd reads its
+#     default configuration from PREFIX/etc/hxf/hxfd.conf.
 # Usage: scripts/check-install.sh   (installs what is missing first)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -93,6 +96,36 @@ for _ in $(seq 100); do kill -0 "$broker_pid" 2>/dev/null || break; sleep 0.05; 
 kill -0 "$broker_pid" 2>/dev/null && fail "the activated hxfd did not stop on SIGTERM"
 kill "$bus_pid"
 wait "$bus_pid" 2>/dev/null
+
+echo "--- hxfd's system-bus files and configuration" >&2
+grep -qx 'Exec=/bin/false' "$prefix/share/dbus-1/system-services/org.hxf.Broker.service" &&
+  fail "the system activation file starts nothing"
+for check in "share/dbus-1/system.d/org.hxf.Broker.conf:<allow own=\"org.hxf.Broker\"/>" \
+  "share/dbus-1/system-services/org.hxf.Broker.service:Exec=$prefix/bin/hxfd --system" \
+  "share/dbus-1/system-services/org.hxf.Broker.service:User=hxf" \
+  "lib/systemd/system/hxfd.service:ExecStart=$prefix/bin/hxfd --system" \
+  "lib/systemd/system/hxfd.service:User=hxf" \
+  "lib/sysusers.d/hxfd.conf:g hxf-monitor -" \
+  "share/doc/hxf/hxfd.conf:#plugins = sim upnp"; do
+  file=${check%%:*}
+  grep -qF "${check#*:}" "$prefix/$file" 2>/dev/null || fail "no $file with ${check#*:}"
+done
+systemd-analyze verify --man=no "$prefix/lib/systemd/system/hxfd.service" 2>"$work/verify.err" ||
+  fail "systemd-analyze verify refuses the system unit: $(cat "$work/verify.err")"
+[ -s "$work/verify.err" ] && fail "systemd-analyze verify warns: $(cat "$work/verify.err")"
+# The example parses: hxfd gets as far as the bus (exit 1, not 2).
+code=0
+"$prefix/bin/hxfd" --config "$prefix/share/doc/hxf/hxfd.conf" --address "unix:path=$work/none" \
+  2>"$work/example.err" || code=$?
+[ "$code" = 1 ] || fail "hxfd with the example configuration exited with $code: $(cat "$work/example.err")"
+# The default configuration lives under the prefix.
+mkdir -p "$prefix/etc/hxf"
+echo 'plugins =' >"$prefix/etc/hxf/hxfd.conf"
+code=0
+"$prefix/bin/hxfd" --address "unix:path=$work/none" 2>"$work/default.err" || code=$?
+[ "$code" = 2 ] && grep -qxF "hxfd: $prefix/etc/hxf/hxfd.conf:1: plugins needs a value" "$work/default.err" ||
+  fail "hxfd does not read $prefix/etc/hxf/hxfd.conf: $(cat "$work/default.err")"
+rm -r "$prefix/etc/hxf"
 
 echo "--- examples through pkg-config" >&2
 cp -r examples "$work/pc"

@@ -82,7 +82,7 @@ as_nobody() { runuser -u nobody -- "$@"; }
 monitor=(gdbus call --system --dest org.hxf.Broker --object-path /org/hxf/Broker
   --method org.hxf.Broker1.Monitor)
 # The simulator's log line at info (not shown at error).
-info_line='^HXF_SIM: sim: [0-9]+ devices in [0-9]+ services$'
+info_line='HXF_SIM: sim: [0-9]+ devices in [0-9]+ services$'
 owner_uid() {
   busctl --system call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus \
     GetConnectionUnixUser s org.hxf.Broker | cut -d' ' -f2

@@ -2,14 +2,17 @@
 // and files in the plugin folder that are cut short or corrupt.
 #include <elf.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "CPluginInfo.h"
 
@@ -45,7 +48,7 @@ class PluginInfo : public ::testing::Test {
   // Reads `bytes` from memory and, written to a file, from the file: both must agree.
   bool Read(const std::string& bytes, Info* info) {
     Info from_file;
-    const std::string path = ::testing::TempDir() + "libhxf-plugin-test.so";
+    const std::string path = Scratch() + ".so";
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
     const bool read_file = hxf_tool::ReadPluginInfo(path, &from_file);
     std::remove(path.c_str());
@@ -55,6 +58,12 @@ class PluginInfo : public ::testing::Test {
       EXPECT_EQ(*info, from_file);
     }
     return read;
+  }
+
+  // A path of this test's own: ctest runs tests side by side.
+  static std::string Scratch() {
+    return ::testing::TempDir() + "plugin-info-" + ::testing::UnitTest::GetInstance()->current_test_info()->name() +
+           "-" + std::to_string(getpid());
   }
 
   std::string library_;
@@ -116,6 +125,31 @@ TEST_F(PluginInfo, OtherByteOrderOrClassIsNoPlugin) {
     Info info;
     EXPECT_FALSE(Read(bytes, &info)) << at << "=" << int{value};
   }
+}
+
+// Regression: `hxf plugins --json` aborted (a JSON type error) on a description that is not
+// UTF-8, and the text listing passed control characters to the terminal.
+TEST_F(PluginInfo, TextThatIsNotUtf8OrControlIsReadWithReplacementCharacters) {
+  const size_t at = library_.find("description=a simulated home");
+  ASSERT_NE(at, std::string::npos);
+  library_.replace(at + 12, 6, "\xff\xc0\xaf\x1b\xed\xa0", 6);  // was "a simu"
+  Info info;
+  ASSERT_TRUE(Read(library_, &info));
+  const std::string r = "\xef\xbf\xbd";
+  EXPECT_EQ(info["description"].substr(0, 6 * r.size() + 12), r + r + r + r + r + r + "lated home: ");
+}
+
+TEST_F(PluginInfo, FileNameThatIsNotUtf8IsNotListed) {
+  const std::string folder = Scratch() + "/";
+  ASSERT_EQ(system(("rm -rf '" + folder + "' && mkdir '" + folder + "'").c_str()), 0);
+  for (const std::string name : {"libhxf-plugin-good.so", "libhxf-plugin-\xff.so", "libhxf-plugin-\x1b[2J.so"}) {
+    std::ofstream(folder + name, std::ios::binary) << library_;
+  }
+  const std::vector<hxf_tool::PluginInfo> plugins = hxf_tool::ListPlugins(folder);
+  ASSERT_EQ(plugins.size(), 1u);
+  EXPECT_EQ(plugins[0].name, "good");
+  EXPECT_EQ(plugins[0].Description().rfind("a simulated home", 0), 0u);
+  ASSERT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0);
 }
 
 TEST_F(PluginInfo, LibraryWithoutTheSectionDescribesNothing) {

@@ -4,6 +4,7 @@
 #include <elf.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -89,6 +90,38 @@ bool SectionBytes(Bytes& file, const char* wanted, std::string* bytes) {
   return true;  // no such section
 }
 
+// `bytes` as one line of UTF-8 text: a byte that starts no valid character (a stray or
+// overlong form, a surrogate, beyond U+10FFFF) and a control character each become U+FFFD.
+// Whatever lies in the plugin folder ends up on a terminal and in --json lines.
+std::string Text(const std::string& bytes) {
+  static const char kReplacement[] = "\xef\xbf\xbd";
+  std::string text;
+  for (size_t at = 0; at < bytes.size();) {
+    const auto byte = static_cast<unsigned char>(bytes[at]);
+    size_t length = byte < 0x80 ? 1 : byte >= 0xc2 && byte <= 0xdf ? 2 : byte >= 0xe0 && byte <= 0xef ? 3
+                                  : byte >= 0xf0 && byte <= 0xf4 ? 4 : 0;
+    uint32_t point = length == 1 ? byte : length == 2 ? byte & 0x1f : length == 3 ? byte & 0x0f : byte & 0x07;
+    for (size_t i = 1; i < length; ++i) {
+      const auto next = at + i < bytes.size() ? static_cast<unsigned char>(bytes[at + i]) : 0;
+      if ((next & 0xc0) != 0x80) {
+        length = 0;
+        break;
+      }
+      point = point << 6 | (next & 0x3f);
+    }
+    const bool valid = length != 0 && point >= 0x20 && point != 0x7f && !(point >= 0x80 && point < 0xa0) &&
+                       !(length == 3 && point < 0x800) && !(length == 4 && (point < 0x10000 || point > 0x10ffff)) &&
+                       !(point >= 0xd800 && point <= 0xdfff);
+    if (valid) {
+      text.append(bytes, at, length);
+    } else {
+      text += kReplacement;
+    }
+    at += valid ? length : 1;
+  }
+  return text;
+}
+
 template <typename Bytes>
 bool ReadInfo(Bytes& file, std::map<std::string, std::string>* info) {
   unsigned char ident[EI_NIDENT] = {};
@@ -111,7 +144,7 @@ bool ReadInfo(Bytes& file, std::map<std::string, std::string>* info) {
     const size_t end = std::min(bytes.find('\0', at), bytes.size());
     const std::string entry = bytes.substr(at, end - at);
     const size_t equals = entry.find('=');
-    if (equals != std::string::npos) (*info)[entry.substr(0, equals)] = entry.substr(equals + 1);
+    if (equals != std::string::npos) (*info)[Text(entry.substr(0, equals))] = Text(entry.substr(equals + 1));
     at = end + 1;
   }
   return true;
@@ -164,8 +197,8 @@ std::vector<PluginInfo> ListPlugins(const std::string& folder) {
   while (const dirent* entry = readdir(dir)) {
     const std::string file = entry->d_name;
     if (file.size() <= kPrefix.size() + kSuffix.size() || file.rfind(kPrefix, 0) != 0 ||
-        file.compare(file.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
-      continue;
+        file.compare(file.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0 || Text(file) != file) {
+      continue;  // not a plugin's name, or no name that can be shown
     }
     PluginInfo plugin;
     plugin.name = file.substr(kPrefix.size(), file.size() - kPrefix.size() - kSuffix.size());

@@ -65,7 +65,7 @@ fi
 start_bus() {
   dbus-daemon --config-file="$work/system.conf" --nofork --print-address=3 3>"$work/address" \
     2>"$work/daemon.err" &
-  pids+=($!)
+  pids+=("$!")
   await_line "$work/address" 10 '^unix:'
 }
 address=unix:path=$work/system_bus_socket
@@ -74,7 +74,7 @@ export DBUS_SYSTEM_BUS_ADDRESS=$address
 start_hxfd() {
   "$hxfd" --system "$@" >"$work/hxfd.out" 2>"$work/hxfd.err" &
   hxfd_pid=$!
-  pids+=($hxfd_pid)
+  pids+=("$hxfd_pid")
   await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'
 }
 as_nobody() { runuser -u nobody -- "$@"; }

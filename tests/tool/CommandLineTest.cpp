@@ -268,6 +268,14 @@ TEST(CommandLine, UnknownCommandsAndStrayArgumentsAreNamed) {
   EXPECT_NE(none.usage.find("Usage: hxf [OPTIONS] [SUBCOMMAND]"), std::string::npos);
 }
 
+// Found by fuzz_cli: an argument with a newline split the problem's line.
+TEST(CommandLine, AProblemIsOneLineWhateverItQuotes) {
+  EXPECT_EQ(Parse({"s\nea", ""}).text, "unknown command 's\\x0aea'");
+  EXPECT_EQ(Parse({"--log-level", "a\x1b[2Jb", "search", "x"}).text.find('\x1b'),
+            std::string::npos);
+  EXPECT_EQ(Parse({"request", "x", "get", "n\t=1"}).text.find('\t'), std::string::npos);
+}
+
 TEST(CommandLine, JsonIsKnownEvenWhenTheRestIsRefused) {
   EXPECT_TRUE(Parse({"--json", "frobnicate"}).json);
   EXPECT_TRUE(Parse({"search", "", "--json"}).json);
@@ -279,6 +287,16 @@ TEST(CommandLine, AnArgumentThatIsNotUtf8IsRefusedBeforeAnythingEchoesIt) {
   EXPECT_EQ(line.outcome, CommandLine::kUsage);
   EXPECT_EQ(line.text, "argument 5 is not valid UTF-8 text");
   EXPECT_TRUE(line.json);
+}
+
+// Found by fuzz_cli: HXF_LOG_LEVEL's value is echoed in its problem, and JSON mode threw on
+// it.
+TEST(CommandLine, AVariableThatIsNotUtf8IsRefusedBeforeAnythingEchoesIt) {
+  const CommandLine level = Parse({"--json", "search", "x"}, {"lou\xFF", ""});
+  EXPECT_EQ(level.outcome, CommandLine::kUsage);
+  EXPECT_EQ(level.text, "HXF_LOG_LEVEL is not valid UTF-8 text");
+  const CommandLine bus = Parse({"search", "x"}, {"", "nowhere\xC3"});
+  EXPECT_EQ(bus.text, "HXF_BUS is not valid UTF-8 text");
 }
 
 TEST(CommandLine, TheEnvironmentStandsInForOptionsNotGiven) {

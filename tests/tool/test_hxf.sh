@@ -527,6 +527,11 @@ JSON
     code=$(run --json $'fr\xffob')
     expect_code "$code" 2
     expect_json_lines
+    # Found by fuzz_cli: the same through a variable, whose value the problem echoes.
+    code=$(HXF_LOG_LEVEL=$'lou\xff' run --json search lights)
+    expect_code "$code" 2
+    expect_out '^{"event":"error","error":null,"error_name":null,"message":"HXF_LOG_LEVEL is not valid UTF-8 text"}$'
+    expect_json_lines
     ;;
   unoffered-service-every-command)
     # Needs the simulator's declared services (the in-process broker reads them): every

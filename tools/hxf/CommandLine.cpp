@@ -21,16 +21,17 @@ bool IsBusAddress(const std::string& where) {
 }
 
 const char kFooter[] =
-    "Time-outs: 0 never means at once: --for 0 (the default) means no limit, until Ctrl-C;\n"
-    "--timeout waits for a result and takes at least 1 ms; both are whole milliseconds, at\n"
-    "most 4294967295.\n"
+    "A time-out of 0 never means at once: --for 0 (the default) means no limit, until\n"
+    "Ctrl-C; --timeout waits for a result and takes at least 1 ms; both are whole\n"
+    "milliseconds, at most 4294967295.\n"
     "\n"
     "Values (NAME=VALUE): true and false are booleans; 12 and -7 are integers (64-bit signed;\n"
     "larger ones are refused); 1.5, .5, 5., -0.5, 1e3 and 1E-3 are decimals; \"...\" and\n"
     "anything else is text. device=ID names the device.\n"
     "\n"
     "Environment:\n"
-    "  HXF_LOG_LEVEL   debug, info or error: show the core's log on stderr (as --log-level)\n"
+    "  HXF_LOG_LEVEL   debug, info or error: log lines of that priority and above on stderr,\n"
+    "                  with time, level and tag (as --log-level; debug shows every line)\n"
     "  HXF_SIM_CONFIG  a JSON file that replaces the simulator's devices\n"
     "  HXF_UPNP_IFACE  the one network interface the UPnP plugin uses (default: all)\n"
     "  HXF_BUS         session, system or a D-Bus address: run every command through hxfd\n"
@@ -72,11 +73,30 @@ std::string CommandNamed(const std::vector<std::string>& args) {
   return "";
 }
 
-CommandLine Usage(bool json, std::string problem, std::string usage) {
+// `text` on one line and harmless on a terminal: control characters, which a problem may
+// quote from an argument, written as \xNN (found by fuzz_cli: a newline split the line).
+std::string OneLine(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string line;
+  line.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F) {
+      line += "\\x";
+      line += kHex[byte >> 4];
+      line += kHex[byte & 0xF];
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
+CommandLine Usage(bool json, const std::string& problem, std::string usage) {
   CommandLine line;
   line.outcome = CommandLine::kUsage;
   line.json = json;
-  line.text = std::move(problem);
+  line.text = OneLine(problem);
   line.usage = std::move(usage);
   return line;
 }
@@ -101,6 +121,13 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args, const Environ
   for (size_t i = 0; i < args.size(); ++i) {
     if (!IsUtf8(args[i]))
       return Usage(json, "argument " + std::to_string(i + 1) + " is not valid UTF-8 text",
+                   "Run 'hxf --help' for more information.\n");
+  }
+  // The same for the variables, which a problem may echo (found by fuzz_cli).
+  for (const auto& [name, value] :
+       {std::pair{"HXF_LOG_LEVEL", &env.log_level}, std::pair{"HXF_BUS", &env.bus}}) {
+    if (!IsUtf8(*value))
+      return Usage(json, std::string(name) + " is not valid UTF-8 text",
                    "Run 'hxf --help' for more information.\n");
   }
 

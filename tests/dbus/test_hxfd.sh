@@ -302,6 +302,130 @@ PY
     grep -qxF "hxf: --bus takes session, system or a D-Bus address (unix:path=...), not 'nonsense'" "$work/env.err" ||
       fail "HXF_BUS=nonsense not explained"
     ;;
+  properties)
+    # hxfd again, with plugins that fail, one that reports under another name, and a listener
+    # of PropertiesChanged on the bus before it starts.
+    kill -TERM "$hxfd_pid"
+    wait "$hxfd_pid"
+    "$python" - "$address" >"$work/changes.out" 2>"$work/changes.err" <<'PY' &
+import sys, dbus, dbus.mainloop.glib
+from gi.repository import GLib
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.bus.BusConnection(sys.argv[1])
+loop = GLib.MainLoop()
+def changed(interface, values, invalidated):
+    names = [str(p[0]) + ":" + str(p[2]) for p in values.get("Plugins", [])]
+    print("changed %s %s services=%s known=%s" % (interface, " ".join(names),
+          ",".join(values.get("Services", [])), bool(values.get("ServicesKnown"))), flush=True)
+    if len(names) == 4:
+        loop.quit()
+bus.add_signal_receiver(changed, "PropertiesChanged", "org.freedesktop.DBus.Properties",
+                        path="/org/hxf/Broker")
+bus.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                  "GetId", "", [])  # the match is in place once this returns
+print("ready", flush=True)
+GLib.timeout_add(20000, loop.quit)
+loop.run()
+PY
+    listener=$!
+    pids+=($listener)
+    await_line "$work/changes.out" 10 '^ready$'
+    "$hxfd" --address "$address" --plugin sim --plugin createfails --plugin misnamed --plugin nosuch \
+      >"$work/hxfd2.out" 2>"$work/hxfd2.err" &
+    pids+=($!)
+    await_line "$work/hxfd2.err" 20 '^hxfd: serving org.hxf.Broker$'
+    wait "$listener"
+    # One change per plugin, each with everything known so far.
+    grep -qx 'changed org.hxf.Broker1 sim:loaded services=lights,audio,climate known=True' "$work/changes.out" ||
+      fail "no PropertiesChanged after the simulator loaded"
+    grep -qx 'changed org.hxf.Broker1 sim:loaded createfails:failed misnamed:loaded nosuch:failed services=lights,audio,climate known=False' \
+      "$work/changes.out" || fail "no PropertiesChanged after the last plugin"
+    # Each failure logged with its reason, as hxf says it.
+    grep -qx "hxfd: plugin createfails failed to load: the plugin itself reported the failure (.*/libhxf-plugin-createfails.so)" "$work/hxfd2.err" ||
+      fail "the failure of createfails is not logged with its reason"
+    grep -qx "hxfd: plugin nosuch failed to load: .*/libhxf-plugin-nosuch.so does not exist" "$work/hxfd2.err" ||
+      fail "the failure of nosuch is not logged with its reason"
+    grep -qx "hxfd: plugin misnamed reported its load result under the name 'misnamed-v2'" "$work/hxfd2.err" ||
+      fail "the wrong name is not logged"
+    version=$("$hxfd" --version)
+    property() { busctl "${bus[@]}" get-property org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 "$1"; }
+    [ "$(property Version)" = "s \"${version#hxfd }\"" ] || fail "Version is $(property Version), not ${version#hxfd }"
+    property Plugins >"$work/plugins.out"
+    grep -Eqx 'a\(ssss\) 4 "sim" "a simulated home: lights, audio and climate devices \(HXF_SIM_CONFIG\)" "loaded" "" "createfails" "" "failed" "the plugin itself reported the failure \(/.*/libhxf-plugin-createfails.so\)" "misnamed" "" "loaded" "" "nosuch" "" "failed" "/.*/libhxf-plugin-nosuch.so does not exist"' \
+      "$work/plugins.out" || fail "Plugins is $(cat "$work/plugins.out")"
+    [ "$(property Services)" = 'as 3 "lights" "audio" "climate"' ] || fail "Services is $(property Services)"
+    [ "$(property ServicesKnown)" = 'b false' ] || fail "the fixture declares nothing, yet ServicesKnown is true"
+    # hxf --bus plugins lists what hxfd loaded, not the local folder.
+    "$hxf" --bus "$address" plugins >"$work/list.out" 2>"$work/list.err" || fail "hxf --bus plugins failed"
+    grep -qx 'plugins loaded by hxfd:' "$work/list.err" || fail "the listing does not say it is hxfd's"
+    grep -qx 'sim          a simulated home: lights, audio and climate devices (HXF_SIM_CONFIG)' "$work/list.out" ||
+      fail "the listing lacks the simulator"
+    grep -qx 'createfails  (no description) \[failed: the plugin itself reported the failure (/.*/libhxf-plugin-createfails.so)\]' \
+      "$work/list.out" || fail "the listing lacks the failed plugin and why"
+    [ "$(wc -l <"$work/list.out")" = 4 ] || fail "the listing is not the four plugins hxfd was given"
+    "$hxf" --bus "$address" --json plugins >"$work/list.json" 2>&1 || fail "hxf --bus --json plugins failed"
+    grep -qx '{"event":"plugin","description":null,"name":"nosuch","reason":"/.*/libhxf-plugin-nosuch.so does not exist","state":"failed"}' \
+      "$work/list.json" || fail "the JSON listing lacks nosuch"
+    # Not every loaded plugin declares its services: a search for an unknown one runs.
+    "$hxf" --bus "$address" search nosuch --timeout 300 >/dev/null 2>"$work/search.err" && fail "the search found something"
+    grep -qx 'hxf: no device offers nosuch within 300 ms (error 1: HXF_ERROR_TIMED_OUT)' "$work/search.err" ||
+      fail "the search did not run its time-out"
+    ;;
+  offered-services)
+    # hxfd's simulator declares its services: a service no plugin offers is refused at once.
+    start=$(now_ms)
+    "$hxf" --bus "$address" search nosuch --timeout 5000 >"$work/search.out" 2>"$work/search.err"
+    code=$?
+    elapsed=$(($(now_ms) - start))
+    [ "$code" = 1 ] || fail "the search exited with $code"
+    grep -qx 'hxf: no loaded plugin offers the service nosuch (offered: audio, climate, lights) (error 6: HXF_ERROR_NOT_FOUND)' \
+      "$work/search.err" || fail "the refusal does not name the offered services"
+    [ "$elapsed" -lt 2000 ] || fail "the refusal took $elapsed ms"
+    ;;
+  interface-xml)
+    # The installed interface files say what hxfd's own introspection says: the broker's
+    # object, and a session's and a search's.
+    "$python" - "$address" "$here/../../tools/hxfd" >"$work/xml.out" 2>"$work/xml.err" <<'PY' || fail "$(cat "$work/xml.out" "$work/xml.err")"
+import glob, os, sys, dbus
+import xml.etree.ElementTree as ET
+bus = dbus.bus.BusConnection(sys.argv[1])
+broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
+live = {}
+for path in ("/org/hxf/Broker", broker.Subscribe("lights"), broker.Listen("lights")):
+    xml = bus.get_object("org.hxf.Broker", path).Introspect(dbus_interface="org.freedesktop.DBus.Introspectable")
+    for interface in ET.fromstring(str(xml)).findall("interface"):
+        if interface.get("name").startswith("org.hxf."):
+            live[interface.get("name")] = interface
+def members(interface):
+    def args(node, default):
+        return [(a.get("name"), a.get("type"), a.get("direction", default)) for a in node.findall("arg")]
+    def notes(node):
+        return sorted((a.get("name"), a.get("value")) for a in node.findall("annotation"))
+    return {
+        "methods": {m.get("name"): args(m, "in") for m in interface.findall("method")},
+        "signals": {s.get("name"): args(s, "out") for s in interface.findall("signal")},
+        "properties": {p.get("name"): (p.get("type"), p.get("access"), notes(p)) for p in interface.findall("property")},
+    }
+files = {}
+for name in sorted(glob.glob(os.path.join(sys.argv[2], "org.hxf.*.xml"))):
+    for interface in ET.parse(name).getroot().findall("interface"):
+        files[interface.get("name")] = interface
+problems = []
+for name in sorted(set(live) | set(files)):
+    if name not in files:
+        problems.append("%s is served but has no interface file" % name)
+    elif name not in live:
+        problems.append("%s has a file but is not served" % name)
+    elif members(files[name]) != members(live[name]):
+        problems.append("%s differs:\n  file %s\n  live %s" % (name, members(files[name]), members(live[name])))
+for problem in problems:
+    print(problem)
+print("compared", " ".join(sorted(files)))
+sys.exit(1 if problems else 0)
+PY
+    grep -qx 'compared org.hxf.Broker1 org.hxf.Monitor1 org.hxf.Search1 org.hxf.Session1' "$work/xml.out" ||
+      fail "not every interface was compared: $(cat "$work/xml.out")"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

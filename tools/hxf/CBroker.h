@@ -41,6 +41,16 @@ class CBroker {
     (void)services;
     return false;
   }
+  // A plugin the broker was asked to load: its description, its load state ("loaded" or
+  // "failed") and why it failed.
+  struct LoadedPlugin {
+    std::string name, description, state, reason;
+  };
+  // The plugins the broker was asked to load, in load order, when it can tell (hxfd does).
+  virtual bool LoadedPlugins(std::vector<LoadedPlugin>* plugins) {
+    (void)plugins;
+    return false;
+  }
 };
 
 }  // namespace hxf_tool

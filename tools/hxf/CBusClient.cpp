@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 
@@ -254,6 +255,50 @@ int CBusClient::Monitor() {
     return CallBroker(
         "Monitor", [](sd_bus_message*) { return 0; }, nullptr);
   });
+}
+
+bool CBusClient::OfferedServices(std::vector<std::string>* services) {
+  return OnBusThread([&] {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    int known = 0;
+    char** list = nullptr;
+    int r = sd_bus_get_property_trivial(bus_, kBusName, kBrokerPath, kBrokerInterface,
+                                        "ServicesKnown", &error, 'b', &known);
+    if (r >= 0 && known != 0)
+      r = sd_bus_get_property_strv(bus_, kBusName, kBrokerPath, kBrokerInterface, "Services",
+                                   &error, &list);
+    sd_bus_error_free(&error);
+    services->clear();
+    for (char** service = list; service != nullptr && *service != nullptr; ++service) {
+      services->push_back(*service);
+      std::free(*service);
+    }
+    std::free(list);
+    return r >= 0 && known != 0 ? HXF_ERROR_NONE : HXF_ERROR_NOT_FOUND;
+  }) == HXF_ERROR_NONE;
+}
+
+bool CBusClient::LoadedPlugins(std::vector<LoadedPlugin>* plugins) {
+  return OnBusThread([&] {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    int r = sd_bus_get_property(bus_, kBusName, kBrokerPath, kBrokerInterface, "Plugins", &error,
+                                &reply, "a(ssss)");
+    if (r >= 0) r = sd_bus_message_enter_container(reply, 'a', "(ssss)");
+    while (r > 0) {
+      const char* name = nullptr;
+      const char* description = nullptr;
+      const char* state = nullptr;
+      const char* reason = nullptr;
+      r = sd_bus_message_read(reply, "(ssss)", &name, &description, &state, &reason);
+      if (r > 0) plugins->push_back({name, description, state, reason});
+    }
+    if (r >= 0) r = sd_bus_message_exit_container(reply);
+    const int code = r < 0 ? CodeOf(r, &error) : HXF_ERROR_NONE;
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    return code;
+  }) == HXF_ERROR_NONE;
 }
 
 // ---- answers and signals, on the bus thread ----

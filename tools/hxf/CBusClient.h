@@ -47,6 +47,11 @@ class CBusClient : public CBroker {
               const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
               uint64_t* transaction) override;
   int Monitor() override;
+  // From hxfd's Services property, when its ServicesKnown is true; false when hxfd has no
+  // such property (an older hxfd) or cannot tell.
+  bool OfferedServices(std::vector<std::string>* services) override;
+  // hxfd's Plugins property.
+  bool LoadedPlugins(std::vector<LoadedPlugin>* plugins) override;
 
  private:
   // A call answered later: what its answer becomes.

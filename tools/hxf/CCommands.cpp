@@ -269,7 +269,35 @@ int CCommands::Monitor(const std::string& service, const std::string& type, uint
   return completed ? kOk : Stopped();
 }
 
-int CCommands::Plugins(const COutput& out, bool all) {
+int CCommands::Plugins(const COutput& out, bool all, CBroker* broker) {
+  if (broker != nullptr) {  // what hxfd loaded, fixtures too: they are loaded
+    std::vector<CBroker::LoadedPlugin> loaded;
+    if (!broker->LoadedPlugins(&loaded)) {
+      out.Fail("hxfd does not say which plugins it loaded", HXF_ERROR_OPERATION_FAILED);
+      return kFailed;
+    }
+    if (loaded.empty()) {
+      out.Fail("hxfd loaded no plugin", HXF_ERROR_NOT_FOUND);
+      return kFailed;
+    }
+    size_t width = 0;
+    for (const CBroker::LoadedPlugin& plugin : loaded) width = std::max(width, plugin.name.size());
+    out.Note("plugins loaded by hxfd:");
+    for (const CBroker::LoadedPlugin& plugin : loaded) {
+      std::string line = plugin.name + std::string(width - plugin.name.size() + 2, ' ') +
+                         (plugin.description.empty() ? "(no description)" : plugin.description);
+      if (plugin.state != "loaded") line += " [" + plugin.state + ": " + plugin.reason + "]";
+      out.Say(line);
+      const auto text = [](const std::string& value) {
+        return value.empty() ? nlohmann::json() : nlohmann::json(value);
+      };
+      out.Emit("plugin", {{"name", plugin.name},
+                          {"description", text(plugin.description)},
+                          {"state", plugin.state},
+                          {"reason", text(plugin.reason)}});
+    }
+    return kOk;
+  }
   const std::string folder = HXF_TOOL_PLUGIN_DIR;
   std::vector<PluginInfo> shown;
   for (PluginInfo& plugin : ListPlugins(folder)) {

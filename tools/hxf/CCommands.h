@@ -30,7 +30,8 @@ class CCommands {
   int Demo();
   // Needs no plugin loaded: lists the plugins in the plugin folder with their descriptions;
   // test fixtures only with `all`.
-  static int Plugins(const COutput& out, bool all);
+  // With `broker` (hxfd), the plugins it was asked to load and how each load went instead.
+  static int Plugins(const COutput& out, bool all, CBroker* broker = nullptr);
   // The reason the "end" event gives for `exit_code`: done, timed_out, failed, usage or
   // interrupted.
   std::string EndReason(int exit_code) const;

@@ -52,7 +52,7 @@ int main(int argc, char** argv) {
   if (options.plugins.empty() && options.bus.empty()) options.plugins.push_back("sim");
   const std::string& command = options.command;
   const hxf_tool::COutput out(options.json);
-  if (command == "plugins") {
+  if (command == "plugins" && options.bus.empty()) {
     const int code = CCommands::Plugins(out, options.all);
     out.End(command, code == hxf_tool::kOk ? "done" : "failed", code);
     return code;
@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
                             options.timeout_ms);
   if (command == "watch") code = commands.Watch(options.service, options.for_ms);
   if (command == "demo") code = commands.Demo();
+  if (command == "plugins") code = CCommands::Plugins(out, options.all, &runtime.Broker());
   if (command == "monitor")
     code = commands.Monitor(options.monitor_service, options.monitor_type, options.for_ms);
   runtime.Close();

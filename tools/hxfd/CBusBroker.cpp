@@ -1,9 +1,14 @@
 #include "CBusBroker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+
+#include "CPluginInfo.h"
+#include "PluginFiles.h"
+#include "hxf_core_version.h"
 
 namespace hxfd {
 
@@ -78,6 +83,14 @@ const sd_bus_vtable kBrokerVtable[] = {
                              "a{sv}", SD_BUS_PARAM(result), &CBusBroker::OnDirectRequest,
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("Monitor", "", "", &CBusBroker::OnMonitor, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_PROPERTY("Version", "s", &CBusBroker::GetVersion, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    // name, description, load state (loaded or failed), why it failed
+    SD_BUS_PROPERTY("Plugins", "a(ssss)", &CBusBroker::GetPlugins, 0,
+                    SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_PROPERTY("Services", "as", &CBusBroker::GetServices, 0,
+                    SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_PROPERTY("ServicesKnown", "b", &CBusBroker::GetServicesKnown, 0,
+                    SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
     SD_BUS_VTABLE_END};
 
 const sd_bus_vtable kMonitorVtable[] = {
@@ -136,11 +149,71 @@ void CBusBroker::Stop() {
   tasks_.Stop();
 }
 
-void CBusBroker::PluginLoaded(const std::string& name, bool ok) {
+void CBusBroker::PluginLoaded(const std::string& name, bool ok, const std::string& reason) {
+  hxf_tool::PluginInfo info;
+  info.path = hxf_tool::PluginPath(name);
+  hxf_tool::ReadPluginInfo(info.path, &info.info);
+  Plugin plugin;
+  plugin.name = name;
+  const auto description = info.info.find("description");
+  if (description != info.info.end()) plugin.description = description->second;
+  plugin.loaded = ok;
+  plugin.reason = ok ? "" : reason;
+  plugin.services = info.Services();
+  plugins_.push_back(std::move(plugin));
+  const int r = sd_bus_emit_properties_changed(bus_, kBrokerPath, kBrokerInterface, "Plugins",
+                                               "Services", "ServicesKnown", nullptr);
+  if (r < 0)
+    std::fprintf(stderr, "hxfd: cannot announce the plugins' change: %s\n", std::strerror(-r));
   Monitor("plugin", "", "", "", 0, [&](sd_bus_message* m) {
     return sd_bus_message_append(m, "a{sv}", 2, "name", "s", name.c_str(), "loaded", "b",
                                  static_cast<int>(ok));
   });
+}
+
+// ---- Broker1's properties ----
+
+int CBusBroker::GetVersion(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                           void*, sd_bus_error*) {
+  return sd_bus_message_append(reply, "s", HXF_CORE_VERSION_STRING);
+}
+
+int CBusBroker::GetPlugins(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                           void* self, sd_bus_error*) {
+  int r = sd_bus_message_open_container(reply, 'a', "(ssss)");
+  for (const Plugin& plugin : Self(self)->plugins_) {
+    if (r >= 0)
+      r = sd_bus_message_append(reply, "(ssss)", plugin.name.c_str(), plugin.description.c_str(),
+                                plugin.loaded ? "loaded" : "failed", plugin.reason.c_str());
+  }
+  return r < 0 ? r : sd_bus_message_close_container(reply);
+}
+
+int CBusBroker::GetServices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                            void* self, sd_bus_error*) {
+  // The declared services of the plugins that are loaded, each once, in load order.
+  std::vector<std::string> services;
+  for (const Plugin& plugin : Self(self)->plugins_) {
+    if (!plugin.loaded) continue;
+    for (const std::string& service : plugin.services) {
+      if (std::find(services.begin(), services.end(), service) == services.end())
+        services.push_back(service);
+    }
+  }
+  int r = sd_bus_message_open_container(reply, 'a', "s");
+  for (const std::string& service : services) {
+    if (r >= 0) r = sd_bus_message_append(reply, "s", service.c_str());
+  }
+  return r < 0 ? r : sd_bus_message_close_container(reply);
+}
+
+int CBusBroker::GetServicesKnown(sd_bus*, const char*, const char*, const char*,
+                                 sd_bus_message* reply, void* self, sd_bus_error*) {
+  const std::vector<Plugin>& plugins = Self(self)->plugins_;
+  const bool known = std::all_of(plugins.begin(), plugins.end(), [](const Plugin& plugin) {
+    return !plugin.loaded || !plugin.services.empty();
+  });
+  return sd_bus_message_append(reply, "b", static_cast<int>(known));
 }
 
 // ---- callers ----

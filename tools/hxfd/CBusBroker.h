@@ -41,10 +41,16 @@ class CBusBroker {
   int Start();
   // Destroys every caller's client; the loop must not run any more.
   void Stop();
-  // Tells monitors that a plugin was loaded (or failed to).
-  void PluginLoaded(const std::string& name, bool ok);
+  // Records a plugin's load, or its failure and why: the Plugins and Services properties
+  // change (PropertiesChanged) and monitors hear of it.
+  void PluginLoaded(const std::string& name, bool ok, const std::string& reason = "");
 
  private:
+  struct Plugin {  // an entry of the Plugins property
+    std::string name, description, reason;
+    bool loaded = false;
+    std::vector<std::string> services;  // declared; empty: it may offer any
+  };
   struct Session {  // org.hxf.Session1
     std::string path, owner, service;
     hxf_service_session_h handle = nullptr;
@@ -117,6 +123,15 @@ class CBusBroker {
   static int OnDirectRequest(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnClose(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error* error);
+  // Broker1's properties.
+  static int GetVersion(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                        void*, sd_bus_error*);
+  static int GetPlugins(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                        void* self, sd_bus_error*);
+  static int GetServices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                         void* self, sd_bus_error*);
+  static int GetServicesKnown(sd_bus*, const char*, const char*, const char*,
+                              sd_bus_message* reply, void* self, sd_bus_error*);
 
  private:
   int StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error);
@@ -151,6 +166,7 @@ class CBusBroker {
   std::map<std::pair<std::string, std::string>, Call> lists_;  // by (caller, service)
   std::map<hxf_transaction_h, Call> requests_;
   std::set<std::string> monitors_;  // callers that asked for every event
+  std::vector<Plugin> plugins_;     // in load order
 };
 
 }  // namespace hxfd

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "CBusBroker.h"
 #include "CDaemonConfig.h"
 #include "CoreValues.h"
+#include "PluginFiles.h"
 #include "hxf_core.h"
 #include "hxf_core_version.h"
 #include "hxf_host_platform.h"
@@ -56,41 +58,86 @@ void OnLog(int priority, const char* tag, const char* text, void*) {
                *text != '\0' && text[std::strlen(text) - 1] == '\n' ? "" : "\n");
 }
 
-// Loads each plugin and waits for its load result.
-bool LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* broker) {
+// Loads each plugin and waits for its load result. A plugin that fails is logged with the
+// reason and shown as failed in the Plugins property; hxfd serves with the others.
+void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* broker) {
+  struct Result {
+    std::string name;
+    bool ok;
+    std::string reported_as;  // the name the plugin reported under, when not its own
+  };
   struct Loads {
-    std::mutex mutex;  // guards results: the core's thread adds, main waits
+    std::mutex mutex;  // guards all below: the core's and the plugins' threads add, main waits
     std::condition_variable done;
-    std::vector<std::pair<std::string, bool>> results;
+    std::vector<Result> results;
+    std::set<std::string> known;  // the names the core was asked to load
+    std::string loading;
   } loads;
   const auto loaded = [](hxf_string name, hxf_plugin_load_result_e result, void* data) {
     auto* l = static_cast<Loads*>(data);
     std::lock_guard<std::mutex> lock(l->mutex);
-    l->results.emplace_back(std::string(name.str, name.len),
-                            result == HXF_PLUGIN_LOAD_RESULT_SUCCESS);
+    l->results.push_back(
+        {std::string(name.str, name.len), result == HXF_PLUGIN_LOAD_RESULT_SUCCESS, ""});
     l->done.notify_all();
   };
+  // Loads are one at a time: a report under a name the core does not know (it drops it) is
+  // the loading plugin's.
+  const auto reported = [](const std::string& name, hxf_plugin_load_result_e result, void* data) {
+    auto* l = static_cast<Loads*>(data);
+    std::lock_guard<std::mutex> lock(l->mutex);
+    if (l->known.count(name) != 0) return;  // the core delivers it to `loaded`
+    l->results.push_back({l->loading, result == HXF_PLUGIN_LOAD_RESULT_SUCCESS, name});
+    l->done.notify_all();
+  };
+  const auto failed = [&](const std::string& plugin, const std::string& reason) {
+    std::fprintf(stderr, "hxfd: plugin %s failed to load: %s\n", plugin.c_str(), reason.c_str());
+    broker->PluginLoaded(plugin, false, reason);
+  };
+  hxf_tool::WatchLoadReports(reported, &loads);
   for (const std::string& plugin : plugins) {
-    const size_t before = loads.results.size();
-    if (hxf_core_plugin_load(hxf_string{plugin.c_str(), static_cast<uint32_t>(plugin.size())},
-                             loaded, &loads) != HXF_ERROR_NONE) {
-      std::fprintf(stderr, "hxfd: cannot load plugin %s\n", plugin.c_str());
-      return false;
+    size_t before = 0;
+    {
+      std::lock_guard<std::mutex> lock(loads.mutex);
+      loads.loading = plugin;
+      loads.known.insert(plugin);
+      before = loads.results.size();
     }
-    std::unique_lock<std::mutex> lock(loads.mutex);
-    if (!loads.done.wait_for(lock, std::chrono::seconds(10),
-                             [&] { return loads.results.size() > before; })) {
-      std::fprintf(stderr, "hxfd: plugin %s did not report its load in 10 s\n", plugin.c_str());
-      return false;
+    const hxf_error_e refused =
+        hxf_core_plugin_load(hxf_string{plugin.c_str(), static_cast<uint32_t>(plugin.size())},
+                             loaded, &loads);
+    if (refused != HXF_ERROR_NONE) {
+      failed(plugin, refused == HXF_ERROR_OPERATION_FAILED ? "load refused: it is already loaded"
+                                                           : "load refused");
+      continue;
     }
-    const bool ok = loads.results.back().second;
-    broker->PluginLoaded(plugin, ok);
-    if (!ok) {
-      std::fprintf(stderr, "hxfd: plugin %s failed to load\n", plugin.c_str());
-      return false;
+    Result result;
+    {
+      std::unique_lock<std::mutex> lock(loads.mutex);
+      const auto mine = [&] {
+        for (size_t i = before; i < loads.results.size(); ++i) {
+          if (loads.results[i].name == plugin) {
+            result = loads.results[i];
+            return true;
+          }
+        }
+        return false;
+      };
+      if (!loads.done.wait_for(lock, std::chrono::seconds(10), mine)) {
+        lock.unlock();
+        failed(plugin, "no load result within 10 s");
+        continue;
+      }
+    }
+    if (!result.reported_as.empty())
+      std::fprintf(stderr, "hxfd: plugin %s reported its load result under the name '%s'\n",
+                   plugin.c_str(), result.reported_as.c_str());
+    if (result.ok) {
+      broker->PluginLoaded(plugin, true);
+    } else {
+      failed(plugin, hxf_tool::LoadFailureReason(plugin));
     }
   }
-  return true;
+  hxf_tool::WatchLoadReports(nullptr, nullptr);
 }
 
 }  // namespace
@@ -146,9 +193,8 @@ int main(int argc, char** argv) {
                                   "the system bus, root and the user hxf may: org.hxf.Broker.conf)"
                                 : "");
       code = 1;
-    } else if (!LoadPlugins(options.plugins, &broker)) {
-      code = 1;
     } else {
+      LoadPlugins(options.plugins, &broker);
       std::fprintf(stderr, "hxfd: serving %s\n", hxf_tool::kBusName);
       r = sd_event_loop(event);
       if (r < 0) {

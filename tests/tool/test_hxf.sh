@@ -463,7 +463,7 @@ JSON
     for command in listen watch; do
       "$hxf" "$command" lights --for 0 >"$out" 2>"$err" &
       pid=$!
-      for _ in $(seq 1 100); do grep -q "(Ctrl-C stops)" "$err" && break; sleep 0.05; done
+      for _ in $(seq 1 300); do grep -q "(Ctrl-C stops)" "$err" && break; sleep 0.05; done
       grep -q "^\(listening to\|watching\) lights (Ctrl-C stops)$" "$err" || { kill -9 $pid; fail "$command --for 0 is not unlimited"; }
       kill -INT $pid
       wait $pid

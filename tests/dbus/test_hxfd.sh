@@ -259,7 +259,8 @@ PY
       fail "the listen did not say the broker left"
     # No hxfd now: a command says so and fails.
     "$hxf" --bus "$address" search lights >"$work/none.out" 2>"$work/none.err" && fail "a search without hxfd succeeded"
-    grep -q "^hxf: no hxfd on the bus $address: " "$work/none.err" || fail "no reason given without hxfd"
+    grep -qxF "hxf: hxfd is not running on the bus $address (start it: hxfd --address $address &)" "$work/none.err" ||
+      fail "no reason given without hxfd"
     ;;
   unsigned-above-int64)
     # The core's integers are signed: an unsigned one within their range is taken, one above
@@ -425,6 +426,86 @@ sys.exit(1 if problems else 0)
 PY
     grep -qx 'compared org.hxf.Broker1 org.hxf.Monitor1 org.hxf.Search1 org.hxf.Session1' "$work/xml.out" ||
       fail "not every interface was compared: $(cat "$work/xml.out")"
+    ;;
+  bus-no-session)
+    # Neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR: sd-bus said "No medium found".
+    no_session="no session bus: DBUS_SESSION_BUS_ADDRESS is not set (run inside a desktop session, start one with dbus-run-session, or name a bus by its address)"
+    env -u DBUS_SESSION_BUS_ADDRESS -u XDG_RUNTIME_DIR "$hxf" --bus session search lights \
+      >"$work/tool.out" 2>"$work/tool.err"
+    code=$?
+    [ "$code" = 1 ] || fail "hxf without a session bus exited with $code, not 1"
+    grep -qxF "hxf: $no_session" "$work/tool.err" || fail "hxf did not say there is no session bus"
+    env -u DBUS_SESSION_BUS_ADDRESS -u XDG_RUNTIME_DIR timeout 10 "$hxfd" >"$work/second.out" 2>"$work/second.err"
+    code=$?
+    [ "$code" = 1 ] || fail "hxfd without a session bus exited with $code, not 1"
+    grep -qxF "hxfd: $no_session" "$work/second.err" || fail "hxfd did not say there is no session bus"
+    # The variable names a bus that is not there.
+    DBUS_SESSION_BUS_ADDRESS=unix:path=$work/gone "$hxf" --bus session search lights \
+      >"$work/tool.out" 2>"$work/tool.err" && fail "a search on a missing session bus succeeded"
+    grep -qxF "hxf: no session bus at unix:path=$work/gone (DBUS_SESSION_BUS_ADDRESS): the socket does not exist (is a dbus-daemon running there?)" \
+      "$work/tool.err" || fail "the missing session bus was not named"
+    ;;
+  bus-no-daemon)
+    # No socket at the address ("No such file or directory"), then a socket nobody accepts on.
+    "$hxf" --bus "unix:path=$work/none" search lights >"$work/tool.out" 2>"$work/tool.err"
+    code=$?
+    [ "$code" = 1 ] || fail "hxf on a missing bus exited with $code, not 1"
+    grep -qxF "hxf: no bus at unix:path=$work/none: the socket does not exist (is a dbus-daemon running there?)" \
+      "$work/tool.err" || fail "hxf did not say the socket is missing"
+    timeout 10 "$hxfd" --address "unix:path=$work/none" >"$work/second.out" 2>"$work/second.err" &&
+      fail "hxfd served a missing bus"
+    grep -qxF "hxfd: no bus at unix:path=$work/none: the socket does not exist (is a dbus-daemon running there?)" \
+      "$work/second.err" || fail "hxfd did not say the socket is missing"
+    "$python" -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind(sys.argv[1])' "$work/deaf" ||
+      fail "cannot make a socket"
+    "$hxf" --bus "unix:path=$work/deaf" search lights >"$work/tool.out" 2>"$work/tool.err" &&
+      fail "a search on a deaf socket succeeded"
+    grep -qxF "hxf: no bus at unix:path=$work/deaf: the connection was refused (is a dbus-daemon running there?)" \
+      "$work/tool.err" || fail "hxf did not say the connection was refused"
+    ;;
+  bus-no-hxfd)
+    # A second private bus where nobody serves org.hxf.Broker and nothing is activatable.
+    write_bus_conf "$work/empty.conf" "$work/empty"
+    dbus-daemon --config-file="$work/empty.conf" --nofork --print-address=3 3>"$work/empty.address" \
+      2>"$work/empty-daemon.err" &
+    pids+=($!)
+    await_line "$work/empty.address" 10 '^unix:'
+    empty=unix:path=$work/empty
+    "$hxf" --bus "$empty" devices lights >"$work/tool.out" 2>"$work/tool.err"
+    code=$?
+    [ "$code" = 1 ] || fail "hxf without hxfd exited with $code, not 1"
+    grep -qxF "hxf: hxfd is not running on the bus $empty (start it: hxfd --address $empty &)" "$work/tool.err" ||
+      fail "hxf did not say hxfd is not running"
+    DBUS_SESSION_BUS_ADDRESS=$empty "$hxf" --bus session devices lights >"$work/tool.out" 2>"$work/tool.err"
+    grep -qxF "hxf: hxfd is not running on the bus session (start it: hxfd &)" "$work/tool.err" ||
+      fail "hxf did not say how to start hxfd on the session bus"
+    ;;
+  bus-access-denied)
+    # A bus whose policy lets nobody call org.hxf.Broker: hxfd serves it, hxf may not call it.
+    sed 's|<allow send_destination="\*"/>|<allow send_destination="*"/><deny send_destination="org.hxf.Broker"/>|' \
+      "$work/bus.conf" | sed "s|$work/bus|$work/strict|" >"$work/strict.conf"
+    dbus-daemon --config-file="$work/strict.conf" --nofork --print-address=3 3>"$work/strict.address" \
+      2>"$work/strict-daemon.err" &
+    pids+=($!)
+    await_line "$work/strict.address" 10 '^unix:'
+    strict=unix:path=$work/strict
+    "$hxfd" --address "$strict" >"$work/strict-hxfd.out" 2>"$work/strict-hxfd.err" &
+    pids+=($!)
+    await_line "$work/strict-hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'
+    "$hxf" --bus "$strict" devices lights >"$work/tool.out" 2>"$work/tool.err"
+    code=$?
+    [ "$code" = 1 ] || fail "hxf refused by the policy exited with $code, not 1"
+    grep -q "^hxf: hxfd on the bus $strict: the bus's policy does not let this user call hxfd: " "$work/tool.err" ||
+      fail "hxf did not say the policy refused the call"
+    ;;
+  hxfd-twice)
+    # A second hxfd on a bus one already serves: sd-bus said "File exists".
+    timeout 10 "$hxfd" --address "$address" >"$work/second.out" 2>"$work/second.err"
+    code=$?
+    [ "$code" = 1 ] || fail "the second hxfd exited with $code, not 1"
+    grep -qxF "hxfd: cannot serve org.hxf.Broker: another hxfd already serves it on this bus" "$work/second.err" ||
+      fail "the second hxfd did not say the name is taken"
+    "$hxf" --bus "$address" devices lights >"$work/tool.out" 2>"$work/tool.err" || fail "the first hxfd stopped serving"
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

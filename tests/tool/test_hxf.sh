@@ -17,6 +17,9 @@ expect_err() { grep -q -- "$1" "$err" || fail "stderr lacks: $1"; }
 expect_out_exactly() { grep -qF -- "$1" "$out" || fail "stdout lacks the text: $1"; }
 expect_no_out() { [ -s "$out" ] && fail "stdout should be empty"; return 0; }
 expect_last() { [ "$(tail -n 1 "$out")" = "$1" ] || fail "the last line is not: $1"; }
+# A log line begins with its local time to the millisecond; then the priority letter and tag.
+log_stamp='[0-2][0-9]:[0-5][0-9]:[0-5][0-9]\.[0-9][0-9][0-9]'  # basic and extended regex alike
+log_line="^$log_stamp [VDIWEF] [A-Z][A-Z0-9_]*: "
 # Every line of stdout is one JSON object with an "event" first.
 expect_json_lines() {
   python3 -c 'import json,sys
@@ -139,7 +142,7 @@ JSON
       printf '%s\n' "$1" >"$work/c.json"
       code=$(HXF_SIM_CONFIG="$work/c.json" run search x --timeout 300)
       expect_code "$code" 1
-      expect_err "^HXF_SIM: sim: bad configuration $work/c.json:$2\$"
+      expect_err "^$log_stamp E HXF_SIM: sim: bad configuration $work/c.json:$2\$"
     }
     config_error '{"devices": [
   {"id": "a", "service": "x"},
@@ -302,7 +305,7 @@ JSON
   log-level-env)
     code=$(HXF_LOG_LEVEL=info run search lights --timeout 300)
     expect_code "$code" 0
-    expect_err "^HXF_FW: .*hxf_core_initialize Entered"
+    expect_err "^$log_stamp E HXF_FW: .*hxf_core_initialize Entered\$"
     code=$(HXF_LOG_LEVEL=loud run search lights --timeout 300)
     expect_code "$code" 2
     expect_err "^hxf: HXF_LOG_LEVEL must be debug, info or error, not 'loud'$"
@@ -553,6 +556,37 @@ JSON
     # "*" is every service: offered whenever anything is.
     code=$(run search '*' --timeout 1000)
     expect_code "$code" 0
+    ;;
+  log-level-error)
+    # The core writes a line at error priority for every call into it: those show, nothing
+    # below error, each line in the log format.
+    code=$(run --log-level error request lights get device=lamp-1)
+    expect_code "$code" 0
+    expect_out "^  brightness  70$"
+    grep -v '^get on lights: ok$' "$err" | grep -Ev "^$log_stamp E [A-Z][A-Z0-9_]*: " &&
+      fail "a line below error priority, or not in the log format"
+    grep -Eq "^$log_stamp E HXF_FW: hxf_core_export : hxf_core_initialize\([0-9]+\)  hxf_core_initialize Entered$" "$err" ||
+      fail "the core's error line not shown as it is written"
+    ;;
+  log-level-debug)
+    code=$(run --log-level debug request lights get device=lamp-1)
+    expect_code "$code" 0
+    grep -v '^get on lights: ok$' "$err" | grep -Ev "$log_line" && fail "a line not in the log format"
+    for shown in "D HXF_TPL_CONTEXT" "I HXF_FW" "E HXF_FW" "I HXF_SIM"; do
+      grep -Eq "^$log_stamp $shown: " "$err" || fail "no line '$shown' with --log-level debug"
+    done
+    code=$(run --log-level info request lights get device=lamp-1)
+    expect_code "$code" 0
+    grep -Eq "^$log_stamp D " "$err" && fail "a debug line with --log-level info"
+    grep -Eq "^$log_stamp I HXF_FW: " "$err" || fail "no info line with --log-level info"
+    ;;
+  log-plugin-error-without-level)
+    # Without --log-level the core is silent, but a plugin's error says why it did not load.
+    printf '{"devices": [{"id": "x", "service": "s",}]}\n' >"$work/bad.json"
+    code=$(HXF_SIM_CONFIG="$work/bad.json" run search s --timeout 300)
+    expect_code "$code" 1
+    expect_err "^$log_stamp E HXF_SIM: sim: bad configuration $work/bad.json:1: "
+    grep -Eq "HXF_FW|HXF_TPL_CONTEXT" "$err" && fail "the core's log shown without being asked for"
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

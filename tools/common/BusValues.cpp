@@ -1,7 +1,10 @@
 #include "BusValues.h"
 
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -10,19 +13,34 @@ namespace hxf_tool {
 
 namespace {
 
-constexpr std::pair<int, const char*> kErrorNames[] = {
-    {HXF_ERROR_TIMED_OUT, "org.hxf.Error.TimedOut"},
-    {HXF_ERROR_CREATE_FAILED, "org.hxf.Error.CreateFailed"},
-    {HXF_ERROR_INVALID_PARAMETER, "org.hxf.Error.InvalidParameter"},
-    {HXF_ERROR_OUT_OF_MEMORY, "org.hxf.Error.OutOfMemory"},
-    {HXF_ERROR_NOT_FOUND, "org.hxf.Error.NotFound"},
-    {HXF_ERROR_TYPE_MISMATCH, "org.hxf.Error.TypeMismatch"},
-    {HXF_ERROR_INVALID_HANDLE, "org.hxf.Error.InvalidHandle"},
-    {HXF_ERROR_INVALID_CLIENT, "org.hxf.Error.InvalidClient"},
-    {HXF_ERROR_INVALID_TRANSACTION, "org.hxf.Error.InvalidTransaction"},
-    {HXF_ERROR_INVALID_SERVICE_NAME, "org.hxf.Error.InvalidServiceName"},
-    {HXF_ERROR_OPERATION_FAILED, "org.hxf.Error.OperationFailed"},
-};
+// "org.hxf.Error.TimedOut" for HXF_ERROR_TIMED_OUT: the part after HXF_ERROR_, CamelCased.
+std::string BusErrorName(const char* code_name) {
+  std::string name = "org.hxf.Error.";
+  bool word_start = true;
+  for (const char* c = code_name + std::strlen("HXF_ERROR_"); *c != '\0'; ++c) {
+    if (*c == '_') {
+      word_start = true;
+      continue;
+    }
+    name += word_start ? *c : static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+    word_start = false;
+  }
+  return name;
+}
+
+// The broker's error names by code, made once from the common library's names; empty for
+// HXF_ERROR_NONE (no error) and for numbers that are no code.
+const std::array<std::string, kCodeRange>& BusErrorNames() {
+  static const std::array<std::string, kCodeRange> names = [] {
+    std::array<std::string, kCodeRange> made;
+    for (int code = 0; code < kCodeRange; ++code) {
+      const char* name = CodeName(code);
+      if (name != nullptr && code != HXF_ERROR_NONE) made[code] = BusErrorName(name);
+    }
+    return made;
+  }();
+  return names;
+}
 
 // Reads one basic value of D-Bus type `type` (the variant's contents) as JSON. Every integer
 // becomes a signed 64-bit one, as the core carries it; an unsigned one above that range is
@@ -133,15 +151,15 @@ int ReadEntries(sd_bus_message* m, std::vector<PropertyValue>* properties, std::
 }  // namespace
 
 const char* ErrorName(int code) {
-  for (const auto& [known, name] : kErrorNames) {
-    if (known == code) return name;
-  }
-  return "org.hxf.Error.OperationFailed";
+  const auto& names = BusErrorNames();
+  if (code >= 0 && code < kCodeRange && !names[code].empty()) return names[code].c_str();
+  return names[HXF_ERROR_OPERATION_FAILED].c_str();
 }
 
 int ErrorCode(const char* name) {
-  for (const auto& [code, known] : kErrorNames) {
-    if (name != nullptr && std::strcmp(known, name) == 0) return code;
+  const auto& names = BusErrorNames();
+  for (int code = 0; name != nullptr && code < kCodeRange; ++code) {
+    if (!names[code].empty() && names[code] == name) return code;
   }
   return HXF_ERROR_OPERATION_FAILED;
 }
@@ -235,6 +253,61 @@ int ConnectBus(const std::string& where, sd_bus** bus) {
   if (r >= 0) r = sd_bus_start(*bus);
   if (r < 0) *bus = sd_bus_unref(*bus);
   return r;
+}
+
+namespace {
+
+std::string Variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// What sd-bus's error `r` means at a bus's address, with what to check.
+std::string AddressProblem(int r) {
+  switch (-r) {
+    case ENOENT:
+      return "the socket does not exist (is a dbus-daemon running there?)";
+    case ECONNREFUSED:
+      return "the connection was refused (is a dbus-daemon running there?)";
+    case EACCES:
+    case EPERM:
+      return "permission denied (this user may not open the bus's socket, or the bus does not "
+             "let this user in)";
+    case EINVAL:
+      return "not a D-Bus address (unix:path=FILE, unix:abstract=NAME or tcp:host=HOST,port=PORT)";
+    case ECONNRESET:
+    case ECONNABORTED:
+    case EPIPE:
+      return "the bus closed the connection before it was set up (is it a dbus-daemon?)";
+    case ETIMEDOUT:
+      return "the bus did not answer";
+    default:
+      return std::strerror(-r);
+  }
+}
+
+}  // namespace
+
+std::string ConnectFailure(const std::string& where, int r) {
+  if (where == "session") {
+    // sd-bus's own order: the variable, else the socket in XDG_RUNTIME_DIR, else nothing
+    // (ENOMEDIUM, "No medium found").
+    const std::string address = Variable("DBUS_SESSION_BUS_ADDRESS");
+    if (!address.empty())
+      return "no session bus at " + address + " (DBUS_SESSION_BUS_ADDRESS): " + AddressProblem(r);
+    const std::string runtime = Variable("XDG_RUNTIME_DIR");
+    if (runtime.empty() || r == -ENOMEDIUM)
+      return "no session bus: DBUS_SESSION_BUS_ADDRESS is not set (run inside a desktop session, "
+             "start one with dbus-run-session, or name a bus by its address)";
+    return "no session bus: DBUS_SESSION_BUS_ADDRESS is not set, and at unix:path=" + runtime +
+           "/bus " + AddressProblem(r);
+  }
+  if (where == "system") {
+    std::string address = Variable("DBUS_SYSTEM_BUS_ADDRESS");
+    if (address.empty()) address = "unix:path=/run/dbus/system_bus_socket";
+    return "no system bus at " + address + ": " + AddressProblem(r);
+  }
+  return "no bus at " + where + ": " + AddressProblem(r);
 }
 
 }  // namespace hxf_tool

@@ -25,10 +25,15 @@ constexpr const char* kSearchInterface = "org.hxf.Search1";
 constexpr const char* kSessionInterface = "org.hxf.Session1";
 constexpr const char* kMonitorInterface = "org.hxf.Monitor1";
 
-// The D-Bus error name of a core error code ("org.hxf.Error.TimedOut"), and back: a name
-// that is not the broker's is HXF_ERROR_OPERATION_FAILED.
+// The D-Bus error name of a core error code, made from its name in the common library
+// (HXF_ERROR_TIMED_OUT: "org.hxf.Error.TimedOut"), and back. HXF_ERROR_NONE and a number that
+// is no code are sent as org.hxf.Error.OperationFailed; a name that is not the broker's reads
+// as HXF_ERROR_OPERATION_FAILED.
 const char* ErrorName(int code);
 int ErrorCode(const char* name);
+// hxfd's one error name of its own, for a search, listen or device list the caller already
+// has under way; it has no core code (read back, it is HXF_ERROR_OPERATION_FAILED).
+constexpr const char* kErrorInProgress = "org.hxf.Error.InProgress";
 
 // The writers refuse with -EINVAL a text holding a NUL (D-Bus would cut it there) and, like
 // sd-bus, one that is not UTF-8; a value that is no boolean, number or text likewise.
@@ -44,5 +49,9 @@ int ReadProperties(sd_bus_message* m, std::vector<PropertyValue>* properties, st
 
 // Connects to `where`: "session", "system" or a D-Bus address ("unix:path=...").
 int ConnectBus(const std::string& where, sd_bus** bus);
+// Why ConnectBus(where) failed with `r`, in words and with what to do, for example "no
+// session bus: DBUS_SESSION_BUS_ADDRESS is not set (...)". Reads the environment as sd-bus
+// does to name the address it tried.
+std::string ConnectFailure(const std::string& where, int r);
 
 }  // namespace hxf_tool

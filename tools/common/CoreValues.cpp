@@ -1,6 +1,8 @@
 #include "CoreValues.h"
 
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "hxf_host_platform.h"
 
@@ -80,8 +82,12 @@ bool IsArrival(const Device& device) {
   return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos;
 }
 
+const char* CodeName(int code) {
+  return code >= 0 && code < kCodeRange ? hxf_error_name(static_cast<hxf_error>(code)) : nullptr;
+}
+
 int LogThreshold(const std::string& level) {
-  if (level == "debug") return DLOG_DEBUG;
+  if (level == "debug") return DLOG_UNKNOWN;  // every line, whatever its priority
   if (level == "info") return DLOG_INFO;
   if (level == "error") return DLOG_ERROR;
   return DLOG_SILENT;
@@ -91,6 +97,27 @@ bool ShowLogLine(int priority, const char* tag, int threshold) {
   const bool core_line =
       std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
   return priority >= threshold || (!core_line && priority >= DLOG_ERROR);
+}
+
+std::string LogLine(int priority, const char* tag, const char* text,
+                    std::chrono::system_clock::time_point when) {
+  // The platform's own letters: verbose and anything unknown are V.
+  const char letter = priority == DLOG_DEBUG ? 'D'
+                      : priority == DLOG_INFO  ? 'I'
+                      : priority == DLOG_WARN  ? 'W'
+                      : priority == DLOG_ERROR ? 'E'
+                      : priority == DLOG_FATAL ? 'F'
+                                               : 'V';
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch());
+  const time_t seconds = static_cast<time_t>(ms.count() / 1000);
+  tm local{};
+  localtime_r(&seconds, &local);
+  char stamp[32];
+  std::snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03d %c ", local.tm_hour, local.tm_min,
+                local.tm_sec, static_cast<int>(ms.count() % 1000), letter);
+  std::string line = std::string(stamp) + tag + ": " + text;
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  return line;
 }
 
 }  // namespace hxf_tool

@@ -2,6 +2,7 @@
 // no handle outlives it. Shared by the hxf tool and the hxfd daemon.
 #pragma once
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -31,10 +32,22 @@ hxf_property_list_h MakeList(const std::string& name, const std::vector<Property
 bool IsDeparture(const Device& device);
 bool IsArrival(const Device& device);
 
-// The platform log priority that `level` (debug, info, error, or empty for none) shows from.
+// The name of a core error code ("HXF_ERROR_TIMED_OUT"), as the common library gives it; null
+// for a number that is no code (a plugin may pass any number through).
+const char* CodeName(int code);
+// Every number below this may be an error code: hxf_error_e's values fit in four bits, and
+// only those may be made into one in C++.
+constexpr int kCodeRange = 16;
+
+// The platform log priority that `level` shows from: debug every line, info, error; empty
+// none.
 int LogThreshold(const std::string& level);
 // Whether a log line is shown: the core's own lines from the threshold up; a plugin's error
 // lines always, so that a failed load says why.
 bool ShowLogLine(int priority, const char* tag, int threshold);
+// A log line as hxf and hxfd show it, without a newline: "12:34:56.789 E HXF_FW: text", the
+// local time `when` to the millisecond, the priority's letter (V D I W E F) and the tag.
+std::string LogLine(int priority, const char* tag, const char* text,
+                    std::chrono::system_clock::time_point when);
 
 }  // namespace hxf_tool

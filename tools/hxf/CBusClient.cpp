@@ -24,12 +24,44 @@ std::string Text(const char* text) {
   return text != nullptr ? text : "";
 }
 
+// How hxfd is started on `where`.
+std::string StartHint(const std::string& where) {
+  if (where == "session") return "hxfd &";
+  if (where == "system") return "systemctl start hxfd";
+  return "hxfd --address " + where + " &";
+}
+
+// A failure of the bus itself (not an answer of hxfd) in words.
+std::string BusProblem(int r, const sd_bus_error& error) {
+  if (sd_bus_error_has_names(&error, SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER))
+    return "hxfd is not running on the bus";
+  if (sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED))
+    return "the bus's policy does not let this user call hxfd: " + Text(error.message);
+  if (sd_bus_error_is_set(&error) &&
+      std::strncmp(error.name, "org.freedesktop.DBus.Error.Spawn.", 33) == 0)
+    return "the bus could not start hxfd: " + Text(error.message);
+  if (sd_bus_error_has_names(&error, SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_TIMEOUT) ||
+      r == -ETIMEDOUT)
+    return "hxfd did not answer in time";
+  if (r == -ECONNRESET || r == -ENOTCONN || sd_bus_error_has_name(&error, SD_BUS_ERROR_DISCONNECTED))
+    return "the bus closed the connection";
+  if (sd_bus_error_is_set(&error)) return Text(error.name) + ": " + Text(error.message);
+  return std::strerror(-r);
+}
+
+// Why hxfd on `where` did not answer its first call, with what to do.
+std::string BrokerUnreachable(const std::string& where, int r, const sd_bus_error& error) {
+  if (sd_bus_error_has_names(&error, SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER))
+    return "hxfd is not running on the bus " + where + " (start it: " + StartHint(where) + ")";
+  return "hxfd on the bus " + where + ": " + BusProblem(r, error);
+}
+
 }  // namespace
 
 bool CBusClient::Open(const std::string& where) {
   int r = ConnectBus(where, &bus_);
   if (r < 0) {
-    out_.Fail("cannot connect to the bus " + where + ": " + std::strerror(-r));
+    out_.Fail(ConnectFailure(where, r));
     return false;
   }
   sd_bus_set_method_call_timeout(bus_, kCallTimeoutUs);
@@ -37,8 +69,7 @@ bool CBusClient::Open(const std::string& where) {
   r = sd_bus_call_method(bus_, kBusName, kBrokerPath, "org.freedesktop.DBus.Peer", "Ping", &error,
                          nullptr, "");
   if (r < 0) {
-    out_.Fail(std::string("no hxfd on the bus ") + where + ": " +
-              (error.message != nullptr ? error.message : std::strerror(-r)));
+    out_.Fail(BrokerUnreachable(where, r, error));
     sd_bus_error_free(&error);
     return false;
   }
@@ -111,13 +142,11 @@ int CBusClient::OnBusThread(const std::function<int()>& call) {
 }
 
 int CBusClient::CodeOf(int r, const sd_bus_error* error) const {
-  if (error != nullptr && sd_bus_error_is_set(error)) {
-    const std::string name = error->name;
-    if (name.rfind("org.hxf.Error.", 0) == 0) return ErrorCode(error->name);
-    out_.Log("hxf: D-Bus: " + name + ": " + Text(error->message));
-  } else {
-    out_.Log(std::string("hxf: D-Bus: ") + std::strerror(-r));
-  }
+  const sd_bus_error none = SD_BUS_ERROR_NULL;
+  const sd_bus_error& e = error != nullptr ? *error : none;
+  if (sd_bus_error_is_set(&e) && std::strncmp(e.name, "org.hxf.Error.", 14) == 0)
+    return ErrorCode(e.name);
+  out_.Log("hxf: D-Bus: " + BusProblem(r, e));
   return HXF_ERROR_OPERATION_FAILED;
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <iterator>
 
 namespace hxf_tool {
 
@@ -14,38 +13,18 @@ namespace {
 // Erases the line the cursor is on and returns to its start.
 constexpr char kEraseLine[] = "\r\033[K";
 
-const char* const kCodeNames[] = {"HXF_ERROR_NONE",
-                                  "HXF_ERROR_TIMED_OUT",
-                                  "HXF_ERROR_OPERATION_FAILED",
-                                  "HXF_ERROR_CREATE_FAILED",
-                                  "HXF_ERROR_INVALID_PARAMETER",
-                                  "HXF_ERROR_OUT_OF_MEMORY",
-                                  "HXF_ERROR_NOT_FOUND",
-                                  "HXF_ERROR_TYPE_MISMATCH",
-                                  nullptr,
-                                  nullptr,
-                                  "HXF_ERROR_INVALID_HANDLE",
-                                  nullptr,
-                                  "HXF_ERROR_INVALID_CLIENT",
-                                  "HXF_ERROR_INVALID_TRANSACTION",
-                                  "HXF_ERROR_INVALID_SERVICE_NAME"};
-
-const char* NameOf(int code) {
-  return code >= 0 && code < static_cast<int>(std::size(kCodeNames)) ? kCodeNames[code] : nullptr;
-}
-
 }  // namespace
 
 COutput::COutput(bool json)
     : json_(json), stderr_tty_(isatty(STDERR_FILENO) == 1), countdown_(!json && stderr_tty_) {}
 
 std::string COutput::Code(int code) {
-  const char* name = NameOf(code);
+  const char* name = hxf_tool::CodeName(code);
   return "error " + std::to_string(code) + (name != nullptr ? std::string(": ") + name : "");
 }
 
 nlohmann::json COutput::CodeName(int code) {
-  const char* name = NameOf(code);
+  const char* name = hxf_tool::CodeName(code);
   return name != nullptr ? nlohmann::json(name) : nlohmann::json();
 }
 

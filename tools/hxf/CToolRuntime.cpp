@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <chrono>
 #include <ctime>
 
 #include "CCoreBroker.h"
@@ -30,9 +31,7 @@ sigset_t StopSignals() {
 
 void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* self) {
   if (!ShowLogLine(priority, tag, Self(self)->log_threshold_)) return;
-  std::string line = std::string(tag) + ": " + text;
-  if (!line.empty() && line.back() == '\n') line.pop_back();
-  Self(self)->out_.Log(line);
+  Self(self)->out_.Log(LogLine(priority, tag, text, std::chrono::system_clock::now()));
 }
 
 CToolRuntime::CToolRuntime(const std::string& log_level, const COutput& out)

@@ -19,8 +19,9 @@ class CToolRuntime {
  public:
   // Blocks SIGINT and SIGTERM in every thread and takes them on a thread of its own, so that
   // Ctrl-C becomes an event. Call before any other thread exists. `log_level` (debug, info,
-  // error or empty) chooses which of the core's log lines reach stderr; a plugin's own
-  // error lines always do, so that a failed load says why.
+  // error or empty) chooses which of the core's log lines reach stderr, each with its time,
+  // priority and tag (LogLine); a plugin's own error lines always do, so that a failed load
+  // says why.
   // Failures and log lines go to `out`, which must outlive the runtime.
   CToolRuntime(const std::string& log_level, const COutput& out);
   ~CToolRuntime();

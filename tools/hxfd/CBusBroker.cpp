@@ -221,7 +221,7 @@ int CBusBroker::GetServicesKnown(sd_bus*, const char*, const char*, const char*,
 CBusBroker::Caller* CBusBroker::CallerOf(sd_bus_message* message, sd_bus_error* error) {
   const char* sender = sd_bus_message_get_sender(message);
   if (sender == nullptr) {
-    Refuse(error, "org.hxf.Error.InvalidClient", "the call has no sender");
+    Refuse(error, ErrorName(HXF_ERROR_INVALID_CLIENT), "the call has no sender");
     return nullptr;
   }
   auto found = callers_.find(sender);
@@ -229,7 +229,7 @@ CBusBroker::Caller* CBusBroker::CallerOf(sd_bus_message* message, sd_bus_error* 
   Caller caller;
   caller.client = hxf_core_client_create(View(sender));
   if (caller.client == nullptr) {
-    Refuse(error, "org.hxf.Error.CreateFailed", std::string("no client for ") + sender);
+    Refuse(error, ErrorName(HXF_ERROR_CREATE_FAILED), std::string("no client for ") + sender);
     return nullptr;
   }
   // The client lives as long as the caller's name: when it leaves the bus, the client goes.
@@ -242,7 +242,7 @@ CBusBroker::Caller* CBusBroker::CallerOf(sd_bus_message* message, sd_bus_error* 
       sd_bus_add_match(bus_, &caller.gone, rule.c_str(), &CBusBroker::OnNameOwnerChanged, this);
   if (r < 0) {
     hxf_core_client_destroy(caller.client);
-    Refuse(error, "org.hxf.Error.OperationFailed",
+    Refuse(error, ErrorName(HXF_ERROR_OPERATION_FAILED),
            std::string("cannot follow ") + sender + ": " + std::strerror(-r));
     return nullptr;
   }
@@ -386,7 +386,7 @@ int CBusBroker::StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error) 
   const std::string owner = sd_bus_message_get_sender(m);
   for (const auto& [path, watch] : watches_) {
     if (watch->owner == owner && watch->service == service && watch->listen == listen)
-      return Refuse(error, "org.hxf.Error.InProgress",
+      return Refuse(error, hxf_tool::kErrorInProgress,
                     std::string(listen ? "already listening to " : "already searching ") + service +
                         " (" + path + ")");
   }
@@ -449,7 +449,7 @@ int CBusBroker::OnGetDevices(sd_bus_message* m, void* self, sd_bus_error* error)
   if (caller == nullptr) return -EINVAL;
   const std::pair<std::string, std::string> key{sd_bus_message_get_sender(m), service};
   if (broker->lists_.count(key) != 0)
-    return Refuse(error, "org.hxf.Error.InProgress",
+    return Refuse(error, hxf_tool::kErrorInProgress,
                   std::string("a device list of ") + service + " is already on its way");
   const hxf_error_e asked = hxf_core_client_get_device_list(caller->client, View(key.second),
                                                             &CBusBroker::OnList, timeout_ms, self);

@@ -54,8 +54,10 @@ bool ApplyConfig(const CLI::App& app, Options* options) {
 // The log lines chosen by --log-level (and a plugin's errors) on stderr.
 void OnLog(int priority, const char* tag, const char* text, void*) {
   if (!hxf_tool::ShowLogLine(priority, tag, g_log_threshold)) return;
-  std::fprintf(stderr, "%s: %s%s", tag, text,
-               *text != '\0' && text[std::strlen(text) - 1] == '\n' ? "" : "\n");
+  // One write per line keeps the lines of concurrent threads whole.
+  const std::string line =
+      hxf_tool::LogLine(priority, tag, text, std::chrono::system_clock::now()) + "\n";
+  std::fputs(line.c_str(), stderr);
 }
 
 // Loads each plugin and waits for its load result. A plugin that fails is logged with the
@@ -173,7 +175,7 @@ int main(int argc, char** argv) {
       !options.address.empty() ? options.address : (options.system ? "system" : "session");
   if (r >= 0) r = hxf_tool::ConnectBus(where, &bus);
   if (r < 0) {
-    std::fprintf(stderr, "hxfd: cannot connect to the bus: %s\n", std::strerror(-r));
+    std::fprintf(stderr, "hxfd: %s\n", hxf_tool::ConnectFailure(where, r).c_str());
     return 1;
   }
   sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);  // no handler: exit the loop
@@ -188,7 +190,8 @@ int main(int argc, char** argv) {
     hxfd::CBusBroker broker(bus, event);
     r = broker.Start();
     if (r < 0) {
-      std::fprintf(stderr, "hxfd: cannot serve %s: %s%s\n", hxf_tool::kBusName, std::strerror(-r),
+      std::fprintf(stderr, "hxfd: cannot serve %s: %s%s\n", hxf_tool::kBusName,
+                   r == -EEXIST ? "another hxfd already serves it on this bus" : std::strerror(-r),
                    r == -EACCES ? " (the bus's policy does not let this user own the name; on "
                                   "the system bus, root and the user hxf may: org.hxf.Broker.conf)"
                                 : "");

@@ -11,6 +11,7 @@
 namespace hxf_tool {
 
 int CLoopTasks::Start(sd_event* event) {
+  loop_thread_ = std::this_thread::get_id();
   fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (fd_ < 0) return -errno;
   return sd_event_add_io(event, &source_, fd_, EPOLLIN, &CLoopTasks::WakeUp, this);

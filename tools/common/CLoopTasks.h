@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 namespace hxf_tool {
 
@@ -25,12 +26,16 @@ class CLoopTasks {
   void Stop();
   // Any thread.
   void Post(std::function<void()> task);
+  // Whether the caller runs on the loop's thread (the one that called Start): a cheap check
+  // for code that touches the loop's objects.
+  bool OnLoopThread() const { return std::this_thread::get_id() == loop_thread_; }
 
  private:
   static int WakeUp(sd_event_source*, int fd, uint32_t, void* self);
 
   sd_event_source* source_ = nullptr;
   int fd_ = -1;
+  std::thread::id loop_thread_;  // set by Start, before any other thread sees this object
   std::mutex mutex_;  // guards tasks_: any thread pushes, the loop's thread takes
   std::deque<std::function<void()>> tasks_;
 };

@@ -1,0 +1,54 @@
+// org.hxf.Session1: a caller's session of a service, for requests and notifications. A
+// session made for Broker1.Request has no object: its notifications go nowhere.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "CCoreRoutes.h"
+#include "SdBusHolders.h"
+#include "hxf_core.h"
+
+namespace hxfd {
+
+class CBusContext;
+class CCaller;
+
+class CSession {
+ public:
+  // A session on the caller's client, with an object when `with_object`; null with `error`
+  // set when no provider offers the service.
+  static std::unique_ptr<CSession> Make(CBusContext& context, CCaller& caller,
+                                        const std::string& service, bool with_object,
+                                        sd_bus_error* error, int* r);
+  ~CSession();
+  CSession(const CSession&) = delete;
+  CSession& operator=(const CSession&) = delete;
+
+  const std::string& Path() const { return path_; }
+  const std::string& Service() const { return service_; }
+  hxf_service_session_h Handle() const { return handle_; }
+
+  // Bus thread: a notification of this session; it answers the request it names, if any.
+  void Notified(const AnswerEvent& event);
+
+  // Method handlers, named in the vtable.
+  static int OnRequest(sd_bus_message* m, void* self, sd_bus_error* error);
+  static int OnClose(sd_bus_message* m, void* self, sd_bus_error* error);
+
+ private:
+  CSession(CBusContext& context, CCaller& caller, std::string service);
+
+  CBusContext& context_;
+  CCaller& caller_;
+  const std::string service_;
+  std::string path_;  // empty: no object
+  hxf_service_session_h handle_ = nullptr;
+  uint64_t token_ = 0;
+  hxf_tool::BusSlot slot_;
+};
+
+}  // namespace hxfd

@@ -507,6 +507,68 @@ PY
       fail "the second hxfd did not say the name is taken"
     "$hxf" --bus "$address" devices lights >"$work/tool.out" 2>"$work/tool.err" || fail "the first hxfd stopped serving"
     ;;
+  many-callers)
+    # On a bus with the stock per-connection limits (512 match rules, as on the system bus) but
+    # room for many connections: 1000 callers at once are all served, 2000 callers that leave
+    # before hxfd handles their call leave nothing behind, and hxfd keeps one match rule for
+    # every caller's departure (it kept one per caller: the 513th caller was locked out).
+    stock="$work/stock"
+    mkdir -p "$stock"
+    write_bus_conf "$stock/bus.conf" "$stock/bus"
+    sed -i 's|</busconfig>|<limit name="max_connections_per_user">100000</limit><limit name="max_completed_connections">100000</limit><limit name="max_incomplete_connections">10000</limit></busconfig>|' "$stock/bus.conf"
+    dbus-daemon --config-file="$stock/bus.conf" --nofork --print-address=3 3>"$stock/address" 2>"$stock/daemon.err" &
+    pids+=($!)
+    await_line "$stock/address" 10 '^unix:'
+    "$hxfd" --address "unix:path=$stock/bus" >"$work/stock-hxfd.out" 2>"$work/stock-hxfd.err" &
+    pids+=($!)
+    await_line "$work/stock-hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'
+    "$python" - "unix:path=$stock/bus" >"$work/many.out" 2>"$work/many.err" <<'PY' || fail "the callers failed: $(tail -5 "$work/many.err")"
+import resource, sys, time, dbus, dbus.mainloop.glib
+from gi.repository import GLib
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+address = sys.argv[1]
+loop = GLib.MainLoop()
+replies, errors = [], []
+def done(_=None):
+    if len(replies) + len(errors) == 1000:
+        loop.quit()
+callers = [dbus.bus.BusConnection(address) for _ in range(1000)]
+for c in callers:
+    c.call_async("org.hxf.Broker", "/org/hxf/Broker", "org.hxf.Broker1", "GetDevices", "su",
+                 ("lights", 5000), lambda devices: (replies.append(len(devices)), done()),
+                 lambda e: (errors.append(e.get_dbus_name() + " " + e.get_dbus_message()), done()),
+                 timeout=20)
+GLib.timeout_add(30000, loop.quit)
+loop.run()
+print("concurrent callers served: %d of 1000, errors: %d %s" % (sum(1 for n in replies if n == 2), len(errors), errors[:1]))
+for c in callers:
+    c.close()
+for i in range(2000):
+    c = dbus.bus.BusConnection(address)
+    m = dbus.lowlevel.MethodCallMessage("org.hxf.Broker", "/org/hxf/Broker", "org.hxf.Broker1", "Subscribe")
+    m.append("lights", signature="s")
+    c.send_message(m); c.flush(); c.close()
+bus = dbus.bus.BusConnection(address)
+deadline = time.time() + 30
+while True:
+    callers_left = int(bus.get_object("org.hxf.Broker", "/org/hxf/Broker").Get(
+        "org.hxf.Broker1", "Callers", dbus_interface="org.freedesktop.DBus.Properties"))
+    if callers_left == 0 or time.time() > deadline:  # reading a property makes no caller
+        break
+    time.sleep(0.05)
+print("callers left: %d" % callers_left)
+owner = bus.get_name_owner("org.hxf.Broker")
+stats = bus.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                          "org.freedesktop.DBus.Debug.Stats", "GetConnectionStats", "s", [owner])
+print("hxfd's match rules: %d" % int(stats["MatchRules"]))
+PY
+    grep -qx 'concurrent callers served: 1000 of 1000, errors: 0 \[\]' "$work/many.out" ||
+      fail "not every concurrent caller was served: $(cat "$work/many.out")"
+    grep -qx 'callers left: 0' "$work/many.out" || fail "hxfd kept callers that left: $(cat "$work/many.out")"
+    grep -qx "hxfd's match rules: 1" "$work/many.out" || fail "hxfd's match rules grew: $(cat "$work/many.out")"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

@@ -40,6 +40,14 @@ CClient::CClient(const std::string& name) : name_(name) {
 CClient::~CClient() {
   HXLOG(DLOG_INFO, "client destroyed: %s[%p]\n", name_.c_str(), static_cast<void*>(this));
   _ReleaseAll();  // sessions left only if the client was never terminated
+  if (!searched_) return;
+  // Services this client searched and nobody else needs may go now that it has. On a pool
+  // thread: this may run under the service registry's lock (a service terminating).
+  try {
+    TPL::Pool().Invoke([] { Services()->ReleaseIdleServices(); });
+  } catch (const std::exception& e) {
+    HXLOG(DLOG_ERROR, "Exception !! - %s\n", e.what());
+  }
 }
 
 void CClient::Init() {
@@ -199,6 +207,7 @@ void CClient::_SetDeviceListDiscoveredCallback(const std::string& name,
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
+    searched_ = true;
     Services()->SetSearchClient(name, _Self());
   });
 }
@@ -208,6 +217,7 @@ void CClient::_StartPassiveSearch(const std::string& name, const DiscoveredHandl
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     discovered_cb_ = handler;  // one slot: the last search's handler hears every service
+    searched_ = true;
     Services()->StartPassiveSearch(name, _Self());
   });
 }
@@ -224,6 +234,7 @@ void CClient::_StartActiveSearch(const std::string& name, const DiscoveredHandle
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     discovered_cb_ = handler;
+    searched_ = true;
     Services()->StartActiveSearch(name, _Self(), timeout);
   });
 }
@@ -240,6 +251,7 @@ void CClient::_GetDeviceList(const std::string& name, const DeviceListDiscovered
   HXF_CALLTRACE_OBJ(this);
   _Run(HXF_LOG_SITE, [&] {
     device_list_cb_ = handler;
+    searched_ = true;
     Services()->GetDeviceList(name, _Self(), timeout);
   });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -98,6 +99,9 @@ class CClient : public IClient, TPL::CContext<CClient> {
   void _TermiAsync(const ClientDestroyedHandler_t& destroyed);
 
   std::string name_;
+  // Set by the first search or list request; the destructor then has the services that
+  // this client leaves behind looked at (read there, after every job).
+  std::atomic<bool> searched_{false};
   DiscoveredHandler_t discovered_cb_;             // one slot for every service
   DeviceListDiscoveredHandler_t device_list_cb_;  // one slot for every service
   // Termi ends the sessions whatever its termination's result, so possibly while a job of

@@ -46,6 +46,8 @@ class IService : private CNoncopyable {
                                   uint32_t timeout) = 0;
   virtual std::shared_ptr<IServiceHandler> GetServiceHandler() = 0;
   virtual void SetSearchClient(const std::shared_ptr<IClient>& client) = 0;
+  // Leaves the registry if no handler and no live client is left (posted to the context).
+  virtual void ReleaseIfIdle() = 0;
 };
 
 }  // namespace HXFramework::Core

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@ class IClient;
 class IEndpointHelper;
 class IEndpointListHelper;
 class IPropertyListHelper;
+class IService;
 class IServiceHandler;
 
 // Registry of services (by name) and service handlers (by handle); every provider-side call
@@ -75,6 +77,14 @@ class IServiceMgr : private CNoncopyable {
                                  const std::shared_ptr<IPropertyListHelper>& list,
                                  hxf_transaction_h transaction, hxf_error_e error) = 0;
   virtual void SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) = 0;
+  // Asks every service to let itself go if it has no handler and no live client left (a
+  // client has gone). Returns at once; the services decide on their own contexts.
+  virtual void ReleaseIdleServices() = 0;
+  // Takes `service` out of the registry if it is still the one registered under `name`;
+  // false when it is not (another has replaced it meanwhile).
+  virtual bool ForgetIdleService(const std::string& name, const IService* service) = 0;
+  // How many services the registry holds now.
+  virtual std::size_t ServiceCount() const = 0;
 };
 
 }  // namespace HXFramework::Core

@@ -7,6 +7,7 @@
 #include "HXCALLTRACE_OBJ.h"
 #include "IClient.h"
 #include "IServiceHandler.h"
+#include "IServiceMgr.h"
 #include "JobFrame.h"
 #include "TPLInvokers.h"
 
@@ -99,6 +100,9 @@ void CService::Discovered(hxf_service_handler_h h, const std::shared_ptr<IEndpoi
 void CService::DeviceListDiscovered(hxf_service_handler_h h,
                                     const std::shared_ptr<IEndpointListHelper>& l) {
   InvokeTask(std::bind(&CService::_DeviceListDiscovered, _1, h, l), Pool());
+}
+void CService::ReleaseIfIdle() {
+  InvokeTask(std::bind(&CService::_ReleaseIfIdle, _1), Pool());
 }
 
 // ---- helpers (context) ----
@@ -197,6 +201,7 @@ void CService::_StartActiveSearch(const std::shared_ptr<IClient>& client, uint32
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->StartActiveSearch(name, client, timeout);
     _StartSearchTimer(client->GetHandle(), timeout);
     _InsertClientIfNotExist(search_client_map_, client);
     _ForEachServiceHandler(
@@ -208,6 +213,7 @@ void CService::_GetDeviceList(const std::shared_ptr<IClient>& client, uint32_t t
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->GetDeviceList(name, client, timeout);
     _StartListSearchTimer(client->GetHandle(), timeout);
     _InsertClientIfNotExist(search_client_map_, client);
     _ForEachServiceHandler(
@@ -219,6 +225,7 @@ void CService::_StartPassiveSearch(const std::shared_ptr<IClient>& client) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->StartPassiveSearch(name, client);
     _InsertClientIfNotExist(passive_client_map_, client);
     _ForEachServiceHandler(
         [this](const std::shared_ptr<IServiceHandler>& h) { h->StartPassiveSearch(name); });
@@ -229,11 +236,13 @@ void CService::_StopActiveSearch(hxf_client_h client) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->StopActiveSearch(name, client);
     _StopSearchTimer();  // whichever client started it
     _RemoveClient(search_client_map_, client);
     // Every handler is told, even if other clients still search.
     _ForEachServiceHandler(
         [this](const std::shared_ptr<IServiceHandler>& h) { h->StopActiveSearch(name); });
+    _ReleaseIfIdle();
   });
 }
 
@@ -241,24 +250,29 @@ void CService::_StopPassiveSearch(hxf_client_h client) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->StopPassiveSearch(name, client);
     _RemoveClient(passive_client_map_, client);
     _ForEachServiceHandler(
         [this](const std::shared_ptr<IServiceHandler>& h) { h->StopPassiveSearch(name); });
+    _ReleaseIfIdle();
   });
 }
 
 void CService::_SetSearchClient(const std::shared_ptr<IClient>& client) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
-  RunLogged(HXF_LOG_SITE, OnException::kRethrow,
-            [&] { _InsertClientIfNotExist(search_client_map_, client); });
+  RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->SetSearchClient(name, client);
+    _InsertClientIfNotExist(search_client_map_, client);
+  });
 }
 
-void CService::_Discovered(hxf_service_handler_h /*handle*/,
+void CService::_Discovered(hxf_service_handler_h handle,
                            const std::shared_ptr<IEndpointHelper>& endpoint) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->Discovered(handle, endpoint);
     _StopSearchTimer();  // the first device found ends the active-search time-out
     const auto tell = [&](const std::shared_ptr<IClient>& client) {
       client->Discovered(name, HXF_ENDPOINT_DISCOVERY_RESULT_FOUND, endpoint);
@@ -269,11 +283,12 @@ void CService::_Discovered(hxf_service_handler_h /*handle*/,
   });
 }
 
-void CService::_DeviceListDiscovered(hxf_service_handler_h /*handle*/,
+void CService::_DeviceListDiscovered(hxf_service_handler_h handle,
                                      const std::shared_ptr<IEndpointListHelper>& list) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    if (released_) return IServiceMgr::GetInstance()->DeviceListDiscovered(handle, list);
     _StopListSearchTimer();
     // Only searching clients hear of lists; listeners do not.
     _ForEachClient(
@@ -310,6 +325,7 @@ void CService::_Subscribe(const std::shared_ptr<IServiceHandler>& handler) {
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
     if (handler == nullptr)
       throw CException("nullptr == service_handler!!", HXF_ERROR_INVALID_PARAMETER);
+    if (released_) return IServiceMgr::GetInstance()->SubscribeService(handler->GetHandle(), name);
     {
       CWriteLock lock(handler_lock_);
       // A handler destroyed while subscribed leaves a dead entry; its successor at the same
@@ -366,6 +382,36 @@ void CService::_SetServiceProperty(const std::shared_ptr<IPropertyListHelper>&,
                                    const SetServicePropertyResultHandler_t&, uint32_t) {
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
+}
+
+bool CService::_HasLiveClient(const ClientMap& map) {
+  for (const auto& entry : map) {
+    if (!entry.second.expired()) return true;
+  }
+  return false;
+}
+
+// Deliberate: a service named by searches alone would otherwise stay registered for good once
+// its clients have stopped or gone, one per name ever asked for.
+void CService::_ReleaseIfIdle() {
+  HXF_ASSERT_ON_OWN_CONTEXT();
+  HXF_CALLTRACE_OBJ(this);
+  RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
+    if (released_ || _HasLiveClient(passive_client_map_) || _HasLiveClient(search_client_map_)) {
+      return;
+    }
+    {
+      CReadLock lock(handler_lock_);
+      for (const auto& entry : handler_map_) {
+        if (!entry.second.expired()) return;
+      }
+    }
+    // Without the handler lock: the manager's lock comes first.
+    if (!IServiceMgr::GetInstance()->ForgetIdleService(name, this)) return;
+    released_ = true;
+    _StopSearchTimer();
+    _StopListSearchTimer();
+  });
 }
 
 }  // namespace HXFramework::Core

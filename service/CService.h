@@ -44,6 +44,7 @@ class CService : public IService, TPL::CContext<CService> {
                           uint32_t timeout) override;
   std::shared_ptr<IServiceHandler> GetServiceHandler() override;
   void SetSearchClient(const std::shared_ptr<IClient>& client) override;
+  void ReleaseIfIdle() override;
 
  private:
   friend class IService;  // the factory hands the context its owner
@@ -82,11 +83,16 @@ class CService : public IService, TPL::CContext<CService> {
                            const GetServicePropertyResultHandler_t& handler, uint32_t timeout);
   void _SetServiceProperty(const std::shared_ptr<IPropertyListHelper>& list,
                            const SetServicePropertyResultHandler_t& handler, uint32_t timeout);
+  void _ReleaseIfIdle() HXF_EXCLUDES(handler_lock_);
+  static bool _HasLiveClient(const ClientMap& map);
 
   bool passive_searching_ = false;  // nothing sets it: kept so, deliberately
   std::string name;
   ClientMap passive_client_map_;  // context only
   ClientMap search_client_map_;   // context only: active searches and device lists alike
+  // Context only. Set once the manager has let this service go; what still reaches it (it
+  // was handed out just before) is passed on to the service registered under the name now.
+  bool released_ = false;
   std::unordered_map<hxf_service_handler_h, std::weak_ptr<IServiceHandler>> handler_map_
       HXF_GUARDED_BY(handler_lock_);
   // Atomic because Termi stops the timers from the manager's thread, outside the context.

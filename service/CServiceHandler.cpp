@@ -1,6 +1,8 @@
 #include "CServiceHandler.h"
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 
 #include "CHandleQuarantine.h"
 #include "CWeakRegistry.h"
@@ -251,6 +253,7 @@ void CServiceHandler::_ServiceSessionCreated(const std::shared_ptr<IServiceSessi
   HXF_ASSERT_ON_OWN_CONTEXT();
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] {
+    _SweepEndedSessions();
     // A dead session under the same (recycled) handle does not count: it is replaced.
     if (!InsertUnlessLive(service_session_map_, session->GetHandle(), session)) {
       throw CException("couldn't insert service session to service_session_map_!!",
@@ -260,12 +263,30 @@ void CServiceHandler::_ServiceSessionCreated(const std::shared_ptr<IServiceSessi
   });
 }
 
+void CServiceHandler::_SweepEndedSessions() {
+  if (service_session_map_.size() < sweep_at_) return;
+  for (auto entry = service_session_map_.begin(); entry != service_session_map_.end();) {
+    entry = entry->second.expired() ? service_session_map_.erase(entry) : std::next(entry);
+  }
+  // Amortised: the next sweep waits until the map has doubled again.
+  sweep_at_ = std::max(kFirstSweepAt, 2 * service_session_map_.size());
+}
+
 template <typename Body>
 void CServiceHandler::_ForEachLiveSession(CLogFunction hxf_log_function_, Body&& body) {
   HXLOG(DLOG_ERROR, "pelnor service session map count : %zu\n", service_session_map_.size());
-  ForEachLive(HXF_LOG_SITE, service_session_map_, body, [&] {
-    HXLOG(DLOG_ERROR, "IServiceSession expired!\n");  // the entry stays
-  });
+  for (auto entry = service_session_map_.begin(); entry != service_session_map_.end();) {
+    std::shared_ptr<IServiceSession> session = entry->second.lock();
+    if (session == nullptr) {
+      HXLOG(DLOG_ERROR, "IServiceSession expired!\n");
+      // Erased rather than kept: ended sessions would slow every later result for good.
+      entry = service_session_map_.erase(entry);
+      continue;
+    }
+    // A session on its way out (refusing the call) costs the ones after it nothing.
+    RunLogged(HXF_LOG_SITE, OnException::kSwallow, [&] { body(session); });
+    ++entry;
+  }
 }
 
 void CServiceHandler::_SendRequestResult(const std::string& service_name,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -53,6 +54,9 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
   void _SetSlot(CLogFunction hxf_log_function_, Slot& slot, const Slot& handler, const char* kind);
   void _CallSearchSlot(CLogFunction hxf_log_function_, const SearchHandler_t& slot,
                        const std::string& service_name);
+  // Drops the entries of ended sessions once the map has doubled since the last sweep, so
+  // that sessions opened and ended without any result in between do not pile up either.
+  void _SweepEndedSessions();
   template <typename Body>
   void _ForEachLiveSession(CLogFunction hxf_log_function_, Body&& body);
 
@@ -91,6 +95,8 @@ class CServiceHandler : public IServiceHandler, TPL::CContext<CServiceHandler> {
   ServiceSessionCreatedHandler_t service_session_created_cb_;  // stored, never called: kept so
   SetServicePropertyHandler_t request_service_cb_;
   std::unordered_map<hxf_service_session_h, std::weak_ptr<IServiceSession>> service_session_map_;
+  static constexpr std::size_t kFirstSweepAt = 64;
+  std::size_t sweep_at_ = kFirstSweepAt;
 };
 
 }  // namespace HXFramework::Core

@@ -328,7 +328,14 @@ void CServiceMgr::HandleSearchingTimerExpired(const std::string& /*name*/) {
 std::shared_ptr<IServiceHandler> CServiceMgr::GetServiceHandler(const std::string& name) {
   HXF_CALLTRACE_OBJ(this);
   HXLOG(DLOG_INFO, "service_name: %s\n", name.c_str());
-  return _LookupOrCreateService(name)->GetServiceHandler();
+  std::shared_ptr<IService> service = _LookupOrCreateService(name);
+  try {
+    return service->GetServiceHandler();
+  } catch (const CException&) {
+    // A name asked for and not provided is not kept for it.
+    service->ReleaseIfIdle();
+    throw;
+  }
 }
 
 void CServiceMgr::GetServiceProperty(const std::string& name,
@@ -347,6 +354,36 @@ void CServiceMgr::SetServiceProperty(const std::string& name,
   HXF_CALLTRACE_OBJ(this);
   Require(!name.empty(), "valid service_name!!", HXF_ERROR_INVALID_PARAMETER);
   _LookupService(name)->SetServiceProperty(list, handler, timeout);
+}
+
+// ---- services nobody needs ----
+
+// Deliberate: a service is otherwise kept from its first mention to the end, so that names
+// searched for once and never provided would pile up for as long as the process runs.
+void CServiceMgr::ReleaseIdleServices() {
+  HXF_CALLTRACE_OBJ(this);
+  std::vector<std::shared_ptr<IService>> services;
+  {
+    CReadLock guard(lock_);
+    for (auto& [service_name, service] : service_map_) services.push_back(service);
+  }
+  for (const auto& service : services) service->ReleaseIfIdle();
+}
+
+bool CServiceMgr::ForgetIdleService(const std::string& name, const IService* service) {
+  HXF_CALLTRACE_OBJ(this);
+  std::shared_ptr<IService> forgotten;  // let go of after the lock
+  CWriteLock guard(lock_);
+  auto found = service_map_.find(name);
+  if (found == service_map_.end() || found->second.get() != service) return false;
+  forgotten = found->second;
+  _DestroyService(name);
+  return true;
+}
+
+std::size_t CServiceMgr::ServiceCount() const {
+  CReadLock guard(lock_);
+  return service_map_.size();
 }
 
 // ---- reports from plugins ----

@@ -76,6 +76,10 @@ class CServiceMgr : public IServiceMgr {
       HXF_EXCLUDES(lock_);
   void SetSearchClient(const std::string& name, const std::shared_ptr<IClient>& client) override
       HXF_EXCLUDES(lock_);
+  void ReleaseIdleServices() override HXF_EXCLUDES(lock_);
+  bool ForgetIdleService(const std::string& name, const IService* service) override
+      HXF_EXCLUDES(lock_);
+  std::size_t ServiceCount() const override HXF_EXCLUDES(lock_);
 
  private:
   std::shared_ptr<IServiceHandler> _CreateServiceHandler(const std::string& name)

@@ -1,9 +1,11 @@
 // The service-handler API and CServiceHandler, with test-double sessions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "CException.h"
 #include "CodeRows.h"
@@ -325,4 +327,45 @@ TEST(ServiceHandler, DestructionLogsTheHandlerName) {
   }
   auto line = capture.Find("service_handler destroyed: short-lived");
   EXPECT_EQ(line.priority, DLOG_INFO);
+}
+
+TEST(ServiceHandler, EndedSessionsLeaveTheMapAndAResultStillReachesItsLiveSessionOnce) {
+  auto handler = IServiceHandler::Create("h", nullptr);
+  handler->Init();
+  auto live = std::make_shared<FakeSession>();
+  handler->ServiceSessionCreated(live);
+  LogCapture capture;
+  // Distinct handles, as sessions that overlap in time have: none can replace another.
+  constexpr int kEnded = 1000;
+  std::vector<int> handles(kEnded);
+  for (int& handle : handles) {
+    auto ended = std::make_shared<FakeSession>(&handle);
+    handler->ServiceSessionCreated(ended);  // direct: done on return; ends right after
+  }
+  // Without a single result in between, the map stays bounded by its sweeps.
+  const auto counts = [&] {
+    std::vector<std::size_t> found;
+    const std::string prefix = "pelnor service session map count : ";
+    for (const auto& line : capture.Lines()) {
+      const std::size_t at = line.text.find(prefix);
+      if (at != std::string::npos) found.push_back(std::stoul(line.text.substr(at + prefix.size())));
+    }
+    return found;
+  };
+  const std::vector<std::size_t> while_ending = counts();
+  ASSERT_EQ(while_ending.size(), static_cast<std::size_t>(kEnded));
+  EXPECT_LE(*std::max_element(while_ending.begin(), while_ending.end()), 64u);
+  hxf_property_list_h list = hxf_property_list_create(Str("get"));
+  int first = 0;
+  int second = 0;
+  handler->SendRequestResult("lights", IPropertyListHelper::Create(list), &first, HXF_ERROR_NONE);
+  EXPECT_TRUE(live->events.WaitCount("result lights " + FakeSession::Pointer(&first), 1));
+  // The first walk took out what the sweeps left; the next one finds the live session alone.
+  handler->SendRequestResult("lights", IPropertyListHelper::Create(list), &second, HXF_ERROR_NONE);
+  EXPECT_TRUE(live->events.WaitCount("result lights " + FakeSession::Pointer(&second), 1));
+  EXPECT_EQ(counts().back(), 1u);
+  EXPECT_EQ(live->events.Count("result lights " + FakeSession::Pointer(&first)), 1);
+  EXPECT_EQ(live->events.Count("result lights " + FakeSession::Pointer(&second)), 1);
+  hxf_property_list_destroy(list);
+  handler->Termi();
 }

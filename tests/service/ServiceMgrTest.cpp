@@ -6,6 +6,7 @@
 #include <string>
 
 #include "CException.h"
+#include "Eventually.h"
 #include "FakeClient.h"
 #include "IServiceHandler.h"
 #include "IServiceMgr.h"
@@ -278,4 +279,91 @@ TEST_F(ServiceMgr, FinalizeTerminatesEveryServiceAndHandler) {
   EXPECT_TRUE(capture.Contains(")  service_name:(lights)("));
   EXPECT_TRUE(capture.Contains(")  service_handler_name:(p)("));
   EXPECT_EQ(hxf_core_service_handler_destroy(provider.handle), HXF_ERROR_INVALID_HANDLE);
+}
+
+// ---- services nobody needs go ----
+
+TEST_F(ServiceMgr, ServicesNamedOnlyBySearchesGoWhenTheirLastClientStops) {
+  const std::size_t before = Mgr()->ServiceCount();
+  auto client = Client("ui");
+  constexpr int kNames = 200;
+  for (int i = 0; i < kNames; ++i) {
+    const std::string name = "made-up-" + std::to_string(i);
+    Mgr()->StartPassiveSearch(name, client);
+    Mgr()->StartActiveSearch(name, client, 10000);
+  }
+  EXPECT_EQ(Mgr()->ServiceCount(), before + kNames);
+  for (int i = 0; i < kNames; ++i) {
+    const std::string name = "made-up-" + std::to_string(i);
+    Mgr()->StopPassiveSearch(name, client->GetHandle());
+    Mgr()->StopActiveSearch(name, client->GetHandle());
+  }
+  EXPECT_TRUE(Eventually([&] { return Mgr()->ServiceCount() == before; }));
+}
+
+TEST_F(ServiceMgr, ServicesNamedOnlyBySearchesGoWhenTheirClientIsDestroyedWithoutStopping) {
+  const std::size_t before = Mgr()->ServiceCount();
+  hxf_client_h client = hxf_core_client_create(Str("leaver"));
+  ASSERT_NE(client, nullptr);
+  constexpr int kNames = 100;
+  for (int i = 0; i < kNames; ++i) {
+    const std::string name = "never-provided-" + std::to_string(i);
+    ASSERT_EQ(hxf_core_client_start_passive_search(client, Str(name), nullptr, nullptr),
+              HXF_ERROR_NONE);
+    ASSERT_EQ(hxf_core_client_get_device_list(client, Str(name), nullptr, 10000, nullptr),
+              HXF_ERROR_NONE);
+  }
+  EXPECT_TRUE(Eventually([&] { return Mgr()->ServiceCount() == before + kNames; }));
+  ASSERT_EQ(hxf_core_client_destroy(client), HXF_ERROR_NONE);
+  EXPECT_TRUE(Eventually([&] { return Mgr()->ServiceCount() == before; }));
+}
+
+TEST_F(ServiceMgr, AServiceWithAHandlerOrAnotherClientStaysWhenOneClientStops) {
+  TestProvider provider("p");
+  ASSERT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("lights")),
+            HXF_ERROR_NONE);
+  auto stopping = Client("stopping");
+  auto staying = Client("staying");
+  Mgr()->StartActiveSearch("lights", stopping, 10000);
+  Mgr()->StartPassiveSearch("audio", stopping);
+  Mgr()->StartPassiveSearch("audio", staying);
+  const std::size_t before = Mgr()->ServiceCount();
+  LogCapture capture;
+  Mgr()->StopActiveSearch("lights", stopping->GetHandle());
+  Mgr()->StopPassiveSearch("audio", stopping->GetHandle());
+  // Queued behind the stops on each service's context: once they have run, so have those.
+  Mgr()->StartPassiveSearch("lights", staying);
+  Mgr()->StartPassiveSearch("audio", staying);
+  EXPECT_TRUE(provider.events.WaitCount("listen lights", 1));
+  EXPECT_TRUE(capture.WaitFor("this client is already exist."));
+  EXPECT_EQ(Mgr()->ServiceCount(), before);
+  EXPECT_FALSE(capture.Contains("deleted from service map"));
+}
+
+TEST_F(ServiceMgr, ANameAskedForAgainAfterItsServiceWentIsServedAsNew) {
+  auto client = Client("ui");
+  Mgr()->StartPassiveSearch("later", client);
+  Mgr()->StopPassiveSearch("later", client->GetHandle());
+  EXPECT_TRUE(Eventually([&] {
+    return CodeOf([&] { Mgr()->StopPassiveSearch("later", client->GetHandle()); }) ==
+           HXF_ERROR_OPERATION_FAILED;
+  }));
+  Mgr()->StartPassiveSearch("later", client);
+  TestProvider provider("p");
+  ASSERT_EQ(hxf_core_service_handler_subscribe_service(provider.handle, Str("later")),
+            HXF_ERROR_NONE);
+  hxf_endpoint_h endpoint = MakeEndpoint("later", "d-1");
+  EXPECT_TRUE(Eventually([&] {
+    return hxf_core_service_handler_report_device_found(provider.handle, endpoint) ==
+           HXF_ERROR_NONE;
+  }));
+  hxf_endpoint_destroy(endpoint);
+  EXPECT_TRUE(client->events.WaitCount("found later 0 d-1", 1));
+}
+
+TEST_F(ServiceMgr, AServiceHandlerAskedOfANameNobodyProvidesLeavesNoServiceBehind) {
+  const std::size_t before = Mgr()->ServiceCount();
+  EXPECT_EQ(CodeOf([&] { Mgr()->GetServiceHandler("nobody-provides-this"); }),
+            HXF_ERROR_OPERATION_FAILED);
+  EXPECT_TRUE(Eventually([&] { return Mgr()->ServiceCount() == before; }));
 }

@@ -88,6 +88,8 @@ class CountingIterator {
 // Builds the Node tree from the parser's events; refuses a key met twice in one object.
 class TreeBuilder {
  public:
+  static constexpr size_t kMaxDepth = 100;  // objects and arrays, counting the outermost
+
   TreeBuilder(const std::string& text, const Lines& lines) : text_(text), lines_(lines) {}
 
   bool null() { return Scalar(nullptr); }
@@ -97,8 +99,8 @@ class TreeBuilder {
   bool number_float(json::number_float_t value, const std::string&) { return Scalar(value); }
   bool string(std::string& value) { return Scalar(value); }
   bool binary(json::binary_t&) { return false; }  // not produced by the text parser
-  bool start_object(std::size_t) { return Open().is_object = true; }
-  bool start_array(std::size_t) { return Open().is_array = true; }
+  bool start_object(std::size_t) { return Deeper() && (Open().is_object = true); }
+  bool start_array(std::size_t) { return Deeper() && (Open().is_array = true); }
   bool end_object() { return Close(); }
   bool end_array() { return Close(); }
   bool key(std::string& key) {
@@ -137,6 +139,14 @@ class TreeBuilder {
     node.line = lines_.last_token;
     node.scalar = std::forward<T>(value);
     return true;
+  }
+  // Refused before it is built: reading and releasing the tree recurse once per level, and
+  // a file nested some ten thousand levels deep would overflow the stack.
+  bool Deeper() {
+    if (open_.size() < kMaxDepth) return true;
+    error_ = ConfigError{lines_.last_token,
+                         "nested deeper than " + std::to_string(kMaxDepth) + " levels"};
+    return false;
   }
   Node& Open() {
     // Safe to keep: a container's vector only grows while it is the innermost one open.
@@ -398,7 +408,11 @@ std::optional<Model> LoadModel(const std::string& path, std::string* error) {
   }
   std::stringstream buffer;
   buffer << file.rdbuf();
-  const std::string text = buffer.str();
+  return ParseModel(buffer.str(), path, error);
+}
+
+std::optional<Model> ParseModel(const std::string& text, const std::string& path,
+                                std::string* error) {
   Lines lines;
   TreeBuilder builder(text, lines);
   json::sax_parse(CountingIterator(text.data(), &lines),

@@ -59,8 +59,11 @@ Model DefaultModel();
 // "PATH:LINE: problem", LINE being the line of the offending key or value. Refused: JSON
 // errors, duplicate keys, unknown keys (the nearest known key is suggested), wrong types,
 // values out of range, two devices with the same id in one service, two properties of one
-// device with the same name.
+// device with the same name, nesting deeper than 100 objects and arrays.
 std::optional<Model> LoadModel(const std::string& path, std::string* error);
+// The same for a text already read; `path` names it in the error.
+std::optional<Model> ParseModel(const std::string& text, const std::string& path,
+                                std::string* error);
 
 // Moves a drifting property one step, up when `up` (down at the top of its range, and the
 // other way round); the value stays a multiple of the step's decimals.

@@ -1,16 +1,20 @@
 // The simulator plugin through the public API, as an application uses it.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include "EventLog.h"
 #include "Eventually.h"
+#include "LogCapture.h"
 #include "Mapped.h"
 #include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::Eventually;
+using HXFramework::Test::LogCapture;
 using HXFramework::Test::Mapped;
 
 using HXFramework::Test::Str;
@@ -184,4 +188,32 @@ TEST_F(SimPlugin, AGetOrSetWithoutADeviceIsRefusedWithTheDevicesThatExist) {
   EXPECT_TRUE(
       events_.WaitCount("result 0 get device_id=lamp-1 power=true brightness=70 color=warm", 1));
   EXPECT_EQ(events_.Count("notify state device_id=lamp-1 power=true brightness=10 color=warm"), 0);
+}
+
+// Regression: a configuration nested 50 000 levels deep overflowed the stack (SIGSEGV) while
+// its tree was built and released; nesting is now refused at the line that goes too deep.
+TEST(SimConfig, NestingTooDeepIsRefusedAtItsLineInsteadOfOverflowingTheStack) {
+  const std::string path = ::testing::TempDir() + "sim-deep.json";
+  {
+    std::ofstream file(path);
+    file << "{\"devices\": [{\"id\": \"a\", \"service\": \"x\",\n\"ui_meta\": "
+         << std::string(50000, '[') << std::string(50000, ']') << "}]}\n";
+  }
+  ASSERT_EQ(setenv("HXF_SIM_CONFIG", path.c_str(), 1), 0);
+  LogCapture capture;
+  hxf_core_initialize();
+  EventLog loaded;
+  ASSERT_EQ(hxf_core_plugin_load(
+                Str("sim"),
+                [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
+                  static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
+                },
+                &loaded),
+            HXF_ERROR_NONE);
+  EXPECT_TRUE(loaded.WaitCount("loaded 1", 1));
+  EXPECT_TRUE(capture.Contains("sim: bad configuration " + path +
+                               ":2: nested deeper than 100 levels\n"));
+  unsetenv("HXF_SIM_CONFIG");
+  hxf_core_plugin_unload_all();
+  hxf_core_finalize();
 }

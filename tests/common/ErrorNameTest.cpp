@@ -12,7 +12,8 @@ extern "C" const char* ErrorNameFromC(int number);  // ErrorNameFromC.c
 
 namespace {
 
-#define HXF_CODE(name) {name, #name}
+#define HXF_CODE(name) \
+  { name, #name }
 const std::map<int, std::string> kCodes = {
     HXF_CODE(HXF_ERROR_NONE),
     HXF_CODE(HXF_ERROR_TIMED_OUT),
@@ -77,6 +78,7 @@ TEST(ErrorName, ANumberThatIsNoCodeHasNoName) {
 }
 
 TEST(ErrorName, ANumberFromCThatIsNoCodeHasNoName) {
-  for (int number : {-1, 8, 15, 16, 99, 1 << 30}) EXPECT_EQ(ErrorNameFromC(number), nullptr) << number;
+  for (int number : {-1, 8, 15, 16, 99, 1 << 30})
+    EXPECT_EQ(ErrorNameFromC(number), nullptr) << number;
   EXPECT_STREQ(ErrorNameFromC(14), "HXF_ERROR_INVALID_SERVICE_NAME");
 }

@@ -117,8 +117,8 @@ TEST(BusErrorNames, HxfdManPageListsExactlyTheBrokersErrorNames) {
 TEST(ConnectFailure, NoSessionBusWhenNothingNamesOne) {
   Environment address("DBUS_SESSION_BUS_ADDRESS", nullptr);
   Environment runtime("XDG_RUNTIME_DIR", nullptr);
-  EXPECT_EQ(hxf_tool::ConnectFailure("session", -ENOMEDIUM).rfind(
-                "no session bus: DBUS_SESSION_BUS_ADDRESS is not set (", 0),
+  EXPECT_EQ(hxf_tool::ConnectFailure("session", -ENOMEDIUM)
+                .rfind("no session bus: DBUS_SESSION_BUS_ADDRESS is not set (", 0),
             0u)
       << hxf_tool::ConnectFailure("session", -ENOMEDIUM);
 }
@@ -142,24 +142,29 @@ TEST(ConnectFailure, EachProblemAtAnAddressInWords) {
   const std::pair<int, const char*> problems[] = {
       {ENOENT, "the socket does not exist (is a dbus-daemon running there?)"},
       {ECONNREFUSED, "the connection was refused (is a dbus-daemon running there?)"},
-      {EACCES, "permission denied (this user may not open the bus's socket, or the bus does not "
-               "let this user in)"},
-      {EPERM, "permission denied (this user may not open the bus's socket, or the bus does not "
-              "let this user in)"},
-      {EINVAL, "not a D-Bus address (unix:path=FILE, unix:abstract=NAME or tcp:host=HOST,port=PORT)"},
+      {EACCES,
+       "permission denied (this user may not open the bus's socket, or the bus does not "
+       "let this user in)"},
+      {EPERM,
+       "permission denied (this user may not open the bus's socket, or the bus does not "
+       "let this user in)"},
+      {EINVAL,
+       "not a D-Bus address (unix:path=FILE, unix:abstract=NAME or tcp:host=HOST,port=PORT)"},
       {ECONNRESET, "the bus closed the connection before it was set up (is it a dbus-daemon?)"},
       {ETIMEDOUT, "the bus did not answer"},
   };
   for (const auto& [error, words] : problems)
-    EXPECT_EQ(hxf_tool::ConnectFailure("unix:path=/x", -error), std::string("no bus at unix:path=/x: ") + words);
+    EXPECT_EQ(hxf_tool::ConnectFailure("unix:path=/x", -error),
+              std::string("no bus at unix:path=/x: ") + words);
 }
 
 TEST(ConnectFailure, TheSystemBusNamesItsAddress) {
   {
     Environment address("DBUS_SYSTEM_BUS_ADDRESS", nullptr);
-    EXPECT_EQ(hxf_tool::ConnectFailure("system", -EACCES).rfind(
-                  "no system bus at unix:path=/run/dbus/system_bus_socket: permission denied", 0),
-              0u);
+    EXPECT_EQ(
+        hxf_tool::ConnectFailure("system", -EACCES)
+            .rfind("no system bus at unix:path=/run/dbus/system_bus_socket: permission denied", 0),
+        0u);
   }
   Environment address("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/s");
   EXPECT_EQ(hxf_tool::ConnectFailure("system", -ENOENT),

@@ -27,9 +27,9 @@ std::chrono::system_clock::time_point At(int hour, int minute, int second, int m
 }  // namespace
 
 TEST(LogLine, TimeToTheMillisecondLevelLetterTagAndTextWithoutItsNewline) {
-  EXPECT_EQ(hxf_tool::LogLine(DLOG_ERROR, "HXF_FW", "hxf_core_initialize Entered\n",
-                              At(12, 34, 56, 789)),
-            "12:34:56.789 E HXF_FW: hxf_core_initialize Entered");
+  EXPECT_EQ(
+      hxf_tool::LogLine(DLOG_ERROR, "HXF_FW", "hxf_core_initialize Entered\n", At(12, 34, 56, 789)),
+      "12:34:56.789 E HXF_FW: hxf_core_initialize Entered");
   EXPECT_EQ(hxf_tool::LogLine(DLOG_DEBUG, "HXF_TPL_CONTEXT", "x", At(0, 0, 0, 5)),
             "00:00:00.005 D HXF_TPL_CONTEXT: x");
 }

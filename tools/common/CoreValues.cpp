@@ -102,7 +102,7 @@ bool ShowLogLine(int priority, const char* tag, int threshold) {
 std::string LogLine(int priority, const char* tag, const char* text,
                     std::chrono::system_clock::time_point when) {
   // The platform's own letters: verbose and anything unknown are V.
-  const char letter = priority == DLOG_DEBUG ? 'D'
+  const char letter = priority == DLOG_DEBUG   ? 'D'
                       : priority == DLOG_INFO  ? 'I'
                       : priority == DLOG_WARN  ? 'W'
                       : priority == DLOG_ERROR ? 'E'

@@ -43,7 +43,8 @@ std::string BusProblem(int r, const sd_bus_error& error) {
   if (sd_bus_error_has_names(&error, SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_TIMEOUT) ||
       r == -ETIMEDOUT)
     return "hxfd did not answer in time";
-  if (r == -ECONNRESET || r == -ENOTCONN || sd_bus_error_has_name(&error, SD_BUS_ERROR_DISCONNECTED))
+  if (r == -ECONNRESET || r == -ENOTCONN ||
+      sd_bus_error_has_name(&error, SD_BUS_ERROR_DISCONNECTED))
     return "the bus closed the connection";
   if (sd_bus_error_is_set(&error)) return Text(error.name) + ": " + Text(error.message);
   return std::strerror(-r);

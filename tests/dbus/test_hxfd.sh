@@ -498,6 +498,21 @@ PY
     grep -q "^hxf: hxfd on the bus $strict: the bus's policy does not let this user call hxfd: " "$work/tool.err" ||
       fail "hxf did not say the policy refused the call"
     ;;
+  hxfd-log-format)
+    # hxfd's log lines read as hxf's: time to the millisecond, priority letter, tag.
+    write_bus_conf "$work/logged.conf" "$work/logged"
+    dbus-daemon --config-file="$work/logged.conf" --nofork --print-address=3 3>"$work/logged.address" \
+      2>"$work/logged-daemon.err" &
+    pids+=($!)
+    await_line "$work/logged.address" 10 '^unix:'
+    "$hxfd" --address "unix:path=$work/logged" --log-level info >"$work/logged.out" 2>"$work/logged.err" &
+    pids+=($!)
+    await_line "$work/logged.err" 10 '^hxfd: serving org.hxf.Broker$'
+    stamp='[0-2][0-9]:[0-5][0-9]:[0-5][0-9]\.[0-9]{3}'
+    grep -Eq "^$stamp I HXF_FW: " "$work/logged.err" || fail "no info line of the core in the log format"
+    grep -v '^hxfd: ' "$work/logged.err" | grep -Ev "^$stamp [IWEF] [A-Z][A-Z0-9_]*: " &&
+      fail "a line of hxfd's log below info, or not in the log format"
+    ;;
   hxfd-twice)
     # A second hxfd on a bus one already serves: sd-bus said "File exists".
     timeout 10 "$hxfd" --address "$address" >"$work/second.out" 2>"$work/second.err"

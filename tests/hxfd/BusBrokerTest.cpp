@@ -147,16 +147,17 @@ class DbusBroker : public ::testing::Test {
                   const char* member, const std::function<int(sd_bus_message*)>& fill,
                   std::string* error = nullptr) {
     BusMessage call;
-    EXPECT_GE(sd_bus_message_new_method_call(client_, Out(call), nullptr, path.c_str(),
-                                             interface, member),
+    EXPECT_GE(sd_bus_message_new_method_call(client_, Out(call), nullptr, path.c_str(), interface,
+                                             member),
               0);
     EXPECT_GE(sd_bus_message_set_sender(call.get(), caller.c_str()), 0);
     EXPECT_GE(fill(call.get()), 0);
     sd_bus_error e = SD_BUS_ERROR_NULL;
     BusMessage reply;
     const int r = sd_bus_call(client_, call.get(), 10 * 1000 * 1000, &e, Out(reply));
-    if (r < 0 && error != nullptr) *error = std::string(e.name != nullptr ? e.name : "") + ": " +
-                                            (e.message != nullptr ? e.message : "");
+    if (r < 0 && error != nullptr)
+      *error = std::string(e.name != nullptr ? e.name : "") + ": " +
+               (e.message != nullptr ? e.message : "");
     sd_bus_error_free(&e);
     return r < 0 ? nullptr : std::move(reply);
   }
@@ -192,9 +193,9 @@ class DbusBroker : public ::testing::Test {
     sd_bus_error e = SD_BUS_ERROR_NULL;
     uint32_t callers = 0;
     // Read as a caller of its own: a property read makes none.
-    const int r = sd_bus_get_property_trivial(client_, nullptr, hxf_tool::kBrokerPath,
-                                              hxf_tool::kBrokerInterface, "Callers", &e, 'u',
-                                              &callers);
+    const int r =
+        sd_bus_get_property_trivial(client_, nullptr, hxf_tool::kBrokerPath,
+                                    hxf_tool::kBrokerInterface, "Callers", &e, 'u', &callers);
     sd_bus_error_free(&e);
     EXPECT_GE(r, 0);
     return callers;
@@ -276,7 +277,8 @@ TEST_F(DbusBroker, ADeviceListBesideAListenAndASearchOfOneCallerGetsItsDevices) 
   std::set<std::string> listed;
   ASSERT_GE(sd_bus_message_enter_container(reply.get(), 'a', "a{sv}"), 0);
   hxf_tool::Device device;
-  while (sd_bus_message_at_end(reply.get(), 0) == 0 && hxf_tool::ReadDevice(reply.get(), &device) >= 0)
+  while (sd_bus_message_at_end(reply.get(), 0) == 0 &&
+         hxf_tool::ReadDevice(reply.get(), &device) >= 0)
     listed.insert(device.id);
   EXPECT_EQ(listed, kLights);
   ASSERT_TRUE(Await([&] { return !Finished(search).empty() && Found(listen).size() >= 2; }));
@@ -287,13 +289,14 @@ TEST_F(DbusBroker, ADeviceListBesideAListenAndASearchOfOneCallerGetsItsDevices) 
 TEST_F(DbusBroker, AWatchOfAnotherCallerCannotBeStopped) {
   const std::string listen = Watch(":1.1", "lights", 0);
   std::string error;
-  EXPECT_EQ(Call(":1.2", listen, hxf_tool::kSearchInterface, "Stop",
-                 [](sd_bus_message*) { return 0; }, &error),
+  EXPECT_EQ(Call(
+                ":1.2", listen, hxf_tool::kSearchInterface, "Stop",
+                [](sd_bus_message*) { return 0; }, &error),
             nullptr);
   EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.AccessDenied", 0), 0u) << error;
-  EXPECT_NE(Call(":1.1", listen, hxf_tool::kSearchInterface, "Stop",
-                 [](sd_bus_message*) { return 0; }),
-            nullptr);
+  EXPECT_NE(
+      Call(":1.1", listen, hxf_tool::kSearchInterface, "Stop", [](sd_bus_message*) { return 0; }),
+      nullptr);
   ASSERT_TRUE(Await([&] { return !Finished(listen).empty(); }));
   EXPECT_EQ(Finished(listen), "stopped");
 }

@@ -41,7 +41,7 @@ class OutParam {
   ~OutParam() { holder_.reset(raw_); }
   OutParam(const OutParam&) = delete;
   OutParam& operator=(const OutParam&) = delete;
-  operator typename Holder::pointer*() { return &raw_; }  // NOLINT: used as the out-parameter
+  operator typename Holder::pointer *() { return &raw_; }  // NOLINT: used as the out-parameter
 
  private:
   Holder& holder_;

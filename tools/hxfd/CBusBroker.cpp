@@ -48,8 +48,7 @@ const sd_bus_vtable kBrokerVtable[] = {
     SD_BUS_PROPERTY("ServicesKnown", "b", &CBusBroker::GetServicesKnown, 0,
                     SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
     // Changes with every caller that comes or goes: read, never announced.
-    SD_BUS_PROPERTY("Callers", "u", &CBusBroker::GetCallers, 0, 0),
-    SD_BUS_VTABLE_END};
+    SD_BUS_PROPERTY("Callers", "u", &CBusBroker::GetCallers, 0, 0), SD_BUS_VTABLE_END};
 
 }  // namespace
 
@@ -91,10 +90,9 @@ void CBusBroker::PluginLoaded(const std::string& name, bool ok, const std::strin
   plugin.reason = ok ? "" : reason;
   plugin.services = info.Services();
   plugins_.push_back(std::move(plugin));
-  const int r =
-      sd_bus_emit_properties_changed(context_.Bus(), hxf_tool::kBrokerPath,
-                                     hxf_tool::kBrokerInterface, "Plugins", "Services",
-                                     "ServicesKnown", nullptr);
+  const int r = sd_bus_emit_properties_changed(context_.Bus(), hxf_tool::kBrokerPath,
+                                               hxf_tool::kBrokerInterface, "Plugins", "Services",
+                                               "ServicesKnown", nullptr);
   if (r < 0)
     std::fprintf(stderr, "hxfd: cannot announce the plugins' change: %s\n", std::strerror(-r));
   context_.Monitor().Event("plugin", "", "", "", 0, [&](sd_bus_message* m) {

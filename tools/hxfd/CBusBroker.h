@@ -54,8 +54,8 @@ class CBusBroker {
                         void* self, sd_bus_error*);
   static int GetServices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
                          void* self, sd_bus_error*);
-  static int GetServicesKnown(sd_bus*, const char*, const char*, const char*,
-                              sd_bus_message* reply, void* self, sd_bus_error*);
+  static int GetServicesKnown(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                              void* self, sd_bus_error*);
   static int GetCallers(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
                         void* self, sd_bus_error*);
 

@@ -20,7 +20,8 @@ constexpr uint32_t kCallTimeoutMs = 25000;
 
 class CBusContext {
  public:
-  CBusContext(sd_bus* bus, sd_event* event) : bus_(bus), event_(event), monitor_(bus), callers_(*this) {}
+  CBusContext(sd_bus* bus, sd_event* event)
+      : bus_(bus), event_(event), monitor_(bus), callers_(*this) {}
   CBusContext(const CBusContext&) = delete;
   CBusContext& operator=(const CBusContext&) = delete;
 

@@ -56,8 +56,8 @@ int CCaller::StartWatch(sd_bus_message* m, const std::string& service, bool list
   for (const auto& [path, watch] : watches_) {
     if (watch->Service() == service && watch->Listen() == listen)
       return Refuse(error, hxf_tool::kErrorInProgress,
-                    std::string(listen ? "already listening to " : "already searching ") +
-                        service + " (" + path + ")");
+                    std::string(listen ? "already listening to " : "already searching ") + service +
+                        " (" + path + ")");
   }
   int r = 0;
   std::unique_ptr<CWatch> watch =
@@ -68,7 +68,7 @@ int CCaller::StartWatch(sd_bus_message* m, const std::string& service, bool list
   return sd_bus_reply_method_return(m, "o", path.c_str());
 }
 
-void CCaller::EndWatch(const std::string& path) {
+void CCaller::EndWatch(std::string path) {
   watches_.erase(path);
 }
 
@@ -77,9 +77,8 @@ int CCaller::GetDevices(sd_bus_message* m, const std::string& service, uint32_t 
   if (lists_.count(service) != 0)
     return Refuse(error, hxf_tool::kErrorInProgress,
                   "a device list of " + service + " is already on its way");
-  const hxf_error_e asked =
-      hxf_core_client_get_device_list(client_, View(service), &CCoreRoutes::OnList, timeout_ms,
-                                      CCoreRoutes::UserData(token_));
+  const hxf_error_e asked = hxf_core_client_get_device_list(
+      client_, View(service), &CCoreRoutes::OnList, timeout_ms, CCoreRoutes::UserData(token_));
   if (asked != HXF_ERROR_NONE) return Refuse(error, ErrorName(asked), "cannot list " + service);
   lists_.emplace(service, CPendingCall(m, service));
   context_.Monitor().Event("search", name_, service, "", 0, [&](sd_bus_message* mm) {
@@ -94,7 +93,8 @@ void CCaller::Listed(const ListEvent& event) {
   CPendingCall call = std::move(found->second);
   lists_.erase(found);
   if (event.result == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-    call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT), "no device list for " + event.service + " in time");
+    call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
+                    "no device list for " + event.service + " in time");
   } else {
     call.ReplyDevices(event.devices);
   }
@@ -109,7 +109,7 @@ int CCaller::Subscribe(sd_bus_message* m, const std::string& service, sd_bus_err
   return sd_bus_reply_method_return(m, "o", path.c_str());
 }
 
-void CCaller::EndSession(const std::string& path) {
+void CCaller::EndSession(std::string path) {
   sessions_.erase(path);
 }
 
@@ -144,17 +144,16 @@ int CCaller::SendRequest(sd_bus_message* m, const CSession& session, sd_bus_erro
   if ((r = sd_bus_message_read(m, "u", &timeout_ms)) < 0) return r;
   if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
   hxf_transaction_h transaction = nullptr;
-  const hxf_error_e sent = hxf_core_client_request_service(
-      client_, session.Handle(), list.get(), &CCoreRoutes::OnResult, timeout_ms, &transaction,
-      CCoreRoutes::UserData(token_));
+  const hxf_error_e sent =
+      hxf_core_client_request_service(client_, session.Handle(), list.get(), &CCoreRoutes::OnResult,
+                                      timeout_ms, &transaction, CCoreRoutes::UserData(token_));
   if (sent != HXF_ERROR_NONE)
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is handed to this thread, so it is handled after this entry exists.
   requests_.insert_or_assign(transaction, CPendingCall(m, session.Service(), operation));
-  context_.Monitor().Event("request", name_, session.Service(), operation,
-                           reinterpret_cast<uintptr_t>(transaction), [&](sd_bus_message* mm) {
-                             return hxf_tool::AppendProperties(mm, properties);
-                           });
+  context_.Monitor().Event(
+      "request", name_, session.Service(), operation, reinterpret_cast<uintptr_t>(transaction),
+      [&](sd_bus_message* mm) { return hxf_tool::AppendProperties(mm, properties); });
   return 1;  // answered by Answered
 }
 
@@ -164,8 +163,7 @@ bool CCaller::Answered(const AnswerEvent& event) {
   CPendingCall call = std::move(found->second);
   requests_.erase(found);
   context_.Monitor().Event("result", name_, call.Service(), call.Operation(),
-                           reinterpret_cast<uintptr_t>(event.transaction),
-                           [&](sd_bus_message* m) {
+                           reinterpret_cast<uintptr_t>(event.transaction), [&](sd_bus_message* m) {
                              return hxf_tool::AppendProperties(m, event.properties);
                            });
   if (event.error != HXF_ERROR_NONE) {

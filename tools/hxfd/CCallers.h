@@ -47,9 +47,10 @@ class CCaller {
   // Reads "sa{sv}u" (operation, properties, time-out) from `m` and sends it on `session`.
   int SendRequest(sd_bus_message* m, const CSession& session, sd_bus_error* error);
 
-  // Ends an object of this caller (a watch that finished, a session closed).
-  void EndWatch(const std::string& path);
-  void EndSession(const std::string& path);
+  // Ends an object of this caller (a watch that finished, a session closed). The path is a
+  // copy: the object that passes its own goes with it.
+  void EndWatch(std::string path);
+  void EndSession(std::string path);
   // Whether `m` comes from this caller; `error` set when not.
   bool Owns(sd_bus_message* m, sd_bus_error* error) const;
 
@@ -66,10 +67,10 @@ class CCaller {
   const std::string name_;
   hxf_client_h client_;
   uint64_t token_ = 0;
-  std::map<std::string, std::unique_ptr<CWatch>> watches_;      // by object path
-  std::map<std::string, std::unique_ptr<CSession>> sessions_;   // by object path
+  std::map<std::string, std::unique_ptr<CWatch>> watches_;             // by object path
+  std::map<std::string, std::unique_ptr<CSession>> sessions_;          // by object path
   std::unordered_map<std::string, std::unique_ptr<CSession>> direct_;  // Broker1.Request's
-  std::unordered_map<std::string, CPendingCall> lists_;         // by service
+  std::unordered_map<std::string, CPendingCall> lists_;                // by service
   std::unordered_map<hxf_transaction_h, CPendingCall> requests_;
 };
 

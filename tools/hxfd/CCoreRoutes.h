@@ -88,8 +88,8 @@ class CCoreRoutes {
   T* Find(uint64_t token) const;
 
   hxf_tool::CLoopTasks tasks_;
-  uint64_t next_token_ = 1;                           // bus thread
-  std::unordered_map<uint64_t, Target> targets_;      // bus thread
+  uint64_t next_token_ = 1;                       // bus thread
+  std::unordered_map<uint64_t, Target> targets_;  // bus thread
 };
 
 }  // namespace hxfd

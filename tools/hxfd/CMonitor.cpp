@@ -44,9 +44,8 @@ int CMonitor::Start() {
                                   hxf_tool::kMonitorInterface, kMonitorVtable, this);
 }
 
-void CMonitor::Event(const std::string& type, const std::string& caller,
-                     const std::string& service, const std::string& operation,
-                     uint64_t transaction,
+void CMonitor::Event(const std::string& type, const std::string& caller, const std::string& service,
+                     const std::string& operation, uint64_t transaction,
                      const std::function<int(sd_bus_message*)>& payload) const {
   if (monitors_.empty()) return;
   const uint64_t now = NowUs();

@@ -13,7 +13,9 @@ namespace hxfd {
 class CPendingCall {
  public:
   CPendingCall(sd_bus_message* call, std::string service, std::string operation = "")
-      : call_(hxf_tool::Hold(call)), service_(std::move(service)), operation_(std::move(operation)) {}
+      : call_(hxf_tool::Hold(call)),
+        service_(std::move(service)),
+        operation_(std::move(operation)) {}
 
   const std::string& Service() const { return service_; }
   const std::string& Operation() const { return operation_; }

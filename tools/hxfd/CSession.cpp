@@ -31,10 +31,9 @@ std::unique_ptr<CSession> CSession::Make(CBusContext& context, CCaller& caller,
                                          sd_bus_error* error, int* r) {
   std::unique_ptr<CSession> session(new CSession(context, caller, service));
   session->token_ = context.Routes().Add(session.get());
-  session->handle_ =
-      hxf_core_client_subscribe_service(caller.Client(), View(session->service_),
-                                        &CCoreRoutes::OnNotification,
-                                        CCoreRoutes::UserData(session->token_));
+  session->handle_ = hxf_core_client_subscribe_service(caller.Client(), View(session->service_),
+                                                       &CCoreRoutes::OnNotification,
+                                                       CCoreRoutes::UserData(session->token_));
   if (session->handle_ == nullptr) {
     *r = Refuse(error, hxf_tool::ErrorName(HXF_ERROR_NOT_FOUND),
                 "no provider offers " + service + " (is its plugin loaded?)");

@@ -23,8 +23,8 @@ CWatch::CWatch(CBusContext& context, CCaller& caller, std::string service, bool 
     : context_(context), caller_(caller), service_(std::move(service)), listen_(listen) {}
 
 std::unique_ptr<CWatch> CWatch::Start(CBusContext& context, CCaller& caller,
-                                      const std::string& service, bool listen,
-                                      uint32_t timeout_ms, sd_bus_error* error, int* r) {
+                                      const std::string& service, bool listen, uint32_t timeout_ms,
+                                      sd_bus_error* error, int* r) {
   std::unique_ptr<CWatch> watch(new CWatch(context, caller, service, listen));
   watch->client_ = hxf_core_client_create(View(caller.Name()));
   if (watch->client_ == nullptr) {
@@ -84,8 +84,9 @@ void CWatch::Found(const FoundEvent& event) {
   SendTo(context_.Bus(), caller_.Name(), path_, hxf_tool::kSearchInterface,
          lost ? "DeviceLost" : "DeviceFound",
          [&](sd_bus_message* m) { return hxf_tool::AppendDevice(m, event.device); });
-  context_.Monitor().Event(lost ? "lost" : "found", caller_.Name(), service_, "", 0,
-                           [&](sd_bus_message* m) { return hxf_tool::AppendDevice(m, event.device); });
+  context_.Monitor().Event(
+      lost ? "lost" : "found", caller_.Name(), service_, "", 0,
+      [&](sd_bus_message* m) { return hxf_tool::AppendDevice(m, event.device); });
 }
 
 void CWatch::Finish(const char* reason) {

@@ -22,8 +22,8 @@ class CWatch {
  public:
   // A running watch; null with `error` set (and *r a negative errno) when refused.
   static std::unique_ptr<CWatch> Start(CBusContext& context, CCaller& caller,
-                                       const std::string& service, bool listen,
-                                       uint32_t timeout_ms, sd_bus_error* error, int* r);
+                                       const std::string& service, bool listen, uint32_t timeout_ms,
+                                       sd_bus_error* error, int* r);
   ~CWatch();
   CWatch(const CWatch&) = delete;
   CWatch& operator=(const CWatch&) = delete;

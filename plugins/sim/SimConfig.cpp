@@ -167,6 +167,22 @@ class TreeBuilder {
   std::optional<ConfigError> error_;
 };
 
+// A refusal is one log line: a control character quoted from the file (a key holding "\n")
+// is written as \xNN.
+std::string OneLine(const std::string& text) {
+  std::string line;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      line += c;
+      continue;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    line += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
+  }
+  return line;
+}
+
 size_t EditDistance(const std::string& a, const std::string& b) {
   std::vector<size_t> row(b.size() + 1);
   for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
@@ -403,7 +419,7 @@ Model ReadModel(const Node& root) {
 std::optional<Model> LoadModel(const std::string& path, std::string* error) {
   std::ifstream file(path);
   if (!file) {
-    *error = path + ": cannot be read";
+    *error = OneLine(path) + ": cannot be read";
     return std::nullopt;
   }
   std::stringstream buffer;
@@ -421,7 +437,7 @@ std::optional<Model> ParseModel(const std::string& text, const std::string& path
     if (builder.Error()) throw *builder.Error();
     return ReadModel(builder.Root());
   } catch (const ConfigError& e) {
-    *error = path + ":" + std::to_string(e.line) + ": " + e.problem;
+    *error = OneLine(path) + ":" + std::to_string(e.line) + ": " + OneLine(e.problem);
     return std::nullopt;
   }
 }

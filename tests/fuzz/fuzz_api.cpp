@@ -24,6 +24,8 @@ void OnResult(hxf_client_h, hxf_service_session_h, hxf_property_list_h, hxf_tran
 void OnClientDestroyed(hxf_client_h, void*) { ++g_callbacks; }
 void OnHandlerDestroyed(hxf_service_handler_h, void*) { ++g_callbacks; }
 void OnSearch(hxf_service_handler_h, hxf_string, void*) { ++g_callbacks; }
+void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h, void*) { ++g_callbacks; }
+void OnSessionCreated(hxf_service_handler_h, hxf_service_session_h, void*) { ++g_callbacks; }
 void OnRequest(hxf_service_handler_h h, hxf_transaction_h t, hxf_property_list_h l, void*) {
   // Answers from inside the callback, re-entering the API.
   hxf_core_service_handler_send_request_result(h, hxf_string_from_cstr("svc"), l, t, HXF_ERROR_NONE);
@@ -86,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Pool clients, handlers, sessions, transactions;
   for (int step = 0; step < 128 && !in.Done(); ++step) {
     const uint32_t timeout = in.Byte() % 30;
-    switch (in.Byte() % 22) {
+    switch (in.Byte() % 24) {
       case 0: if (void* c = hxf_core_client_create(Str(in.Text()))) clients.live.push_back(c); break;
       case 1: { void* c = clients.Pick(in); if (hxf_core_client_destroy(c) == HXF_ERROR_NONE) clients.Kill(c); break; }
       case 2: {
@@ -160,6 +162,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (list != nullptr) hxf_property_list_destroy(list);
         break;
       }
+      case 21: {
+        // The setters the calls above leave alone, each with and without a callback.
+        void* h = handlers.Pick(in);
+        hxf_core_service_handler_set_search_stop_callback(h, in.Byte() % 4 ? OnSearch : nullptr, nullptr);
+        hxf_core_service_handler_set_listen_stop_callback(h, in.Byte() % 4 ? OnSearch : nullptr, nullptr);
+        hxf_core_service_handler_set_add_device_callback(h, in.Byte() % 4 ? OnAddDevice : nullptr, nullptr);
+        hxf_core_service_handler_set_service_session_created_callback(
+            h, in.Byte() % 4 ? OnSessionCreated : nullptr, nullptr);
+        break;
+      }
+      case 22:
+        hxf_core_client_set_service_notification_callback(clients.Pick(in), in.Byte() % 4 ? OnNotify : nullptr,
+                                                          nullptr);
+        break;
+      case 23: hxf_core_initialize(); break;  // again, while everything lives
       default: {
         // Plugin calls with names no library has (real plugins would run their own code).
         const std::string name = "fuzz-" + in.Text();

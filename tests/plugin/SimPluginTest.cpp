@@ -190,30 +190,44 @@ TEST_F(SimPlugin, AGetOrSetWithoutADeviceIsRefusedWithTheDevicesThatExist) {
   EXPECT_EQ(events_.Count("notify state device_id=lamp-1 power=true brightness=10 color=warm"), 0);
 }
 
-// Regression: a configuration nested 50 000 levels deep overflowed the stack (SIGSEGV) while
-// its tree was built and released; nesting is now refused at the line that goes too deep.
-TEST(SimConfig, NestingTooDeepIsRefusedAtItsLineInsteadOfOverflowingTheStack) {
-  const std::string path = ::testing::TempDir() + "sim-deep.json";
+// Loads the simulator with `content` as its configuration; true when the load fails with
+// "sim: bad configuration PATH:" + `refusal` in the log.
+bool RefusedAs(const std::string& content, const std::string& refusal) {
+  const std::string path = ::testing::TempDir() + "sim-refused.json";
   {
     std::ofstream file(path);
-    file << "{\"devices\": [{\"id\": \"a\", \"service\": \"x\",\n\"ui_meta\": "
-         << std::string(50000, '[') << std::string(50000, ']') << "}]}\n";
+    file << content;
   }
-  ASSERT_EQ(setenv("HXF_SIM_CONFIG", path.c_str(), 1), 0);
+  setenv("HXF_SIM_CONFIG", path.c_str(), 1);
   LogCapture capture;
   hxf_core_initialize();
   EventLog loaded;
-  ASSERT_EQ(hxf_core_plugin_load(
-                Str("sim"),
-                [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
-                  static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
-                },
-                &loaded),
-            HXF_ERROR_NONE);
-  EXPECT_TRUE(loaded.WaitCount("loaded 1", 1));
-  EXPECT_TRUE(capture.Contains("sim: bad configuration " + path +
-                               ":2: nested deeper than 100 levels\n"));
+  hxf_core_plugin_load(
+      Str("sim"),
+      [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
+        static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
+      },
+      &loaded);
+  const bool failed = loaded.WaitCount("loaded 1", 1);
   unsetenv("HXF_SIM_CONFIG");
   hxf_core_plugin_unload_all();
   hxf_core_finalize();
+  const std::string line = "sim: bad configuration " + path + ":" + refusal + "\n";
+  EXPECT_TRUE(capture.Contains(line)) << capture.Find("bad configuration").text;
+  return failed && capture.Contains(line);
+}
+
+// Regression: a configuration nested 50 000 levels deep overflowed the stack (SIGSEGV) while
+// its tree was built and released; nesting is now refused at the line that goes too deep.
+TEST(SimConfig, NestingTooDeepIsRefusedAtItsLineInsteadOfOverflowingTheStack) {
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"x\",\n\"ui_meta\": " +
+                            std::string(50000, '[') + std::string(50000, ']') + "}]}\n",
+                        "2: nested deeper than 100 levels"));
+}
+
+// Regression (found by fuzz_sim_config): a key holding an escaped newline was quoted as it is,
+// and the refusal broke into two log lines.
+TEST(SimConfig, ARefusalQuotingAControlCharacterStaysOneLine) {
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"x\", \"a\\nb\": 1}]}\n",
+                        "1: devices[0] (\"a\"): unknown key \"a\\x0ab\" (did you mean \"id\"?)"));
 }

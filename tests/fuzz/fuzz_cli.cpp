@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     case hxf_tool::CommandLine::kVersion:
       Check(!line.text.empty());
       break;
-    case hxf_tool::CommandLine::kUsage:
+    case hxf_tool::CommandLine::kUsageError:
       Check(line.text.find('\n') == std::string::npos);
       Check(!line.usage.empty());
       break;

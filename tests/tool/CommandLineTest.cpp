@@ -214,10 +214,10 @@ TEST(CommandLine, ARequestReadsItsServiceOperationAndProperties) {
 TEST(CommandLine, TimeOutsHaveOneMeaningForEveryCommand) {
   for (const char* command : {"search", "devices"}) {
     const CommandLine line = Parse({command, "lights", "--timeout", "0"});
-    EXPECT_EQ(line.outcome, CommandLine::kUsage) << command;
+    EXPECT_EQ(line.outcome, CommandLine::kUsageError) << command;
     EXPECT_EQ(line.text, "--timeout 0: a result needs a time-out of at least 1 ms");
   }
-  EXPECT_EQ(Parse({"request", "lights", "get", "--timeout", "0"}).outcome, CommandLine::kUsage);
+  EXPECT_EQ(Parse({"request", "lights", "get", "--timeout", "0"}).outcome, CommandLine::kUsageError);
   for (const char* command : {"listen", "watch"}) {
     const CommandLine line = Parse({command, "lights", "--for", "0"});
     ASSERT_EQ(line.outcome, CommandLine::kRun) << command;
@@ -226,19 +226,19 @@ TEST(CommandLine, TimeOutsHaveOneMeaningForEveryCommand) {
   EXPECT_EQ(Parse({"--bus", "monitor", "--for", "0"}).outcome, CommandLine::kRun);
   EXPECT_EQ(Parse({"search", "lights"}).options.timeout_ms, 3000u);
   EXPECT_EQ(Parse({"search", "lights", "--timeout", "4294967295"}).options.timeout_ms, 4294967295u);
-  EXPECT_EQ(Parse({"search", "lights", "--timeout", "4294967296"}).outcome, CommandLine::kUsage);
-  EXPECT_EQ(Parse({"listen", "lights", "--for", "-1"}).outcome, CommandLine::kUsage);
+  EXPECT_EQ(Parse({"search", "lights", "--timeout", "4294967296"}).outcome, CommandLine::kUsageError);
+  EXPECT_EQ(Parse({"listen", "lights", "--for", "-1"}).outcome, CommandLine::kUsageError);
 }
 
 TEST(CommandLine, AnEmptyServiceOrOperationIsAUsageError) {
   for (const char* command : {"search", "listen", "devices", "watch"}) {
     const CommandLine line = Parse({command, ""});
-    EXPECT_EQ(line.outcome, CommandLine::kUsage) << command;
+    EXPECT_EQ(line.outcome, CommandLine::kUsageError) << command;
     EXPECT_EQ(line.text, std::string(command) + ": the service name is empty");
   }
   EXPECT_EQ(Parse({"request", "", "get"}).text, "request: the service name is empty");
   EXPECT_EQ(Parse({"request", "lights", ""}).text, "request: the operation is empty (get or set)");
-  EXPECT_EQ(Parse({"--bus", "monitor", "--service", ""}).outcome, CommandLine::kUsage);
+  EXPECT_EQ(Parse({"--bus", "monitor", "--service", ""}).outcome, CommandLine::kUsageError);
 }
 
 TEST(CommandLine, HelpAndVersionAreReturnedNotPrinted) {
@@ -253,7 +253,7 @@ TEST(CommandLine, HelpAndVersionAreReturnedNotPrinted) {
   EXPECT_NE(help.text.find("Example: hxf search lights --timeout 1000"), std::string::npos);
   EXPECT_EQ(version.outcome, CommandLine::kVersion);
   EXPECT_EQ(version.text.rfind("hxf ", 0), 0u);
-  EXPECT_EQ(usage.outcome, CommandLine::kUsage);
+  EXPECT_EQ(usage.outcome, CommandLine::kUsageError);
   EXPECT_EQ(usage.text, "SERVICE is required");
   EXPECT_EQ(usage.usage, "Run 'hxf search --help' for more information.\n");
 }
@@ -263,7 +263,7 @@ TEST(CommandLine, UnknownCommandsAndStrayArgumentsAreNamed) {
   EXPECT_EQ(Parse({"--frobnicate"}).text, "unknown option '--frobnicate'");
   EXPECT_EQ(Parse({"search", "lights", "--frobnicate"}).text, "unexpected argument '--frobnicate'");
   const CommandLine none = Parse({});
-  EXPECT_EQ(none.outcome, CommandLine::kUsage);
+  EXPECT_EQ(none.outcome, CommandLine::kUsageError);
   EXPECT_EQ(none.text, "");
   EXPECT_NE(none.usage.find("Usage: hxf [OPTIONS] [SUBCOMMAND]"), std::string::npos);
 }
@@ -284,7 +284,7 @@ TEST(CommandLine, JsonIsKnownEvenWhenTheRestIsRefused) {
 
 TEST(CommandLine, AnArgumentThatIsNotUtf8IsRefusedBeforeAnythingEchoesIt) {
   const CommandLine line = Parse({"--json", "request", "lights", "set", "label=\xFF"});
-  EXPECT_EQ(line.outcome, CommandLine::kUsage);
+  EXPECT_EQ(line.outcome, CommandLine::kUsageError);
   EXPECT_EQ(line.text, "argument 5 is not valid UTF-8 text");
   EXPECT_TRUE(line.json);
 }
@@ -293,7 +293,7 @@ TEST(CommandLine, AnArgumentThatIsNotUtf8IsRefusedBeforeAnythingEchoesIt) {
 // it.
 TEST(CommandLine, AVariableThatIsNotUtf8IsRefusedBeforeAnythingEchoesIt) {
   const CommandLine level = Parse({"--json", "search", "x"}, {"lou\xFF", ""});
-  EXPECT_EQ(level.outcome, CommandLine::kUsage);
+  EXPECT_EQ(level.outcome, CommandLine::kUsageError);
   EXPECT_EQ(level.text, "HXF_LOG_LEVEL is not valid UTF-8 text");
   const CommandLine bus = Parse({"search", "x"}, {"", "nowhere\xC3"});
   EXPECT_EQ(bus.text, "HXF_BUS is not valid UTF-8 text");
@@ -307,8 +307,8 @@ TEST(CommandLine, TheEnvironmentStandsInForOptionsNotGiven) {
             "HXF_LOG_LEVEL must be debug, info or error, not 'loud'");
   EXPECT_EQ(Parse({"search", "x"}, {"", "system"}).options.bus, "system");
   EXPECT_EQ(Parse({"--bus", "search", "x"}).options.bus, "session");
-  EXPECT_EQ(Parse({"--bus", "nowhere", "search", "x"}).outcome, CommandLine::kUsage);
-  EXPECT_EQ(Parse({"--bus", "--plugin", "sim", "search", "x"}).outcome, CommandLine::kUsage);
+  EXPECT_EQ(Parse({"--bus", "nowhere", "search", "x"}).outcome, CommandLine::kUsageError);
+  EXPECT_EQ(Parse({"--bus", "--plugin", "sim", "search", "x"}).outcome, CommandLine::kUsageError);
   EXPECT_EQ(Parse({"monitor"}).text, "monitor needs --bus: only hxfd sees what other processes do");
 }
 
@@ -318,10 +318,10 @@ TEST(CommandLine, AMegabyteArgumentIsCarriedOrRefusedNeverACrash) {
   ASSERT_EQ(carried.outcome, CommandLine::kRun);
   EXPECT_EQ(carried.options.properties.at(0).value.get<std::string>().size(), big.size());
   const CommandLine refused = Parse({"request", "lights", "set", "n=" + std::string(1 << 20, '9')});
-  EXPECT_EQ(refused.outcome, CommandLine::kUsage);
+  EXPECT_EQ(refused.outcome, CommandLine::kUsageError);
   EXPECT_LT(refused.text.size(), 300u);
   EXPECT_EQ(Parse({"search", big}).options.service.size(), big.size());
-  EXPECT_EQ(Parse({big}).outcome, CommandLine::kUsage);
+  EXPECT_EQ(Parse({big}).outcome, CommandLine::kUsageError);
 }
 
 }  // namespace

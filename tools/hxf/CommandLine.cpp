@@ -94,7 +94,7 @@ std::string OneLine(const std::string& text) {
 
 CommandLine Usage(bool json, const std::string& problem, std::string usage) {
   CommandLine line;
-  line.outcome = CommandLine::kUsage;
+  line.outcome = CommandLine::kUsageError;
   line.json = json;
   line.text = OneLine(problem);
   line.usage = std::move(usage);

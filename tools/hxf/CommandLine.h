@@ -39,12 +39,12 @@ struct Environment {
 };
 
 struct CommandLine {
-  enum Outcome { kRun, kHelp, kVersion, kUsage };
-  Outcome outcome = kUsage;
-  // kHelp, kVersion: what to print on stdout. kUsage: the problem, in one line ("" when no
+  enum Outcome { kRun, kHelp, kVersion, kUsageError };
+  Outcome outcome = kUsageError;
+  // kHelp, kVersion: what to print on stdout. kUsageError: the problem, in one line ("" when no
   // command was given).
   std::string text;
-  // kUsage: what follows the problem on stderr: the usage, or where to find it.
+  // kUsageError: what follows the problem on stderr: the usage, or where to find it.
   std::string usage;
   // --json was given: known even when the rest is refused, so that a usage error is
   // answered in JSON too.

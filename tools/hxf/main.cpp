@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
     case CommandLine::kVersion:
       std::fputs(line.text.c_str(), stdout);
       return hxf_tool::kOk;
-    case CommandLine::kUsage:
+    case CommandLine::kUsageError:
       return UsageError(line);
     case CommandLine::kRun:
       break;

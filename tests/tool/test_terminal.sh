@@ -148,12 +148,18 @@ case "$case_name" in
     no_countdown
     ;;
   search-ctrl-c)
-    # Ctrl-C during a countdown erases the countdown's line, "^C" with it.
-    start "hxf search lights --timeout 5000"
+    # Ctrl-C during a countdown erases the countdown's line, "^C" with it. The only lamp
+    # answers after 30 s, so no device table can come before the Ctrl-C, however loaded the
+    # machine is (with the stock lamps, one answered first under load now and then).
+    printf '%s\n' '{"search_latency_ms": 30000, "devices": [' \
+      '  {"id": "lamp-1", "service": "lights", "properties": [' \
+      '    {"name": "power", "type": "bool", "value": false}]}]}' >"$work/slow.json"
+    start "env HXF_SIM_CONFIG=$work/slow.json hxf search lights --timeout 9000"
     await_line '^searching lights\.\.\. [0-9]\.[0-9] s left$'
     tmux_ send-keys -t t C-c
     await_end
-    expect_screen '$ run hxf search lights --timeout 5000' 'exit=130' '$'
+    expect_screen "\$ run env HXF_SIM_CONFIG=$work/slow.json hxf search lights --timeout 9000" \
+      'exit=130' '$'
     ;;
   json)
     # JSON mode is for programs: no countdown even on a terminal.

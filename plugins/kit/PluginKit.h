@@ -12,6 +12,7 @@
 #include <variant>
 #include <vector>
 
+#include "Presence.h"  // tools/common: the departure mark hxf and hxfd read
 #include "hxf_core.h"
 
 namespace hxf_plugin_kit {
@@ -99,14 +100,8 @@ struct EndpointInfo {
   std::string id, name, interface_name, interface_type, address, ui_meta;
 };
 
-// The core reports every discovery as "found": an arrival or a departure seen while
-// listening travels in the UI meta data, {"presence":"arrived"|"left","device":META}.
-inline std::string PresenceMeta(const std::string& meta, const char* presence) {
-  if (presence == nullptr) return meta;
-  return std::string("{\"presence\":\"") + presence +
-         "\",\"device\":" + (meta.empty() ? "{}" : meta) + "}";
-}
-
+// The core reports every discovery as "found": an arrival or a departure seen while listening
+// travels marked in the UI meta data, `presence` being hxf_tool::kPresenceArrived or kPresenceLeft.
 inline hxf_endpoint_h MakeEndpoint(const std::string& service, const EndpointInfo& device,
                                    const char* presence = nullptr) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
@@ -115,7 +110,7 @@ inline hxf_endpoint_h MakeEndpoint(const std::string& service, const EndpointInf
   hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
   hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
   hxf_endpoint_set_address(endpoint, View(device.address));
-  hxf_endpoint_set_ui_meta(endpoint, View(PresenceMeta(device.ui_meta, presence)));
+  hxf_endpoint_set_ui_meta(endpoint, View(hxf_tool::MarkPresence(device.ui_meta, presence)));
   return endpoint;
 }
 

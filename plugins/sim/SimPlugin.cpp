@@ -132,14 +132,14 @@ void Plugin::Listen(const std::string& service) {
         [this, service, id, still_listening, arrives_later] {
           if (!still_listening()) return;
           if (const Device* found = model_.Find(service, id))
-            Report(service, *found, arrives_later ? "arrived" : nullptr);
+            Report(service, *found, arrives_later ? hxf_tool::kPresenceArrived : nullptr);
         },
         arrive);
     if (device.depart_after_ms != 0) {
       worker_.Post(
           [this, service, id, still_listening] {
             if (!still_listening()) return;
-            if (const Device* found = model_.Find(service, id)) Report(service, *found, "left");
+            if (const Device* found = model_.Find(service, id)) Report(service, *found, hxf_tool::kPresenceLeft);
           },
           device.depart_after_ms);
     }

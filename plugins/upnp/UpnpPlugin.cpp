@@ -311,7 +311,7 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
   for (const char* service : {kLights, kRootDevices}) {
     if (!added.Offers(service)) continue;
     if (searching_.count(service) != 0) Report(service, added, nullptr);
-    if (listening_.count(service) != 0) Report(service, added, "arrived");
+    if (listening_.count(service) != 0) Report(service, added, hxf_tool::kPresenceArrived);
   }
 }
 
@@ -325,7 +325,7 @@ void Plugin::RemoveRoot(const std::string& root_udn) {
     dlog_print(DLOG_INFO, kTag, "upnp: %s (%s) is gone\n", device.endpoint.name.c_str(),
                device.endpoint.id.c_str());
     for (const char* service : {kLights, kRootDevices}) {
-      if (device.Offers(service) && listening_.count(service) != 0) Report(service, device, "left");
+      if (device.Offers(service) && listening_.count(service) != 0) Report(service, device, hxf_tool::kPresenceLeft);
     }
     Unsubscribe(&device);
     Forget(&device);

@@ -44,6 +44,9 @@ case "$case_name" in
     expect_code "$code" 0
     [ "$(grep -c '"event":"found"' "$out")" = 2 ] || fail "expected two found events"
     expect_out '"device_id":"lamp-1"'
+    # one spelling of the name, as on D-Bus (DeviceFields.h); it was "name" here
+    expect_out '^{"event":"found","address":"[^"]*","device_id":"lamp-1","device_name":"[^"]*","interface_name":'
+    grep -q '"name":' "$out" && fail "a device's name is device_name, not name"
     expect_last '{"event":"end","command":"search","exit_code":0,"reason":"done"}'
     expect_json_lines
     ;;

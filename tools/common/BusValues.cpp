@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "DeviceFields.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -166,16 +168,10 @@ int ErrorCode(const char* name) {
 
 int AppendDevice(sd_bus_message* m, const Device& device) {
   int r = sd_bus_message_open_container(m, 'a', "{sv}");
-  const std::pair<const char*, const std::string*> fields[] = {
-      {"device_id", &device.id},
-      {"device_name", &device.name},
-      {"address", &device.address},
-      {"interface_name", &device.interface_name},
-      {"interface_type", &device.interface_type},
-      {"ui_meta", &device.ui_meta},
-      {"service", &device.service}};
-  for (const auto& [key, value] : fields) {
-    if (r >= 0) r = Carried(*value) ? sd_bus_message_append(m, "{sv}", key, "s", value->c_str()) : -EINVAL;
+  for (const DeviceField& field : kDeviceFields) {
+    const std::string& value = device.*field.member;
+    if (r >= 0)
+      r = Carried(value) ? sd_bus_message_append(m, "{sv}", field.key, "s", value.c_str()) : -EINVAL;
   }
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
@@ -185,16 +181,10 @@ int ReadDevice(sd_bus_message* m, Device* device) {
   std::string problem;
   const int r = ReadProperties(m, &fields, &problem);
   if (r < 0) return r;
-  const std::pair<const char*, std::string*> known[] = {{"device_id", &device->id},
-                                                        {"device_name", &device->name},
-                                                        {"address", &device->address},
-                                                        {"interface_name", &device->interface_name},
-                                                        {"interface_type", &device->interface_type},
-                                                        {"ui_meta", &device->ui_meta},
-                                                        {"service", &device->service}};
   for (const PropertyValue& field : fields) {
-    for (const auto& [key, value] : known) {
-      if (field.name == key && field.value.is_string()) *value = field.value.get<std::string>();
+    for (const DeviceField& known : kDeviceFields) {
+      if (field.name == known.key && field.value.is_string())
+        device->*known.member = field.value.get<std::string>();
     }
   }
   return r;

@@ -1,8 +1,7 @@
 // The broker's D-Bus names, and its values as D-Bus writes them: shared by hxfd, which
 // serves them, and hxf --bus, which reads them. sd-bus (libsystemd).
 //
-// - A device is a{sv} of strings: device_id, device_name, address, interface_name,
-//   interface_type, ui_meta, service.
+// - A device is a{sv} of strings, its fields as DeviceFields.h names them.
 // - Properties are a{sv}, each with its own type: b, x, d or s (any integer type is read, as a
 //   signed 64-bit one: the core's integers are signed).
 // - A core error code travels as an error name, org.hxf.Error.<Name>, with a message: for a

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "Presence.h"
 #include "hxf_host_platform.h"
 
 namespace hxf_tool {
@@ -76,10 +77,10 @@ hxf_property_list_h MakeList(const std::string& name,
 }
 
 bool IsDeparture(const Device& device) {
-  return device.ui_meta.find("\"presence\":\"left\"") != std::string::npos;
+  return HasPresence(device.ui_meta, kPresenceLeft);
 }
 bool IsArrival(const Device& device) {
-  return device.ui_meta.find("\"presence\":\"arrived\"") != std::string::npos;
+  return HasPresence(device.ui_meta, kPresenceArrived);
 }
 
 const char* CodeName(int code) {

@@ -28,7 +28,7 @@ std::vector<PropertyValue> ReadProperties(hxf_property_list_h list);
 // destroys it.
 hxf_property_list_h MakeList(const std::string& name, const std::vector<PropertyValue>& properties);
 // Whether the provider marked the device as gone ("left") or new ("arrived") in its UI meta
-// data, as a listen reports it.
+// data, as a listen reports it (Presence.h).
 bool IsDeparture(const Device& device);
 bool IsArrival(const Device& device);
 

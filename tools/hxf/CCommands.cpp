@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "Presence.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -131,7 +133,9 @@ int CCommands::Listen(const std::string& service, uint32_t for_ms) {
   const bool completed = Pump(wait, [&](const Event& event) {
     if (event.kind != Event::kFound) return true;
     for (const Device& device : event.devices) {
-      const char* what = IsDeparture(device) ? "left" : (IsArrival(device) ? "arrived" : "found");
+      const char* what = IsDeparture(device)  ? kPresenceLeft
+                         : IsArrival(device) ? kPresenceArrived
+                                             : "found";
       out_.Emit(what, COutput::ToJson(device));
       out_.Say(std::string(what) + "  " + device.id + "  " + device.name + "  " + device.address);
     }

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "DeviceFields.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -85,14 +87,11 @@ void COutput::Log(const std::string& line) const {
 }
 
 nlohmann::json COutput::ToJson(const Device& d) {
+  nlohmann::json device = nlohmann::json::object();
+  for (const DeviceField& field : kDeviceFields) device[field.key] = d.*field.member;
   nlohmann::json meta = nlohmann::json::parse(d.ui_meta, nullptr, false);
-  return {{"service", d.service},
-          {"device_id", d.id},
-          {"name", d.name},
-          {"interface_name", d.interface_name},
-          {"interface_type", d.interface_type},
-          {"address", d.address},
-          {"ui_meta", meta.is_discarded() ? nlohmann::json(d.ui_meta) : meta}};
+  if (!meta.is_discarded()) device["ui_meta"] = std::move(meta);
+  return device;
 }
 
 nlohmann::json COutput::ToJson(const std::vector<PropertyValue>& properties) {

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "MonitorTypes.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -108,8 +110,7 @@ const std::vector<std::string>& LogLevels() {
 }
 
 const std::vector<std::string>& MonitorTypes() {
-  static const std::vector<std::string> types{"search", "found",        "lost",   "request",
-                                              "result", "notification", "plugin", "client-gone"};
+  static const std::vector<std::string> types(std::begin(kMonitorTypes), std::end(kMonitorTypes));
   return types;
 }
 

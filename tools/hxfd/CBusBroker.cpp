@@ -95,7 +95,7 @@ void CBusBroker::PluginLoaded(const std::string& name, bool ok, const std::strin
                                                "ServicesKnown", nullptr);
   if (r < 0)
     std::fprintf(stderr, "hxfd: cannot announce the plugins' change: %s\n", std::strerror(-r));
-  context_.Monitor().Event("plugin", "", "", "", 0, [&](sd_bus_message* m) {
+  context_.Monitor().Event(hxf_tool::MonitorType::kPlugin, "", "", "", 0, [&](sd_bus_message* m) {
     return sd_bus_message_append(m, "a{sv}", 2, "name", "s", name.c_str(), "loaded", "b",
                                  static_cast<int>(ok));
   });

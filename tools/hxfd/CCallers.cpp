@@ -1,5 +1,6 @@
 #include "CCallers.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -34,6 +35,7 @@ CCaller::~CCaller() {
   context_.Routes().AssertBusThread();
   context_.Monitor().Remove(name_);
   // Calls still waiting get no answer: their caller is gone.
+  for (const auto& list : lists_) EndList(list.first);
   lists_.clear();
   requests_.clear();
   watches_.clear();
@@ -80,23 +82,83 @@ int CCaller::GetDevices(sd_bus_message* m, const std::string& service, uint32_t 
   const hxf_error_e asked = hxf_core_client_get_device_list(
       client_, View(service), &CCoreRoutes::OnList, timeout_ms, CCoreRoutes::UserData(token_));
   if (asked != HXF_ERROR_NONE) return Refuse(error, ErrorName(asked), "cannot list " + service);
-  lists_.emplace(service, CPendingCall(m, service));
-  context_.Monitor().Event("search", name_, service, "", 0, [&](sd_bus_message* mm) {
-    return sd_bus_message_append(mm, "a{sv}", 1, "device_list_timeout_ms", "u", timeout_ms);
-  });
+  CPendingCall& call = lists_.emplace(service, CPendingCall(m, service)).first->second;
+  context_.Searches().Begin(service, false);
+  Arm(call, timeout_ms * 1000ULL, Deadline{service, nullptr});
+  context_.Monitor().Event(hxf_tool::MonitorType::kSearch, name_, service, "", 0,
+                           [&](sd_bus_message* mm) {
+                             return sd_bus_message_append(mm, "a{sv}", 1, "device_list_timeout_ms",
+                                                          "u", timeout_ms);
+                           });
   return 1;  // answered by Listed
 }
 
 void CCaller::Listed(const ListEvent& event) {
   auto found = lists_.find(event.service);
-  if (found == lists_.end()) return;
+  // The core's time-out is left to the list's own deadline (Expire): it may be another
+  // caller's, or an earlier list's of this caller.
+  if (found == lists_.end() || event.result == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return;
   CPendingCall call = std::move(found->second);
   lists_.erase(found);
-  if (event.result == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-    call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
-                    "no device list for " + event.service + " in time");
+  Disarm(call);
+  EndList(event.service);
+  call.ReplyDevices(event.devices);
+}
+
+void CCaller::EndList(const std::string& service) {
+  if (context_.Searches().End(service, false, false))
+    hxf_core_client_stop_active_search(client_, View(service));
+}
+
+void CCaller::Arm(CPendingCall& call, uint64_t after_us, Deadline what) {
+  uint64_t now = 0;
+  sd_event_now(context_.Event(), CLOCK_MONOTONIC, &now);
+  const CPendingCall::DeadlineKey key{now + after_us, next_deadline_++};
+  call.SetDeadline(key);
+  deadlines_.emplace(key, std::move(what));
+  if (deadlines_.begin()->first != key) return;  // an earlier one is armed
+  constexpr uint64_t kAccuracyUs = 1000;
+  if (deadline_timer_ == nullptr) {
+    sd_event_add_time(context_.Event(), hxf_tool::Out(deadline_timer_), CLOCK_MONOTONIC,
+                      key.first, kAccuracyUs, &CCaller::OnDeadline, this);
   } else {
-    call.ReplyDevices(event.devices);
+    sd_event_source_set_time(deadline_timer_.get(), key.first);
+    sd_event_source_set_enabled(deadline_timer_.get(), SD_EVENT_ONESHOT);
+  }
+}
+
+int CCaller::OnDeadline(sd_event_source*, uint64_t, void* self) {
+  static_cast<CCaller*>(self)->Expire();
+  return 0;
+}
+
+void CCaller::Expire() {
+  uint64_t now = 0;
+  sd_event_now(context_.Event(), CLOCK_MONOTONIC, &now);
+  while (!deadlines_.empty() && deadlines_.begin()->first.first <= now) {
+    const CPendingCall::DeadlineKey key = deadlines_.begin()->first;
+    const Deadline what = std::move(deadlines_.begin()->second);
+    deadlines_.erase(deadlines_.begin());
+    if (what.transaction == nullptr) {
+      const auto found = lists_.find(what.service);
+      if (found == lists_.end() || found->second.Deadline() != key) continue;
+      CPendingCall call = std::move(found->second);
+      lists_.erase(found);
+      EndList(what.service);
+      call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
+                      "no device list for " + what.service + " in time");
+    } else {
+      const auto found = requests_.find(what.transaction);
+      if (found == requests_.end() || found->second.Deadline() != key) continue;
+      CPendingCall call = std::move(found->second);
+      requests_.erase(found);
+      call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
+                      "no answer to " + call.Operation() + " in time (the provider never answered)");
+    }
+  }
+  if (!deadlines_.empty()) {
+    sd_event_source_set_time(deadline_timer_.get(), deadlines_.begin()->first.first);
+    sd_event_source_set_enabled(deadline_timer_.get(), SD_EVENT_ONESHOT);
   }
 }
 
@@ -150,9 +212,14 @@ int CCaller::SendRequest(sd_bus_message* m, const CSession& session, sd_bus_erro
   if (sent != HXF_ERROR_NONE)
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is handed to this thread, so it is handled after this entry exists.
-  requests_.insert_or_assign(transaction, CPendingCall(m, session.Service(), operation));
+  CPendingCall& call = requests_.insert_or_assign(transaction, CPendingCall(m, session.Service(), operation)).first->second;
+  // The core answers at the time-out; the grace is for a core or provider that never does,
+  // within the caller's own 25 s.
+  const uint64_t grace_ms = std::min<uint64_t>(1000, std::max<int64_t>(50, kCallTimeoutMs - 100 - static_cast<int64_t>(timeout_ms)));
+  Arm(call, (timeout_ms + grace_ms) * 1000ULL, Deadline{"", transaction});
   context_.Monitor().Event(
-      "request", name_, session.Service(), operation, reinterpret_cast<uintptr_t>(transaction),
+      hxf_tool::MonitorType::kRequest, name_, session.Service(), operation,
+      reinterpret_cast<uintptr_t>(transaction),
       [&](sd_bus_message* mm) { return hxf_tool::AppendProperties(mm, properties); });
   return 1;  // answered by Answered
 }
@@ -162,8 +229,10 @@ bool CCaller::Answered(const AnswerEvent& event) {
   if (found == requests_.end()) return false;
   CPendingCall call = std::move(found->second);
   requests_.erase(found);
-  context_.Monitor().Event("result", name_, call.Service(), call.Operation(),
-                           reinterpret_cast<uintptr_t>(event.transaction), [&](sd_bus_message* m) {
+  Disarm(call);
+  context_.Monitor().Event(hxf_tool::MonitorType::kResult, name_, call.Service(),
+                           call.Operation(), reinterpret_cast<uintptr_t>(event.transaction),
+                           [&](sd_bus_message* m) {
                              return hxf_tool::AppendProperties(m, event.properties);
                            });
   if (event.error != HXF_ERROR_NONE) {
@@ -217,7 +286,7 @@ CCaller* CCallers::Of(sd_bus_message* m, sd_bus_error* error) {
 void CCallers::Forget(const std::string& name) {
   const auto found = callers_.find(name);
   if (found == callers_.end()) return;
-  context_.Monitor().Event("client-gone", name);
+  context_.Monitor().Event(hxf_tool::MonitorType::kClientGone, name);
   const std::unique_ptr<CCaller> caller = std::move(found->second);
   callers_.erase(found);
 }

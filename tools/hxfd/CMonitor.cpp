@@ -44,7 +44,7 @@ int CMonitor::Start() {
                                   hxf_tool::kMonitorInterface, kMonitorVtable, this);
 }
 
-void CMonitor::Event(const std::string& type, const std::string& caller, const std::string& service,
+void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller, const std::string& service,
                      const std::string& operation, uint64_t transaction,
                      const std::function<int(sd_bus_message*)>& payload) const {
   if (monitors_.empty()) return;
@@ -52,14 +52,14 @@ void CMonitor::Event(const std::string& type, const std::string& caller, const s
   for (const std::string& monitor : monitors_) {
     SendTo(bus_, monitor, hxf_tool::kBrokerPath, hxf_tool::kMonitorInterface, "Event",
            [&](sd_bus_message* m) {
-             const int r = sd_bus_message_append(m, "tsssst", now, type.c_str(), caller.c_str(),
+             const int r = sd_bus_message_append(m, "tsssst", now, hxf_tool::Name(type), caller.c_str(),
                                                  service.c_str(), operation.c_str(), transaction);
              return r < 0 ? r : payload(m);
            });
   }
 }
 
-void CMonitor::Event(const std::string& type, const std::string& caller) const {
+void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller) const {
   Event(type, caller, "", "", 0,
         [](sd_bus_message* m) { return sd_bus_message_append(m, "a{sv}", 0); });
 }

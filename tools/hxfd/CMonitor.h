@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "MonitorTypes.h"
 #include "SdBusHolders.h"
 
 namespace hxfd {
@@ -23,11 +24,11 @@ class CMonitor {
   void Remove(const std::string& caller) { monitors_.erase(caller); }
 
   // An Event to every monitor; `payload` appends one a{sv}.
-  void Event(const std::string& type, const std::string& caller, const std::string& service,
+  void Event(hxf_tool::MonitorType type, const std::string& caller, const std::string& service,
              const std::string& operation, uint64_t transaction,
              const std::function<int(sd_bus_message*)>& payload) const;
   // The same with an empty payload.
-  void Event(const std::string& type, const std::string& caller) const;
+  void Event(hxf_tool::MonitorType type, const std::string& caller) const;
 
  private:
   sd_bus* bus_;

@@ -63,8 +63,9 @@ void CSession::Notified(const AnswerEvent& event) {
            if (r >= 0) r = hxf_tool::AppendProperties(m, event.properties);
            return r < 0 ? r : sd_bus_message_append(m, "u", static_cast<uint32_t>(event.error));
          });
-  context_.Monitor().Event("notification", caller_.Name(), service_, event.operation,
-                           reinterpret_cast<uintptr_t>(event.transaction), [&](sd_bus_message* m) {
+  context_.Monitor().Event(hxf_tool::MonitorType::kNotification, caller_.Name(), service_,
+                           event.operation, reinterpret_cast<uintptr_t>(event.transaction),
+                           [&](sd_bus_message* m) {
                              return hxf_tool::AppendProperties(m, event.properties);
                            });
 }

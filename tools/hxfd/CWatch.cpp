@@ -54,10 +54,11 @@ std::unique_ptr<CWatch> CWatch::Start(CBusContext& context, CCaller& caller,
     sd_event_add_time(context.Event(), hxf_tool::Out(watch->timer_), CLOCK_MONOTONIC,
                       now + timeout_ms * 1000ULL, 0, &CWatch::OnTimer, watch.get());
   }
-  context.Monitor().Event("search", caller.Name(), service, "", 0, [&](sd_bus_message* mm) {
-    return listen ? sd_bus_message_append(mm, "a{sv}", 1, "passive", "b", 1)
-                  : sd_bus_message_append(mm, "a{sv}", 1, "timeout_ms", "u", timeout_ms);
-  });
+  context.Monitor().Event(
+      hxf_tool::MonitorType::kSearch, caller.Name(), service, "", 0, [&](sd_bus_message* mm) {
+        return listen ? sd_bus_message_append(mm, "a{sv}", 1, "passive", "b", 1)
+                      : sd_bus_message_append(mm, "a{sv}", 1, "timeout_ms", "u", timeout_ms);
+      });
   return watch;
 }
 
@@ -85,7 +86,8 @@ void CWatch::Found(const FoundEvent& event) {
          lost ? "DeviceLost" : "DeviceFound",
          [&](sd_bus_message* m) { return hxf_tool::AppendDevice(m, event.device); });
   context_.Monitor().Event(
-      lost ? "lost" : "found", caller_.Name(), service_, "", 0,
+      lost ? hxf_tool::MonitorType::kLost : hxf_tool::MonitorType::kFound, caller_.Name(),
+      service_, "", 0,
       [&](sd_bus_message* m) { return hxf_tool::AppendDevice(m, event.device); });
 }
 

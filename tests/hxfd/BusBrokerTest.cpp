@@ -342,6 +342,91 @@ TEST_F(DbusBroker, ACallerIsKeptWhileOnTheBusAndForgottenWhenItLeaves) {
   EXPECT_EQ(Callers(), 0u);
 }
 
+// A device list's reply, read: the ids, or the error's name and message.
+std::set<std::string> Listed(sd_bus_message* reply) {
+  std::set<std::string> ids;
+  if (reply == nullptr || sd_bus_message_enter_container(reply, 'a', "a{sv}") < 0) return ids;
+  hxf_tool::Device device;
+  while (sd_bus_message_at_end(reply, 0) == 0 && hxf_tool::ReadDevice(reply, &device) >= 0)
+    ids.insert(device.id);
+  return ids;
+}
+
+TEST_F(DbusBroker, AnotherCallersShorterDeviceListTimeOutLeavesNoListUnanswered) {
+  // Nobody offers "ghost": only time-outs end its lists. The core keeps one list timer per
+  // service, and the first caller's expiry stopped the second's: it was never answered, and
+  // its next list was refused as in progress until it reconnected.
+  BusMessage first;
+  ASSERT_GE(sd_bus_message_new_method_call(client_, Out(first), nullptr, hxf_tool::kBrokerPath,
+                                           hxf_tool::kBrokerInterface, "GetDevices"),
+            0);
+  ASSERT_GE(sd_bus_message_set_sender(first.get(), ":1.1"), 0);
+  ASSERT_GE(sd_bus_message_append(first.get(), "su", "ghost", 100u), 0);
+  ASSERT_GE(sd_bus_send(client_, first.get(), nullptr), 0);
+  const auto list = [&](uint32_t timeout_ms, std::string* error) {
+    return Broker(
+        ":1.2", "GetDevices",
+        [&](sd_bus_message* m) { return sd_bus_message_append(m, "su", "ghost", timeout_ms); },
+        error);
+  };
+  for (int round = 0; round < 2; ++round) {
+    std::string error;
+    const auto start = Clock::now();
+    EXPECT_EQ(list(600, &error), nullptr);
+    EXPECT_EQ(error, "org.hxf.Error.TimedOut: no device list for ghost in time") << round;
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(550));
+  }
+}
+
+TEST_F(DbusBroker, ADeviceListAnsweredItsTimeOutIsAnsweredOnceAndTheNextOneServed) {
+  std::string error;
+  EXPECT_EQ(Listed(Broker(
+                       ":1.1", "GetDevices",
+                       [](sd_bus_message* m) { return sd_bus_message_append(m, "su", "lights", 2000u); },
+                       &error)
+                       .get()),
+            kLights)
+      << error;
+  EXPECT_EQ(Listed(Broker(
+                       ":1.1", "GetDevices",
+                       [](sd_bus_message* m) { return sd_bus_message_append(m, "su", "lights", 2000u); },
+                       &error)
+                       .get()),
+            kLights)
+      << error;
+}
+
+TEST_F(DbusBroker, OneCallersStopDoesNotEndAnotherCallersSearch) {
+  const std::string a = Watch(":1.1", "lights", 3000);
+  const std::string b = Watch(":1.2", "lights", 3000);
+  ASSERT_FALSE(a.empty());
+  ASSERT_FALSE(b.empty());
+  ASSERT_NE(Call(":1.2", b, hxf_tool::kSearchInterface, "Stop", [](sd_bus_message*) { return 0; }),
+            nullptr);
+  ASSERT_TRUE(Await([&] { return Found(a).size() >= kLights.size(); }));
+  for (const std::string& id : kLights) EXPECT_EQ(Found(a).count(id), 1u) << id;
+  EXPECT_TRUE(Found(b).empty());
+  EXPECT_EQ(Finished(b), "stopped");
+}
+
+TEST_F(DbusBroker, OneCallersStopDoesNotEndAnotherCallersListen) {
+  const std::string a = Watch(":1.1", "lights", 0);
+  const std::string b = Watch(":1.2", "lights", 0);
+  ASSERT_NE(Call(":1.2", b, hxf_tool::kSearchInterface, "Stop", [](sd_bus_message*) { return 0; }),
+            nullptr);
+  ASSERT_TRUE(Await([&] { return Found(a).size() >= kLights.size(); }));
+  for (const std::string& id : kLights) EXPECT_EQ(Found(a).count(id), 1u) << id;
+}
+
+TEST_F(DbusBroker, ASearchThatFoundDevicesEndsDoneAtItsOwnDeadlineWhateverTheCoresTimer) {
+  // Another caller's search moves the core's one timer of the service.
+  const std::string a = Watch(":1.1", "lights", 1500);
+  const std::string b = Watch(":1.2", "lights", 300);
+  ASSERT_TRUE(Await([&] { return !Finished(a).empty() && !Finished(b).empty(); }));
+  EXPECT_EQ(Finished(a), "done");
+  for (const std::string& id : kLights) EXPECT_EQ(Found(a).count(id), 1u) << id;
+}
+
 TEST(DbusBrokerThreads, BusThreadCodeCalledFromAnotherThreadAborts) {
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(

@@ -1,11 +1,23 @@
 #include "CBusContext.h"
 
+#include <sys/random.h>
+
+#include <cstdio>
+#include <cstdlib>
+
 #include "BusValues.h"
 
 namespace hxfd {
 
 std::string CBusContext::NewPath(const char* kind) {
-  return std::string(hxf_tool::kBrokerPath) + "/" + kind + "/" + std::to_string(next_object_++);
+  uint64_t id = 0;
+  if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id)) {
+    std::fputs("hxfd: no random numbers for an object path\n", stderr);
+    std::abort();
+  }
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(id));
+  return std::string(hxf_tool::kBrokerPath) + "/" + kind + "/" + text;
 }
 
 int Refuse(sd_bus_error* error, const char* name, const std::string& message) {

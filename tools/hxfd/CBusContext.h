@@ -6,7 +6,9 @@
 #include <systemd/sd-event.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "CCallers.h"
 #include "CCoreRoutes.h"
@@ -17,6 +19,36 @@ namespace hxfd {
 // A D-Bus caller waits 25 s for an answer unless it says otherwise (the default of libdbus,
 // sd-bus and GDBus); a time-out that long would be answered after the caller gave up.
 constexpr uint32_t kCallTimeoutMs = 25000;
+
+// Who still needs a provider's search of a service (a listen, or a search or a device list).
+// The core tells every provider to stop when any one client stops, even while others still
+// search: hxfd tells the core only when the last one that needs it ends.
+class CProviderSearches {
+ public:
+  void Begin(const std::string& service, bool listen) { ++needs_[{service, listen}].count; }
+  // Whether the core is to be told to stop now: `stops` says the one ending would stop it; a
+  // stop held back while others still searched is owed to the last one.
+  bool End(const std::string& service, bool listen, bool stops) {
+    const auto found = needs_.find({service, listen});
+    if (found == needs_.end()) return stops;
+    Need& need = found->second;
+    if (--need.count > 0) {
+      need.stop_owed = need.stop_owed || stops;
+      return false;
+    }
+    const bool stop = stops || need.stop_owed;
+    needs_.erase(found);
+    return stop;
+  }
+  size_t Count() const { return needs_.size(); }
+
+ private:
+  struct Need {
+    int count = 0;
+    bool stop_owed = false;
+  };
+  std::map<std::pair<std::string, bool>, Need> needs_;
+};
 
 class CBusContext {
  public:
@@ -30,13 +62,15 @@ class CBusContext {
   CCoreRoutes& Routes() { return routes_; }
   CMonitor& Monitor() { return monitor_; }
   CCallers& Callers() { return callers_; }
-  // A new object path under the broker's: /org/hxf/Broker/KIND/N.
+  CProviderSearches& Searches() { return searches_; }
+  // A new object path under the broker's, /org/hxf/Broker/KIND/ID: ID is random (64 bits), so
+  // that no caller can guess another's objects.
   std::string NewPath(const char* kind);
 
  private:
   sd_bus* bus_;
   sd_event* event_;
-  uint64_t next_object_ = 1;
+  CProviderSearches searches_;
   // Destroyed in reverse: the callers (their core clients, objects and tokens) first.
   CCoreRoutes routes_;
   CMonitor monitor_;

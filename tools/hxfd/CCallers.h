@@ -61,8 +61,24 @@ class CCaller {
 
   size_t Watches() const { return watches_.size(); }
   size_t Sessions() const { return sessions_.size() + direct_.size(); }
+  size_t Pending() const { return lists_.size() + requests_.size(); }
 
  private:
+  // Every call waiting for the core has a deadline here: hxfd answers it TimedOut when the
+  // core has not by then (a provider or a core timer that never calls back). A list has its
+  // own time-out here (the core keeps one per service, which another caller's list moves or
+  // stops); a request its time-out and a grace.
+  struct Deadline {
+    std::string service;                    // a list's
+    hxf_transaction_h transaction = nullptr;  // a request's
+  };
+  void Arm(CPendingCall& call, uint64_t after_us, Deadline what);
+  void Disarm(const CPendingCall& call) { deadlines_.erase(call.Deadline()); }
+  void Expire();
+  static int OnDeadline(sd_event_source*, uint64_t, void* self);
+  // A list of `service` answered or given up: the provider's search may stop.
+  void EndList(const std::string& service);
+
   CBusContext& context_;
   const std::string name_;
   hxf_client_h client_;
@@ -72,6 +88,9 @@ class CCaller {
   std::unordered_map<std::string, std::unique_ptr<CSession>> direct_;  // Broker1.Request's
   std::unordered_map<std::string, CPendingCall> lists_;                // by service
   std::unordered_map<hxf_transaction_h, CPendingCall> requests_;
+  std::map<CPendingCall::DeadlineKey, Deadline> deadlines_;  // earliest first
+  hxf_tool::EventSource deadline_timer_;  // at the earliest
+  uint64_t next_deadline_ = 1;
 };
 
 class CCallers {

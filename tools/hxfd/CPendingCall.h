@@ -2,7 +2,9 @@
 // reply is sent. A call dropped unanswered (its caller has gone) sends nothing.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CoreValues.h"
@@ -20,6 +22,11 @@ class CPendingCall {
   const std::string& Service() const { return service_; }
   const std::string& Operation() const { return operation_; }
   bool Answered() const { return call_ == nullptr; }
+  // This call's deadline at its caller (CCaller), which answers it when the core does not:
+  // when (CLOCK_MONOTONIC, us) and its number.
+  using DeadlineKey = std::pair<uint64_t, uint64_t>;
+  const DeadlineKey& Deadline() const { return deadline_; }
+  void SetDeadline(DeadlineKey key) { deadline_ = key; }
 
   // Each sends the one reply; later ones do nothing.
   void ReplyDevices(const std::vector<hxf_tool::Device>& devices);
@@ -29,6 +36,7 @@ class CPendingCall {
  private:
   hxf_tool::BusMessage call_;
   std::string service_, operation_;
+  DeadlineKey deadline_{0, 0};
 };
 
 }  // namespace hxfd

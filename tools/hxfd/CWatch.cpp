@@ -47,6 +47,8 @@ std::unique_ptr<CWatch> CWatch::Start(CBusContext& context, CCaller& caller,
     *r = Refuse(error, hxf_tool::ErrorName(started), "cannot search " + service);
     return nullptr;
   }
+  context.Searches().Begin(service, listen);
+  watch->counted_ = true;
   if (!listen) {
     // The core reports no time-out once a device is found: the search keeps its own deadline.
     uint64_t now = 0;
@@ -66,20 +68,23 @@ CWatch::~CWatch() {
   context_.Routes().AssertBusThread();
   if (token_ != 0) context_.Routes().Remove(token_);
   if (client_ != nullptr) {
-    if (listen_) {
-      hxf_core_client_stop_passive_search(client_, View(service_));
-    } else {
-      hxf_core_client_stop_active_search(client_, View(service_));
+    // Another caller's search of the service goes on: its provider is told to stop only when
+    // nobody needs it (destroying this client is enough for the core to forget it).
+    if (counted_ && context_.Searches().End(service_, listen_, true)) {
+      if (listen_) {
+        hxf_core_client_stop_passive_search(client_, View(service_));
+      } else {
+        hxf_core_client_stop_active_search(client_, View(service_));
+      }
     }
     hxf_core_client_destroy(client_);
   }
 }
 
 void CWatch::Found(const FoundEvent& event) {
-  if (!event.has_device) {  // a search that found nothing ended
-    if (event.result == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT && !listen_) Finish("timed_out");
-    return;
-  }
+  // The core's time-out of a search is not this search's: the core keeps one per service,
+  // which another caller's search moves or stops. The watch's own deadline ends it.
+  if (!event.has_device) return;
   const bool lost = hxf_tool::IsDeparture(event.device);
   if (!listen_) found_any_ = true;
   SendTo(context_.Bus(), caller_.Name(), path_, hxf_tool::kSearchInterface,

@@ -50,6 +50,7 @@ class CWatch {
   const bool listen_;
   std::string path_;
   bool found_any_ = false;
+  bool counted_ = false;  // in the context's provider searches
   hxf_client_h client_ = nullptr;  // this watch's own
   uint64_t token_ = 0;
   hxf_tool::BusSlot slot_;

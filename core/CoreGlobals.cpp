@@ -8,5 +8,6 @@ std::string g_app_version = "invalid_version";
 const std::string g_plugin_dir = HXF_PLUGIN_DIR;
 const std::string g_plugin_prefix = "libhxf-plugin-";
 const std::string g_plugin_suffix = ".so";
+const bool g_plugin_paths = HXF_PLUGIN_PATHS;
 
 }  // namespace HXFramework::Core

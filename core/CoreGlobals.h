@@ -13,5 +13,7 @@ extern std::string g_app_version;
 extern const std::string g_plugin_dir;
 extern const std::string g_plugin_prefix;
 extern const std::string g_plugin_suffix;
+// Whether a plugin may also be loaded from a path (host builds; the device has one folder).
+extern const bool g_plugin_paths;
 
 }  // namespace HXFramework::Core

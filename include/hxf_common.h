@@ -24,6 +24,7 @@
 #define HXF_COMMON_H
 
 #include <stdbool.h>
+#include <stddef.h> /* NULL, which these functions take and return */
 #include <stdint.h>
 
 #ifdef __cplusplus

@@ -23,11 +23,15 @@
  * **Callbacks** receive the user-data pointer given with them as their last argument,
  * unchanged. The handles, lists and endpoints a callback receives are borrowed for the
  * duration of the call: copy what you keep. Callbacks run on the core's threads: a thread
- * of its pool, or a timer thread for time-outs. The callbacks of one client (or of one
- * service handler) never run two at a time. A call that drives an object's context
- * synchronously (subscribing, destroying) may run a callback of that object that was
- * already queued on the calling thread before it returns; never hold a lock across such a
- * call that the callback also takes. A NULL callback is accepted: the core logs and skips
+ * of its pool, or a timer thread for time-outs. The callbacks of one service handler never
+ * run two at a time. A client's discovery callbacks and request results (time-outs included)
+ * run one at a time, and the results of one session in the order the provider sent them.
+ * The notifications of one session run one at a time and in the order sent, but apart from
+ * the client's other callbacks: a notification may run while a result of the same client
+ * runs, and one sent after a result may reach the consumer before it. A call that drives an
+ * object's context synchronously (subscribing, destroying) may run a callback of that object
+ * that was already queued on the calling thread before it returns; never hold a lock across
+ * such a call that the callback also takes. A NULL callback is accepted: the core logs and skips
  * it when it would call it.
  *
  * **Codes.** Functions return ::hxf_error_e codes: HXF_ERROR_NONE on success; the failures
@@ -37,6 +41,7 @@
 #ifndef HXF_CORE_H
 #define HXF_CORE_H
 
+#include <stddef.h> /* NULL, which these functions take and return */
 #include <stdint.h>
 
 #include "hxf_common.h"
@@ -168,8 +173,15 @@ HXF_CORE_API hxf_error_e hxf_core_finalize(void);
  * CreatePlugin(). `cb` (copied with `user_data`) then hears the plugin's own report
  * (hxf_core_plugin_send_load_result()), or HXF_PLUGIN_LOAD_RESULT_FAILED when the library or
  * an entry point is missing or CreatePlugin() returned false.
+ *
+ * On a host build `plugin_name` may also be a path (any name with a '/' in it, such as
+ * "./build/libhxf-plugin-NAME.so"): that library is loaded, under the name NAME of its file
+ * name, which is then the name to report, unload and be told about. Device builds load from
+ * their one plugin folder only and refuse a path.
  * @return HXF_ERROR_NONE when accepted; HXF_ERROR_OPERATION_FAILED when a plugin of that name
- *         is already loaded ("requested plugin has already loaded!").
+ *         is already loaded ("requested plugin has already loaded!");
+ *         HXF_ERROR_INVALID_PARAMETER for a path on a device build or a path whose file name
+ *         is not `libhxf-plugin-NAME.so`; HXF_ERROR_NOT_FOUND for a path to no file.
  */
 HXF_CORE_API hxf_error_e hxf_core_plugin_load(hxf_string_t plugin_name, hxf_plugin_loaded_cb cb,
                                               void* user_data);

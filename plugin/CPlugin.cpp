@@ -46,13 +46,14 @@ class CRunningJob {
 
 }  // namespace
 
-std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name) {
-  auto plugin = std::make_shared<CPlugin>(name);
+std::shared_ptr<IPlugin> IPlugin::Create(const std::string& name, const std::string& path) {
+  auto plugin = std::make_shared<CPlugin>(name, path);
   plugin->weak_this_ = plugin;
   return plugin;
 }
 
-CPlugin::CPlugin(const std::string& name) : plugin_name_(name) {}
+CPlugin::CPlugin(const std::string& name, const std::string& path)
+    : plugin_name_(name), plugin_path_(path) {}
 
 CPlugin::~CPlugin() {
   HXLOG(DLOG_ERROR, "plugin destroyed: %s\n", plugin_name_.c_str());
@@ -108,7 +109,9 @@ void CPlugin::SendLoadResult(hxf_plugin_load_result_e result) {
 
 std::string CPlugin::_GetFilePath() {
   HXF_CALLTRACE_OBJ(this);
-  std::string path = g_plugin_dir + g_plugin_prefix + plugin_name_ + g_plugin_suffix;
+  std::string path = plugin_path_.empty()
+                         ? g_plugin_dir + g_plugin_prefix + plugin_name_ + g_plugin_suffix
+                         : plugin_path_;
   HXLOG(DLOG_INFO, "path to load : %s(%zu)\n", path.c_str(), path.size());
   return path;
 }

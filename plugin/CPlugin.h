@@ -13,7 +13,7 @@ namespace HXFramework::Core {
 // plugin's own context: loading and load results on the pool, unloading on the caller.
 class CPlugin : public IPlugin, TPL::CContext<CPlugin> {
  public:
-  explicit CPlugin(const std::string& name);
+  CPlugin(const std::string& name, const std::string& path);
   ~CPlugin() override;
 
   void Init() override;
@@ -43,6 +43,7 @@ class CPlugin : public IPlugin, TPL::CContext<CPlugin> {
   CLibraryGate* gate_ = nullptr;  // of the open library: when it may be closed
   bool initialized_ = false;
   std::string plugin_name_;
+  std::string plugin_path_;  // empty: the plugin folder's file
   PluginLoadHandler_t loaded_cb_;
 };
 

@@ -2,9 +2,11 @@
 
 #include "CException.h"
 #include "CScopeExit.h"
+#include "CoreGlobals.h"
 #include "HXCALLTRACE_OBJ.h"
 #include "JobFrame.h"
 #include "LeakySingleton.h"
+#include "PluginFile.h"
 
 namespace HXFramework::Core {
 
@@ -15,17 +17,20 @@ IPluginMgr& IPluginMgr::GetInstance() {
 void CPluginMgr::LoadPlugin(const std::string& name, const PluginLoadHandler_t& handler) {
   HXF_CALLTRACE_OBJ(this);
   RunLogged(HXF_LOG_SITE, OnException::kRethrow, [&] {
+    const PluginFile file = ResolvePluginFile(name, g_plugin_paths);
     CWriteLock lock(plugin_mutex_);
-    if (_HasPlugin(name) || closing_.count(name) != 0) Fail("requested plugin has already loaded!");
-    std::shared_ptr<IPlugin> plugin = _CreatePlugin(name);
+    if (_HasPlugin(file.name) || closing_.count(file.name) != 0)
+      Fail("requested plugin has already loaded!");
+    std::shared_ptr<IPlugin> plugin = _CreatePlugin(file.name, file.path);
     plugin->Init();
     plugin->Load(handler);  // returns at once; loading runs on a pool thread
   });
 }
 
-std::shared_ptr<IPlugin> CPluginMgr::_CreatePlugin(const std::string& name) {
+std::shared_ptr<IPlugin> CPluginMgr::_CreatePlugin(const std::string& name,
+                                                   const std::string& path) {
   HXF_CALLTRACE_OBJ(this);
-  std::shared_ptr<IPlugin> plugin = IPlugin::Create(name);
+  std::shared_ptr<IPlugin> plugin = IPlugin::Create(name, path);
   if (!plugin_map_.emplace(name, plugin).second) Fail("failed to insert a plugin to map!");
   HXLOG(DLOG_INFO, " [%s] Plugin has been created & inserted into map\n", name.c_str());
   return plugin;

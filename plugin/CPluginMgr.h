@@ -23,7 +23,8 @@ class CPluginMgr : public IPluginMgr {
       HXF_EXCLUDES(plugin_mutex_);
 
  private:
-  std::shared_ptr<IPlugin> _CreatePlugin(const std::string& name) HXF_REQUIRES(plugin_mutex_);
+  std::shared_ptr<IPlugin> _CreatePlugin(const std::string& name, const std::string& path)
+      HXF_REQUIRES(plugin_mutex_);
   std::shared_ptr<IPlugin> _ReleasePlugin(const std::string& name) HXF_REQUIRES(plugin_mutex_);
   bool _HasPlugin(const std::string& name) HXF_REQUIRES(plugin_mutex_);
   // Takes the shared side itself.

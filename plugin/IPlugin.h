@@ -11,7 +11,8 @@ namespace HXFramework::Core {
 // One dynamically loaded provider library, driven only by the plugin manager.
 class IPlugin : private CNoncopyable {
  public:
-  static std::shared_ptr<IPlugin> Create(const std::string& name);
+  // `path`: the library's own path, or empty for the plugin folder's file of `name`.
+  static std::shared_ptr<IPlugin> Create(const std::string& name, const std::string& path = "");
 
   virtual ~IPlugin() = default;
   virtual void Init() = 0;

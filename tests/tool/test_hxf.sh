@@ -6,6 +6,8 @@ hxf=$1
 case_name=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# shellcheck source=../support/await.sh
+source "$(dirname "$0")/../support/await.sh"
 out="$work/out"
 err="$work/err"
 
@@ -590,6 +592,44 @@ JSON
     expect_code "$code" 1
     expect_err "^$log_stamp E HXF_SIM: sim: bad configuration $work/bad.json:1: "
     grep -Eq "HXF_FW|HXF_TPL_CONTEXT" "$err" && fail "the core's log shown without being asked for"
+    ;;
+  ctrl-c-stops-a-wait-at-once)
+    # The stop signals come through the main thread's loop (a signalfd), not a thread that
+    # looks every 100 ms: SIGINT and SIGTERM each end a 60 s wait at once, with 130.
+    for signal in INT TERM; do
+      "$hxf" listen lights --for 60000 >"$out" 2>"$err" &
+      pid=$!
+      await_line "$err" 10 '^listening to lights for 60000 ms$'
+      start=$(now_ms)
+      kill -$signal $pid
+      wait $pid
+      code=$?
+      elapsed_ms=$(($(now_ms) - start))
+      expect_code "$code" 130
+      expect_err "^stopped$"
+      [ "$elapsed_ms" -lt 2000 ] || fail "SIG$signal took $elapsed_ms ms to stop the listen"
+    done
+    ;;
+  waiting-does-not-poll)
+    # A command waiting for an answer sleeps until the answer, the deadline or a signal: its
+    # main thread is not woken every 100 ms (the radio never answers; no terminal, so no
+    # countdown to redraw). One second is watched: a 100 ms slice would wake it ten times.
+    "$hxf" request audio get device=radio-1 --timeout 60000 >"$out" 2>"$err" &
+    pid=$!
+    status=/proc/$pid/task/$pid
+    switches() { awk '/^voluntary_ctxt_switches/ { print $2 }' "$status/status"; }
+    deadline=$(($(now_ms) + 10000))
+    until grep -q poll "$status/wchan" 2>/dev/null && [ "$(wc -l <"$err")" = 0 ]; do
+      [ "$(now_ms)" -lt "$deadline" ] || { kill -9 $pid; fail "hxf never waited in poll"; }
+      sleep 0.05
+    done
+    before=$(switches)
+    sleep 1  # the time watched, not a synchronisation
+    after=$(switches)
+    kill -INT $pid
+    wait $pid
+    expect_code "$?" 130
+    [ $((after - before)) -le 3 ] || fail "the main thread woke $((after - before)) times in 1 s while waiting"
     ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;

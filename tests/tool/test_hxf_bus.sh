@@ -102,6 +102,22 @@ JSON
       [ "$elapsed_ms" -lt 3000 ] || fail "$command: the refusal took $elapsed_ms ms"
     done
     ;;
+  ctrl-c-stops-a-wait-at-once)
+    # Through hxfd too, Ctrl-C comes through hxf's main loop and ends a wait at once.
+    start_hxfd
+    "$hxf" --bus "$address" listen lights --for 60000 >"$out" 2>"$err" &
+    pid=$!
+    pids+=($pid)
+    await_line "$err" 10 '^listening to lights for 60000 ms$'
+    start=$(now_ms)
+    kill -INT $pid
+    wait $pid
+    code=$?
+    elapsed_ms=$(($(now_ms) - start))
+    expect_code "$code" 130
+    expect_err "^stopped$"
+    [ "$elapsed_ms" -lt 2000 ] || fail "Ctrl-C took $elapsed_ms ms to stop the listen"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

@@ -1,10 +1,8 @@
 #include "CBusClient.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 
 namespace hxf_tool {
 
@@ -131,15 +129,17 @@ CBusClient::~CBusClient() {
 }
 
 int CBusClient::OnBusThread(const std::function<int()>& call) {
-  std::promise<int> answer;
-  std::future<int> result = answer.get_future();
-  tasks_.Post([&] { answer.set_value(call()); });
+  int answer = HXF_ERROR_OPERATION_FAILED;
+  std::atomic<bool> answered{false};
+  tasks_.Post([&] {
+    answer = call();
+    answered = true;  // orders `answer` before the main thread's look at it
+    events_.Wake();
+  });
   // The loop runs until this object goes, unless the connection broke it: then the task
-  // never runs (and is dropped unrun).
-  while (result.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-    if (loop_ended_) return HXF_ERROR_OPERATION_FAILED;
-  }
-  return result.get();
+  // never runs (and is dropped unrun), and the thread's kBrokerGone wakes this wait.
+  events_.Until([&] { return answered.load() || loop_ended_.load(); });
+  return answered ? answer : HXF_ERROR_OPERATION_FAILED;
 }
 
 int CBusClient::CodeOf(int r, const sd_bus_error* error) const {

@@ -10,7 +10,8 @@ namespace hxf_tool {
 namespace {
 
 using Clock = CEventQueue::Clock;
-constexpr auto kSlice = std::chrono::milliseconds(100);
+// How often a countdown on a terminal is redrawn; without one a wait sleeps to its end.
+constexpr auto kTick = std::chrono::milliseconds(100);
 constexpr auto kGrace = std::chrono::milliseconds(2000);  // for the core's own time-out report
 constexpr Clock::time_point kForever = Clock::time_point::max();
 
@@ -61,14 +62,17 @@ bool CCommands::Pump(const Wait& wait, OnEvent&& on_event) {
   const Clock::time_point end = wait.deadline == kForever ? kForever : wait.deadline + wait.grace;
   Event event{Event::kInterrupt};
   bool completed = true;
+  const bool live = out_.ShowsCountdown() && wait.deadline != kForever;
   while (Clock::now() < end) {
     const Clock::time_point now = Clock::now();
-    if (wait.deadline != kForever && now < wait.deadline) {
+    Clock::time_point until = end;  // the next event, or the end: no polling in between
+    if (live && now < wait.deadline) {
       out_.Countdown(wait.what, std::chrono::duration<double>(wait.deadline - now).count());
-    } else {
+      until = std::min(wait.deadline, now + kTick);
+    } else if (live) {
       out_.EndCountdown();  // the time is up: what remains is the grace for the core's report
     }
-    if (!runtime_.Events().Next(&event, std::min(end, now + kSlice))) continue;
+    if (!runtime_.Events().Next(&event, until)) continue;
     if (event.kind == Event::kInterrupt) {
       completed = false;
       out_.Interrupted();

@@ -1,14 +1,16 @@
-// What the core's callbacks tell the tool, handed from the core's threads to the main thread.
+// What the core's callbacks (or hxfd's signals) tell the tool, handed from their threads to the
+// main thread.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "CLocks.h"
 #include "CoreValues.h"
 
 namespace hxf_tool {
@@ -41,21 +43,47 @@ struct Event {
   // kBrokerGone: the broker left the bus; nothing more will come.
 };
 
-// The hand-off between the core's threads (and the signal thread), which Push, and the
-// tool's main thread, which takes: events are copied in whole, so no handle of a callback
-// outlives the callback, and one mutex guards the queue.
+// The main thread's one loop and the one way to hand it work. Any thread Pushes an event,
+// copied in whole so that no handle of a callback outlives the callback, and wakes the loop
+// through an eventfd; the thread that made the queue (the owner) waits in poll() on that
+// eventfd and on a signalfd for SIGINT and SIGTERM, so that Ctrl-C comes through the same loop
+// as an event (kInterrupt, ahead of any event still queued: it stops a command at once).
 class CEventQueue {
  public:
   using Clock = std::chrono::steady_clock;
 
+  // Blocks SIGINT and SIGTERM in the calling thread, and so in every thread made from it later
+  // (make the queue before any other thread), and takes them through a signalfd.
+  CEventQueue();
+  ~CEventQueue();
+  CEventQueue(const CEventQueue&) = delete;
+  CEventQueue& operator=(const CEventQueue&) = delete;
+
+  // Any thread.
   void Push(Event event);
-  // The next event, or false when `deadline` passes first.
+  // Any thread: the owner's Until looks at its condition again.
+  void Wake();
+  // The owner: the next event, or false when `deadline` passes first.
   bool Next(Event* event, Clock::time_point deadline);
+  // The owner: waits until `done()` holds, which another thread makes so and then Wakes.
+  // Events and stop signals that come meanwhile stay queued for Next.
+  void Until(const std::function<bool()>& done);
+  // The owner: whether SIGINT or SIGTERM came, up to now.
+  bool Interrupted();
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::deque<Event> events_;
+  void _AssertOwner() const;
+  // One wait in poll() for a wake-up or a signal, at most until `deadline`.
+  void _Wait(Clock::time_point deadline);
+  // Queues a kInterrupt for each stop signal taken, without waiting.
+  void _TakeSignals();
+
+  const std::thread::id owner_;
+  int wake_fd_ = -1;
+  int signal_fd_ = -1;
+  bool interrupted_ = false;  // the owner's only
+  HXFramework::CMutex mutex_;
+  std::deque<Event> events_ HXF_GUARDED_BY(mutex_);
 };
 
 }  // namespace hxf_tool

@@ -45,6 +45,8 @@ class COutput {
   // Shows "WHAT... N.N s left" (only on a terminal, human mode); EndCountdown erases it.
   void Countdown(const std::string& what, double seconds_left) const;
   void EndCountdown() const;
+  // Whether Countdown shows anything: only then does a wait tick to redraw it.
+  bool ShowsCountdown() const { return countdown_; }
   // Ctrl-C was pressed: on a terminal, what follows starts on a line of its own (the
   // terminal echoed "^C" on the current one; a countdown's line is erased with it).
   void Interrupted() const;

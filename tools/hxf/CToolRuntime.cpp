@@ -1,9 +1,6 @@
 #include "CToolRuntime.h"
 
-#include <signal.h>
-
 #include <chrono>
-#include <ctime>
 
 #include "CCoreBroker.h"
 #include "hxf_host_platform.h"
@@ -19,14 +16,6 @@ CToolRuntime* Self(void* user_data) {
   return static_cast<CToolRuntime*>(user_data);
 }
 
-sigset_t StopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
-
 }  // namespace
 
 void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* self) {
@@ -37,30 +26,11 @@ void CToolRuntime::OnLog(int priority, const char* tag, const char* text, void* 
 CToolRuntime::CToolRuntime(const std::string& log_level, const COutput& out)
     : log_threshold_(LogThreshold(log_level)), out_(out) {
   hxf_host_log_set_sink(&CToolRuntime::OnLog, this);
-  sigset_t set = StopSignals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on
-  signal_thread_ = std::thread([this] { WatchSignals(); });
 }
 
 CToolRuntime::~CToolRuntime() {
   Close();
-  closing_ = true;
-  // Wakes the signal thread at once rather than at its next tick: a signal sent to that
-  // thread alone, which it takes as the end (closing_ is set before).
-  pthread_kill(signal_thread_.native_handle(), SIGTERM);
-  signal_thread_.join();
   hxf_host_log_set_sink(nullptr, nullptr);
-}
-
-void CToolRuntime::WatchSignals() {
-  sigset_t set = StopSignals();
-  const timespec tick{0, 100 * 1000 * 1000};
-  while (!closing_) {
-    if (sigtimedwait(&set, nullptr, &tick) > 0 && !closing_) {
-      interrupted_ = true;
-      events_.Push(Event{Event::kInterrupt});
-    }
-  }
 }
 
 bool CToolRuntime::Open(const std::vector<std::string>& plugins) {

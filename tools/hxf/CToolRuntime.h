@@ -3,10 +3,8 @@
 // event on one queue.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "CBroker.h"
@@ -17,8 +15,8 @@ namespace hxf_tool {
 
 class CToolRuntime {
  public:
-  // Blocks SIGINT and SIGTERM in every thread and takes them on a thread of its own, so that
-  // Ctrl-C becomes an event. Call before any other thread exists. `log_level` (debug, info,
+  // Blocks SIGINT and SIGTERM in every thread and takes them through the event queue's loop,
+  // so that Ctrl-C becomes an event. Call on the main thread before any other thread exists. `log_level` (debug, info,
   // error or empty) chooses which of the core's log lines reach stderr, each with its time,
   // priority and tag (LogLine); a plugin's own error lines always do, so that a failed load
   // says why.
@@ -39,18 +37,15 @@ class CToolRuntime {
 
   CBroker& Broker() { return *broker_; }
   CEventQueue& Events() { return events_; }
-  bool Interrupted() const { return interrupted_; }
+  // Whether Ctrl-C or SIGTERM came, up to now (main thread).
+  bool Interrupted() { return events_.Interrupted(); }
 
  private:
-  void WatchSignals();
   static void OnLog(int priority, const char* tag, const char* text, void* self);
 
   int log_threshold_;
   const COutput& out_;
   CEventQueue events_;
-  std::atomic<bool> interrupted_{false};
-  std::atomic<bool> closing_{false};
-  std::thread signal_thread_;
   std::unique_ptr<CBroker> broker_;
 };
 

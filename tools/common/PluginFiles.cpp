@@ -1,9 +1,10 @@
 #include "PluginFiles.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <mutex>
+#include "CLocks.h"
 
 namespace hxf_tool {
 
@@ -12,7 +13,42 @@ std::string PluginFolder() {
 }
 
 std::string PluginPath(const std::string& name) {
-  return PluginFolder() + "libhxf-plugin-" + name + ".so";
+  return IsPluginPath(name) ? name : PluginFolder() + "libhxf-plugin-" + name + ".so";
+}
+
+bool IsPluginPath(const std::string& plugin) {
+  return plugin.find('/') != std::string::npos;
+}
+
+namespace {
+constexpr char kPrefix[] = "libhxf-plugin-";
+constexpr char kSuffix[] = ".so";
+}  // namespace
+
+std::string PluginName(const std::string& plugin) {
+  if (!IsPluginPath(plugin)) return plugin;
+  const std::string file = plugin.substr(plugin.rfind('/') + 1);
+  const size_t prefix = sizeof kPrefix - 1;
+  const size_t suffix = sizeof kSuffix - 1;
+  if (file.size() <= prefix + suffix || file.compare(0, prefix, kPrefix) != 0 ||
+      file.compare(file.size() - suffix, suffix, kSuffix) != 0)
+    return file;
+  return file.substr(prefix, file.size() - prefix - suffix);
+}
+
+std::string PluginPathRefusal() {
+  return "this build loads plugins by name from " + PluginFolder() + " only, not from a path";
+}
+
+std::string PluginPathProblem(const std::string& plugin) {
+  if (!IsPluginPath(plugin)) return "";
+  const std::string file = plugin.substr(plugin.rfind('/') + 1);
+  if (PluginName(plugin) == file)
+    return "not a plugin library: its file name must be libhxf-plugin-NAME.so";
+  struct stat status {};
+  if (stat(plugin.c_str(), &status) != 0) return "no such file";
+  if (!S_ISREG(status.st_mode)) return "not a file";
+  return "";
 }
 
 // The core only reports that a load failed (its log names no reason), so look where and as
@@ -41,9 +77,9 @@ std::string LoadFailureReason(const std::string& plugin) {
 namespace {
 
 struct Watch {
-  std::mutex mutex;  // held while a watcher runs, so that removing it waits for the call
-  LoadReportWatcher watcher = nullptr;
-  void* data = nullptr;
+  HXFramework::CMutex mutex;  // held while a watcher runs, so that removing it waits for the call
+  LoadReportWatcher watcher HXF_GUARDED_BY(mutex) = nullptr;
+  void* data HXF_GUARDED_BY(mutex) = nullptr;
 };
 
 Watch& TheWatch() {
@@ -55,7 +91,7 @@ Watch& TheWatch() {
 
 void WatchLoadReports(LoadReportWatcher watcher, void* data) {
   Watch& watch = TheWatch();
-  std::lock_guard<std::mutex> lock(watch.mutex);
+  HXFramework::CMutexLock lock(watch.mutex);
   watch.watcher = watcher;
   watch.data = data;
 }
@@ -72,7 +108,7 @@ extern "C" __attribute__((visibility("default"))) hxf_error_e hxf_core_plugin_se
       reinterpret_cast<Forward>(dlsym(RTLD_NEXT, "hxf_core_plugin_send_load_result"));
   {
     hxf_tool::Watch& watch = hxf_tool::TheWatch();
-    std::lock_guard<std::mutex> lock(watch.mutex);
+    HXFramework::CMutexLock lock(watch.mutex);
     if (watch.watcher != nullptr && (plugin_name.str != nullptr || plugin_name.len == 0))
       watch.watcher(std::string(plugin_name.str != nullptr ? plugin_name.str : "", plugin_name.len),
                     result, watch.data);

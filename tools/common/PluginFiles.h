@@ -10,8 +10,17 @@ namespace hxf_tool {
 
 // The core's plugin folder (fixed when the core is built), ending in '/'.
 std::string PluginFolder();
-// Where the core looks for plugin `name`: PluginFolder() + "libhxf-plugin-NAME.so".
+// Where the core looks for plugin `name`: PluginFolder() + "libhxf-plugin-NAME.so", or `name`
+// itself when it is a path.
 std::string PluginPath(const std::string& name);
+// Whether a --plugin argument is a library's path (it has a '/'), which host builds load.
+bool IsPluginPath(const std::string& plugin);
+// The name `plugin` loads and reports under: NAME of a path's "libhxf-plugin-NAME.so".
+std::string PluginName(const std::string& plugin);
+// Why the core refuses the path `plugin` at once, in words; empty when a host build takes it.
+std::string PluginPathProblem(const std::string& plugin);
+// Why a device build refuses every path, in words.
+std::string PluginPathRefusal();
 
 // Why the core could not load `plugin`, in words: the library is missing or cannot be opened
 // (dlerror's text), lacks an entry point, or the plugin itself reported the failure.

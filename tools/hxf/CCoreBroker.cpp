@@ -60,19 +60,29 @@ bool CCoreBroker::Open(const std::vector<std::string>& plugins) {
 }
 
 bool CCoreBroker::LoadAll(const std::vector<std::string>& plugins) {
-  for (const std::string& plugin : plugins) {
+  for (const std::string& argument : plugins) {
+    // A path loads under the NAME of its file name; the argument itself goes to the core.
+    const std::string plugin = PluginName(argument);
+    const std::string problem = PluginPathProblem(argument);
+    if (!problem.empty()) {
+      out_.Fail("plugin " + argument + ": " + problem, COutput::kNoCode, {{"plugin", argument}});
+      return false;
+    }
     {
-      std::lock_guard<std::mutex> lock(names_mutex_);
+      HXFramework::CMutexLock lock(names_mutex_);
       loading_ = plugin;
       known_.insert(plugin);
     }
-    const hxf_error_e code =
-        hxf_core_plugin_load(hxf_string_new(plugin.data(), static_cast<uint32_t>(plugin.size())),
-                             &CCoreBroker::OnLoaded, this);
+    const hxf_error_e code = hxf_core_plugin_load(
+        hxf_string_new(argument.data(), static_cast<uint32_t>(argument.size())),
+        &CCoreBroker::OnLoaded, this);
     if (code != HXF_ERROR_NONE) {
-      out_.Fail("plugin " + plugin + ": load refused" +
-                    (code == HXF_ERROR_OPERATION_FAILED ? ": it is already loaded" : ""),
-                code, {{"plugin", plugin}});
+      const bool path_refused = code == HXF_ERROR_INVALID_PARAMETER && IsPluginPath(argument);
+      out_.Fail("plugin " + argument + ": load refused" +
+                    (code == HXF_ERROR_OPERATION_FAILED ? ": it is already loaded"
+                     : path_refused                     ? ": " + PluginPathRefusal()
+                                                        : ""),
+                code, {{"plugin", argument}});
       return false;
     }
     Event event{Event::kInterrupt};
@@ -86,7 +96,7 @@ bool CCoreBroker::LoadAll(const std::vector<std::string>& plugins) {
                    event.caller + "'");
         loaded = event.code == HXF_PLUGIN_LOAD_RESULT_SUCCESS;
         if (!loaded)
-          out_.Fail("plugin " + plugin + ": failed to load: " + LoadFailureReason(plugin),
+          out_.Fail("plugin " + plugin + ": failed to load: " + LoadFailureReason(argument),
                     COutput::kNoCode, {{"plugin", plugin}});
         break;
       }
@@ -99,7 +109,7 @@ bool CCoreBroker::LoadAll(const std::vector<std::string>& plugins) {
     }
     PluginInfo info;
     info.name = plugin;
-    info.path = PluginPath(plugin);
+    info.path = PluginPath(argument);
     ReadPluginInfo(info.path, &info.info);
     loaded_.push_back(std::move(info));
   }
@@ -180,7 +190,7 @@ void CCoreBroker::OnReport(const std::string& name, hxf_plugin_load_result_e res
   CCoreBroker* broker = Self(self);
   Event event = MakeEvent(Event::kLoaded, "", result);
   {
-    std::lock_guard<std::mutex> lock(broker->names_mutex_);
+    HXFramework::CMutexLock lock(broker->names_mutex_);
     if (broker->known_.count(name) != 0) return;  // the core delivers it to OnLoaded
     // Loads are one at a time: a report under a name the core does not know (it drops it)
     // is the plugin now loading's.

@@ -10,8 +10,28 @@
  * them C linkage and default visibility, so they stay visible in a library built with
  * hidden visibility (`hxf_add_plugin` builds plugins that way, and exports nothing else).
  *
+ * On a host build a plugin may also be loaded from its path, without installing it:
+ * `hxf_core_plugin_load("./build/libhxf-plugin-NAME.so", ...)` (any name with a '/'), and it
+ * is then known as NAME. Device builds load from their one plugin folder only.
+ *
  * The plugin talks to the core only through hxf_core.h (service handlers) and hxf_common.h
  * (the data it hands over).
+ *
+ * Conventions consumers and the tools rely on (the core itself reads none of them):
+ * - Operations: a request's property-list name is its operation, any name the plugin chooses
+ *   ("get", "set", ...). Answer an operation you do not know with a failed result.
+ * - A failed result: hxf_core_service_handler_send_request_result() with an error other than
+ *   HXF_ERROR_NONE, and a string property `error` in the list with the reason for people
+ *   (hxf prints it; hxfd makes it its D-Bus error's message).
+ * - Arrivals and departures during a listen: every report reaches consumers as
+ *   HXF_ENDPOINT_DISCOVERY_RESULT_FOUND (a plugin cannot report
+ *   HXF_ENDPOINT_DISCOVERY_RESULT_LOST). Wrap the endpoint's UI meta data, the mark first:
+ *   `{"presence":"arrived","device":META}` for a device that came,
+ *   `{"presence":"left","device":META}` for one that went (META: the device's own UI meta
+ *   data, `{}` when it has none).
+ * - Order: a notification travels apart from results, so one sent right after a result may
+ *   reach the consumer first. When the order matters, end the request with the notification
+ *   itself (name its transaction in hxf_core_service_handler_notify()).
  */
 #ifndef HXF_PLUGIN_H
 #define HXF_PLUGIN_H

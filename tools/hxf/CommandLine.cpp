@@ -140,7 +140,9 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args, const Environ
   app.fallthrough();             // global options may also follow the subcommand
   app.set_version_flag("--version", std::string("hxf ") + HXF_TOOL_VERSION);
   app.footer(kFooter);
-  app.add_option("--plugin", raw.plugins, "provider plugin to load (repeatable; default: sim)");
+  app.add_option("--plugin", raw.plugins,
+                 "provider plugin to load, by NAME or (host builds) by the path of its "
+                 "libhxf-plugin-NAME.so (repeatable; default: sim)");
   app.add_flag("--json", raw.json, "one JSON object per event and line");
   app.add_option("--log-level", raw.log_level, "show the core's log on stderr")
       ->check(CLI::IsMember(kLogLevels));

@@ -4,6 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+
+#include <grp.h>
+#include <unistd.h>
 
 #include "BusValues.h"
 #include "CPluginInfo.h"
@@ -54,7 +58,8 @@ const sd_bus_vtable kBrokerVtable[] = {
 
 // ---- life ----
 
-CBusBroker::CBusBroker(sd_bus* bus, sd_event* event) : context_(bus, event) {}
+CBusBroker::CBusBroker(sd_bus* bus, sd_event* event)
+    : context_(bus, event), monitor_users_{0, geteuid()}, monitor_group_("hxf-monitor") {}
 
 CBusBroker::~CBusBroker() {
   Stop();
@@ -164,6 +169,7 @@ CCaller* CBusBroker::ReadService(sd_bus_message* m, std::string* service, sd_bus
     return nullptr;
   }
   *service = name;
+  if (!context_.NameFits("the service name", *service, error)) return nullptr;
   return context_.Callers().Of(m, error);
 }
 
@@ -185,6 +191,12 @@ int CBusBroker::StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error) 
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_SERVICE_NAME), "the service name is empty");
   if (!listen && timeout_ms == 0)
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), "timeout_ms must be above 0");
+  if (!context_.NameFits("the service name", service, error)) return -EINVAL;
+  if (!listen && timeout_ms > context_.Limit().search_timeout_ms)
+    return RefuseLimit(error,
+                       "timeout_ms " + std::to_string(timeout_ms) + " is above " +
+                           std::to_string(context_.Limit().search_timeout_ms) + " ms",
+                       "max-search-timeout-ms");
   CCaller* caller = context_.Callers().Of(m, error);
   if (caller == nullptr) return -EINVAL;
   return caller->StartWatch(m, service, listen, timeout_ms, error);
@@ -196,6 +208,7 @@ int CBusBroker::OnGetDevices(sd_bus_message* m, void* self, sd_bus_error* error)
   const int r = sd_bus_message_read(m, "su", &service, &timeout_ms);
   if (r < 0) return r;
   if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
+  if (!Self(self)->context_.NameFits("the service name", service, error)) return -EINVAL;
   CCaller* caller = Self(self)->context_.Callers().Of(m, error);
   if (caller == nullptr) return -EINVAL;
   return caller->GetDevices(m, service, timeout_ms, error);
@@ -215,8 +228,55 @@ int CBusBroker::OnRequest(sd_bus_message* m, void* self, sd_bus_error* error) {
   return caller->DirectRequest(m, service, error);
 }
 
+void CBusBroker::SetMonitorAccess(std::vector<uid_t> users, std::string group) {
+  monitor_users_ = std::move(users);
+  monitor_group_ = std::move(group);
+}
+
+bool CBusBroker::MayMonitor(sd_bus_message* m, std::string* why) const {
+  // Every caller's requests, payloads and devices: for root, hxfd's own user and the group
+  // named in the configuration only. The bus policy says as much; hxfd does not rely on it.
+  sd_bus_creds* raw = nullptr;
+  int r = sd_bus_query_sender_creds(
+      m, SD_BUS_CREDS_EUID | SD_BUS_CREDS_UID | SD_BUS_CREDS_EGID | SD_BUS_CREDS_GID |
+             SD_BUS_CREDS_SUPPLEMENTARY_GIDS | SD_BUS_CREDS_AUGMENT,
+      &raw);
+  // A direct connection (no bus daemon to ask) has one peer: its credentials.
+  if (r < 0 && sd_bus_is_bus_client(sd_bus_message_get_bus(m)) <= 0)
+    r = sd_bus_get_owner_creds(sd_bus_message_get_bus(m),
+                               SD_BUS_CREDS_EUID | SD_BUS_CREDS_UID | SD_BUS_CREDS_EGID |
+                                   SD_BUS_CREDS_GID | SD_BUS_CREDS_SUPPLEMENTARY_GIDS |
+                                   SD_BUS_CREDS_AUGMENT,
+                               &raw);
+  std::unique_ptr<sd_bus_creds, sd_bus_creds* (*)(sd_bus_creds*)> creds(raw, &sd_bus_creds_unref);
+  uid_t uid = 0;
+  if (r < 0 || (sd_bus_creds_get_euid(raw, &uid) < 0 && sd_bus_creds_get_uid(raw, &uid) < 0)) {
+    *why = "the caller's user cannot be told";
+    return false;
+  }
+  if (std::find(monitor_users_.begin(), monitor_users_.end(), uid) != monitor_users_.end())
+    return true;
+  std::vector<gid_t> gids;
+  gid_t gid = 0;
+  if (sd_bus_creds_get_egid(raw, &gid) >= 0 || sd_bus_creds_get_gid(raw, &gid) >= 0)
+    gids.push_back(gid);
+  const gid_t* more = nullptr;
+  const int n = sd_bus_creds_get_supplementary_gids(raw, &more);
+  for (int i = 0; i < n; ++i) gids.push_back(more[i]);
+  const struct group* group = monitor_group_.empty() ? nullptr : getgrnam(monitor_group_.c_str());
+  if (group != nullptr && std::find(gids.begin(), gids.end(), group->gr_gid) != gids.end())
+    return true;
+  *why = "user " + std::to_string(uid) + " is not root, not hxfd's own user and not in group " +
+         (monitor_group_.empty() ? std::string("(none configured)") : monitor_group_) +
+         (group == nullptr && !monitor_group_.empty() ? " (no such group)" : "");
+  return false;
+}
+
 int CBusBroker::OnMonitor(sd_bus_message* m, void* self, sd_bus_error* error) {
   CBusBroker* broker = Self(self);
+  std::string why;
+  if (!broker->MayMonitor(m, &why))
+    return Refuse(error, SD_BUS_ERROR_ACCESS_DENIED, "the monitor shows every caller's traffic: " + why);
   CCaller* caller = broker->context_.Callers().Of(m, error);
   if (caller == nullptr) return -EINVAL;
   broker->context_.Monitor().Add(caller->Name());

@@ -10,6 +10,8 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -33,6 +35,15 @@ class CBusBroker {
   // Records a plugin's load, or its failure and why: the Plugins and Services properties
   // change (PropertiesChanged) and monitors hear of it.
   void PluginLoaded(const std::string& name, bool ok, const std::string& reason = "");
+
+  // Who may call Monitor: these users (by default root and hxfd's own) and the members of
+  // `group` (the configuration's monitor-group, by default hxf-monitor).
+  void SetMonitorAccess(std::vector<uid_t> users, std::string group);
+  // The limits of every caller (before Start).
+  void SetLimits(const Limits& limits) {
+    context_.Limit() = limits;
+    context_.Monitor().SetUnreadLimit(limits.monitor_unread);
+  }
 
   // Runs `task` on the bus thread (any thread).
   void Post(std::function<void()> task) { context_.Routes().Post(std::move(task)); }
@@ -69,10 +80,14 @@ class CBusBroker {
   // error set) on an empty name.
   CCaller* ReadService(sd_bus_message* m, std::string* service, sd_bus_error* error);
   int StartWatch(sd_bus_message* m, bool listen, sd_bus_error* error);
+  // Whether the caller of `m` may see every caller's traffic; `why` set when not.
+  bool MayMonitor(sd_bus_message* m, std::string* why) const;
 
   mutable CBusContext context_;
   hxf_tool::BusSlot slot_;
   std::vector<Plugin> plugins_;  // in load order
+  std::vector<uid_t> monitor_users_;
+  std::string monitor_group_;
 };
 
 }  // namespace hxfd

@@ -20,6 +20,26 @@ std::string CBusContext::NewPath(const char* kind) {
   return std::string(hxf_tool::kBrokerPath) + "/" + kind + "/" + text;
 }
 
+std::string Quoted(const std::string& text) {
+  constexpr size_t kShown = 32;
+  if (text.size() <= kShown) return "\"" + text + "\"";
+  size_t cut = kShown;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;  // whole UTF-8
+  return "\"" + text.substr(0, cut) + "\"... (" + std::to_string(text.size()) + " bytes)";
+}
+
+int RefuseLimit(sd_bus_error* error, const std::string& what, const char* key) {
+  return Refuse(error, kErrorLimitsExceeded, what + " (limit " + key + " in hxfd.conf)");
+}
+
+bool CBusContext::NameFits(const char* what, const std::string& name, sd_bus_error* error) const {
+  if (name.size() <= limits_.name_bytes) return true;
+  RefuseLimit(error, std::string(what) + " " + Quoted(name) + " is longer than " +
+                         std::to_string(limits_.name_bytes) + " bytes",
+              "max-name-bytes");
+  return false;
+}
+
 int Refuse(sd_bus_error* error, const char* name, const std::string& message) {
   return sd_bus_error_set(error, name, message.c_str());
 }

@@ -20,6 +20,19 @@ namespace hxfd {
 // sd-bus and GDBus); a time-out that long would be answered after the caller gave up.
 constexpr uint32_t kCallTimeoutMs = 25000;
 
+// What one caller may hold and send, and what a monitor may leave unread; hxfd.conf sets
+// them (hxfd(1), LIMITS). A call beyond one is refused org.hxf.Error.LimitsExceeded, naming it.
+struct Limits {
+  uint32_t sessions = 256;             // per caller: Subscribe's, and Request's one per service
+  uint32_t watches = 256;              // per caller: searches and listens
+  uint32_t pending = 1024;             // per caller: device lists and requests awaiting the core
+  uint32_t name_bytes = 255;           // a service, operation or property name
+  uint32_t text_bytes = 64 * 1024;     // a text value
+  uint32_t request_bytes = 1 << 20;    // a request's names and values together
+  uint32_t search_timeout_ms = 3600 * 1000;  // a search's time-out
+  uint32_t monitor_unread = 4096;      // events a monitor has not read: it is dropped beyond
+};
+
 // Who still needs a provider's search of a service (a listen, or a search or a device list).
 // The core tells every provider to stop when any one client stops, even while others still
 // search: hxfd tells the core only when the last one that needs it ends.
@@ -63,6 +76,10 @@ class CBusContext {
   CMonitor& Monitor() { return monitor_; }
   CCallers& Callers() { return callers_; }
   CProviderSearches& Searches() { return searches_; }
+  Limits& Limit() { return limits_; }
+  // Whether `name` (the service's, the operation's...: `what`) is short enough; `error` set
+  // when not, quoting only its start.
+  bool NameFits(const char* what, const std::string& name, sd_bus_error* error) const;
   // A new object path under the broker's, /org/hxf/Broker/KIND/ID: ID is random (64 bits), so
   // that no caller can guess another's objects.
   std::string NewPath(const char* kind);
@@ -71,11 +88,19 @@ class CBusContext {
   sd_bus* bus_;
   sd_event* event_;
   CProviderSearches searches_;
+  Limits limits_;
   // Destroyed in reverse: the callers (their core clients, objects and tokens) first.
   CCoreRoutes routes_;
   CMonitor monitor_;
   CCallers callers_;
 };
+
+// hxfd's own error for a call beyond one of its limits (Limits).
+constexpr const char* kErrorLimitsExceeded = "org.hxf.Error.LimitsExceeded";
+// `text` as an error quotes it: the first bytes only.
+std::string Quoted(const std::string& text);
+// Refuses with kErrorLimitsExceeded: what went beyond, and the limit's key in hxfd.conf.
+int RefuseLimit(sd_bus_error* error, const std::string& what, const char* key);
 
 // Sets `error` to `name` with `message`; returns a negative errno for the handler to return.
 int Refuse(sd_bus_error* error, const char* name, const std::string& message);

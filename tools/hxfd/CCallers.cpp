@@ -61,6 +61,8 @@ int CCaller::StartWatch(sd_bus_message* m, const std::string& service, bool list
                     std::string(listen ? "already listening to " : "already searching ") + service +
                         " (" + path + ")");
   }
+  if (watches_.size() >= context_.Limit().watches)
+    return RefuseLimit(error, "this caller already has " + std::to_string(watches_.size()) + " searches and listens", "max-watches-per-caller");
   int r = 0;
   std::unique_ptr<CWatch> watch =
       CWatch::Start(context_, *this, service, listen, timeout_ms, error, &r);
@@ -79,6 +81,7 @@ int CCaller::GetDevices(sd_bus_message* m, const std::string& service, uint32_t 
   if (lists_.count(service) != 0)
     return Refuse(error, hxf_tool::kErrorInProgress,
                   "a device list of " + service + " is already on its way");
+  if (!PendingFits(error)) return -EINVAL;
   const hxf_error_e asked = hxf_core_client_get_device_list(
       client_, View(service), &CCoreRoutes::OnList, timeout_ms, CCoreRoutes::UserData(token_));
   if (asked != HXF_ERROR_NONE) return Refuse(error, ErrorName(asked), "cannot list " + service);
@@ -162,7 +165,43 @@ void CCaller::Expire() {
   }
 }
 
+bool CCaller::PendingFits(sd_bus_error* error) const {
+  if (Pending() < context_.Limit().pending) return true;
+  RefuseLimit(error, "this caller already waits for " + std::to_string(Pending()) + " answers", "max-pending-per-caller");
+  return false;
+}
+
+bool CCaller::PropertiesFit(const std::vector<hxf_tool::PropertyValue>& properties,
+                            sd_bus_error* error) const {
+  const Limits& limits = context_.Limit();
+  uint64_t total = 0;
+  for (const hxf_tool::PropertyValue& p : properties) {
+    if (!context_.NameFits("the property name", p.name, error)) return false;
+    total += p.name.size();
+    if (p.value.is_string()) {
+      const std::string& text = p.value.get_ref<const std::string&>();
+      if (text.size() > limits.text_bytes) {
+        RefuseLimit(error, "the value of " + Quoted(p.name) + " is longer than " + std::to_string(limits.text_bytes) + " bytes", "max-text-bytes");
+        return false;
+      }
+      total += text.size();
+    } else {
+      total += 8;
+    }
+  }
+  if (total <= limits.request_bytes) return true;
+  RefuseLimit(error, "the request's properties take " + std::to_string(total) + " bytes, more than " + std::to_string(limits.request_bytes), "max-request-bytes");
+  return false;
+}
+
+bool CCaller::SessionFits(sd_bus_error* error) const {
+  if (Sessions() < context_.Limit().sessions) return true;
+  RefuseLimit(error, "this caller already has " + std::to_string(Sessions()) + " sessions", "max-sessions-per-caller");
+  return false;
+}
+
 int CCaller::Subscribe(sd_bus_message* m, const std::string& service, sd_bus_error* error) {
+  if (!SessionFits(error)) return -EINVAL;
   int r = 0;
   std::unique_ptr<CSession> session = CSession::Make(context_, *this, service, true, error, &r);
   if (session == nullptr) return r;
@@ -180,6 +219,10 @@ int CCaller::DirectRequest(sd_bus_message* m, const std::string& service, sd_bus
   // the bus; it has no object, so its notifications go nowhere.
   std::unique_ptr<CSession>& session = direct_[service];
   if (session == nullptr) {
+    if (!SessionFits(error)) {
+      direct_.erase(service);
+      return -EINVAL;
+    }
     int r = 0;
     session = CSession::Make(context_, *this, service, false, error, &r);
     if (session == nullptr) {
@@ -196,10 +239,13 @@ int CCaller::SendRequest(sd_bus_message* m, const CSession& session, sd_bus_erro
   if (r < 0) return r;
   if (*operation == '\0')
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), "the operation is empty");
+  if (!context_.NameFits("the operation", operation, error)) return -EINVAL;
+  if (!PendingFits(error)) return -EINVAL;
   std::vector<hxf_tool::PropertyValue> properties;
   std::string problem;
   if ((r = hxf_tool::ReadProperties(m, &properties, &problem)) < 0)
     return problem.empty() ? r : Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), problem);
+  if (!PropertiesFit(properties, error)) return -EINVAL;
   std::unique_ptr<void, void (*)(hxf_property_list_h)> list(
       hxf_tool::MakeList(operation, properties), &hxf_property_list_destroy);
   uint32_t timeout_ms = 0;

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "CCoreRoutes.h"
 #include "CPendingCall.h"
@@ -76,6 +77,12 @@ class CCaller {
   void Disarm(const CPendingCall& call) { deadlines_.erase(call.Deadline()); }
   void Expire();
   static int OnDeadline(sd_event_source*, uint64_t, void* self);
+  // Whether this caller may have one more waiting call, one more session; a request's
+  // properties within the limits. `error` set when not.
+  bool PendingFits(sd_bus_error* error) const;
+  bool SessionFits(sd_bus_error* error) const;
+  bool PropertiesFit(const std::vector<hxf_tool::PropertyValue>& properties,
+                     sd_bus_error* error) const;
   // A list of `service` answered or given up: the provider's search may stop.
   void EndList(const std::string& service);
 

@@ -32,6 +32,11 @@ std::string Quote(const std::string& text) {
 
 }  // namespace
 
+const char* const CDaemonConfig::kLimitKeys[] = {
+    "max-sessions-per-caller", "max-watches-per-caller", "max-pending-per-caller",
+    "max-name-bytes",          "max-text-bytes",         "max-request-bytes",
+    "max-search-timeout-ms",   "max-monitor-unread"};
+
 bool CDaemonConfig::Load(const std::string& path, bool missing_ok, std::string* error) {
   FILE* file = std::fopen(path.c_str(), "r");
   if (file == nullptr) {
@@ -55,7 +60,8 @@ bool CDaemonConfig::Load(const std::string& path, bool missing_ok, std::string* 
 bool CDaemonConfig::Parse(const std::string& text, const std::string& name, std::string* error) {
   // Every key once; its setter checks the value.
   static const Key kKeys[] = {{"plugins", &CDaemonConfig::_SetPlugins},
-                              {"log-level", &CDaemonConfig::_SetLogLevel}};
+                              {"log-level", &CDaemonConfig::_SetLogLevel},
+                              {"monitor-group", &CDaemonConfig::_SetMonitorGroup}};
   std::map<std::string, size_t> seen;  // key -> its line
   std::istringstream lines(text);
   std::string line;
@@ -73,8 +79,11 @@ bool CDaemonConfig::Parse(const std::string& text, const std::string& name, std:
     }
     const Key* known = std::find_if(std::begin(kKeys), std::end(kKeys),
                                     [&](const Key& k) { return key == k.name; });
-    if (known == std::end(kKeys)) {
-      return wrong("unknown key " + Quote(key) + " (known: plugins, log-level)");
+    const bool limit = std::find_if(std::begin(kLimitKeys), std::end(kLimitKeys), [&](const char* k) {
+                         return key == k;
+                       }) != std::end(kLimitKeys);
+    if (known == std::end(kKeys) && !limit) {
+      return wrong("unknown key " + Quote(key) + " (known: plugins, log-level, monitor-group, max-...: see hxfd(1))");
     }
     if (const auto first = seen.find(key); first != seen.end()) {
       return wrong("duplicate key \"" + key + "\" (first on line " +
@@ -83,7 +92,7 @@ bool CDaemonConfig::Parse(const std::string& text, const std::string& name, std:
     seen.emplace(key, number);
     const std::string value = Trim(content.substr(equals + 1));
     if (value.empty()) return wrong(key + " needs a value");
-    const std::string problem = (this->*known->set)(value);
+    const std::string problem = limit ? _SetLimit(key, value) : (this->*known->set)(value);
     if (!problem.empty()) return wrong(problem);
   }
   return true;
@@ -99,6 +108,23 @@ std::string CDaemonConfig::_SetPlugins(const std::string& value) {
     plugins.push_back(plugin);
   }
   plugins_ = std::move(plugins);
+  return "";
+}
+
+std::string CDaemonConfig::_SetMonitorGroup(const std::string& value) {
+  if (value.find_first_of(kBlanks) != std::string::npos)
+    return "monitor-group " + Quote(value) + " is not one group name";
+  monitor_group_ = value;
+  return "";
+}
+
+std::string CDaemonConfig::_SetLimit(const std::string& key, const std::string& value) {
+  const bool digits = !value.empty() && value.size() <= 10 &&
+                      value.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long long number = digits ? std::stoull(value) : 0;
+  if (!digits || number == 0 || number > UINT32_MAX)
+    return key + " " + Quote(value) + " is not a number from 1 to 4294967295";
+  limits_[key] = static_cast<uint32_t>(number);
   return "";
 }
 

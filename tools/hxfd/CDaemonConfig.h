@@ -1,8 +1,12 @@
 // hxfd's configuration file (by default /etc/hxf/hxfd.conf): one `key = value` per line,
 // `#` starts a comment, blank lines are ignored. Keys: `plugins` (names separated by
-// blanks) and `log-level` (debug, info or error). The command line overrides the file.
+// blanks), `log-level` (debug, info or error), `monitor-group` (a group whose members may
+// monitor) and the limits, `max-...` (a number each; hxfd(1), LIMITS). The command line
+// overrides the file.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,14 +25,24 @@ class CDaemonConfig {
   // Empty when the file does not set them.
   const std::vector<std::string>& Plugins() const { return plugins_; }
   const std::string& LogLevel() const { return log_level_; }
+  // Empty when not set: the default group, hxf-monitor.
+  const std::string& MonitorGroup() const { return monitor_group_; }
+  // The limits set, by key (max-sessions-per-caller...).
+  const std::map<std::string, uint32_t>& Limits() const { return limits_; }
+  // The keys of the limits.
+  static const char* const kLimitKeys[];
 
  private:
   // Each returns what is wrong with `value`, or an empty text.
   std::string _SetPlugins(const std::string& value);
   std::string _SetLogLevel(const std::string& value);
+  std::string _SetMonitorGroup(const std::string& value);
+  std::string _SetLimit(const std::string& key, const std::string& value);
 
   std::vector<std::string> plugins_;
   std::string log_level_;
+  std::string monitor_group_;
+  std::map<std::string, uint32_t> limits_;
 };
 
 }  // namespace hxfd

@@ -44,22 +44,57 @@ int CMonitor::Start() {
                                   hxf_tool::kMonitorInterface, kMonitorVtable, this);
 }
 
-void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller, const std::string& service,
-                     const std::string& operation, uint64_t transaction,
-                     const std::function<int(sd_bus_message*)>& payload) const {
+void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller,
+                     const std::string& service, const std::string& operation,
+                     uint64_t transaction, const std::function<int(sd_bus_message*)>& payload) {
   if (monitors_.empty()) return;
   const uint64_t now = NowUs();
-  for (const std::string& monitor : monitors_) {
-    SendTo(bus_, monitor, hxf_tool::kBrokerPath, hxf_tool::kMonitorInterface, "Event",
-           [&](sd_bus_message* m) {
-             const int r = sd_bus_message_append(m, "tsssst", now, hxf_tool::Name(type), caller.c_str(),
-                                                 service.c_str(), operation.c_str(), transaction);
-             return r < 0 ? r : payload(m);
-           });
+  for (auto it = monitors_.begin(); it != monitors_.end();) {
+    const bool kept = Deliver(it->first, it->second, [&](sd_bus_message* m) {
+      const int r = sd_bus_message_append(m, "tsssst", now, hxf_tool::Name(type), caller.c_str(),
+                                          service.c_str(), operation.c_str(), transaction);
+      return r < 0 ? r : payload(m);
+    });
+    it = kept ? std::next(it) : monitors_.erase(it);
   }
 }
 
-void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller) const {
+bool CMonitor::Deliver(const std::string& monitor, Reader& reader,
+                       const std::function<int(sd_bus_message*)>& fill) {
+  constexpr uint64_t kPingEvery = 64;
+  if (unread_limit_ != 0 && reader.sent - reader.read >= unread_limit_) {
+    std::fprintf(stderr,
+                 "hxfd: monitor %s dropped: it left %llu events unread (limit "
+                 "max-monitor-unread in hxfd.conf); it gets no more\n",
+                 monitor.c_str(), static_cast<unsigned long long>(reader.sent - reader.read));
+    return false;
+  }
+  SendTo(bus_, monitor, hxf_tool::kBrokerPath, hxf_tool::kMonitorInterface, "Event", fill);
+  ++reader.sent;
+  if (reader.ping == nullptr && reader.sent - reader.read >= kPingEvery) {
+    reader.pinged_at = reader.sent;
+    const int r = sd_bus_call_method_async(bus_, hxf_tool::Out(reader.ping), monitor.c_str(), "/",
+                                           "org.freedesktop.DBus.Peer", "Ping", &CMonitor::OnPong,
+                                           this, "");
+    if (r < 0) reader.ping.reset();
+  }
+  return true;
+}
+
+int CMonitor::OnPong(sd_bus_message*, void* self, sd_bus_error*) {
+  auto* monitor = static_cast<CMonitor*>(self);
+  for (auto& [name, reader] : monitor->monitors_) {
+    if (reader.ping == nullptr || sd_bus_get_current_slot(monitor->bus_) != reader.ping.get())
+      continue;
+    // An error answers too: the monitor read the ping.
+    reader.read = reader.pinged_at;
+    reader.ping.reset();
+    break;
+  }
+  return 0;
+}
+
+void CMonitor::Event(hxf_tool::MonitorType type, const std::string& caller) {
   Event(type, caller, "", "", 0,
         [](sd_bus_message* m) { return sd_bus_message_append(m, "a{sv}", 0); });
 }

@@ -2,6 +2,7 @@
 // configuration file and serves org.hxf.Broker on the session bus, the system bus or a given
 // address until SIGTERM or SIGINT.
 #include <signal.h>
+#include <unistd.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
@@ -33,7 +34,25 @@ struct Options {
   std::vector<std::string> plugins{"sim"};
   std::string log_level;
   std::string config = HXFD_DEFAULT_CONFIG;
+  std::string monitor_group = "hxf-monitor";
+  hxfd::Limits limits;
 };
+
+// A limit of the configuration, by its key (CDaemonConfig::kLimitKeys).
+void SetLimit(hxfd::Limits* limits, const std::string& key, uint32_t value) {
+  const std::pair<const char*, uint32_t hxfd::Limits::*> kMembers[] = {
+      {"max-sessions-per-caller", &hxfd::Limits::sessions},
+      {"max-watches-per-caller", &hxfd::Limits::watches},
+      {"max-pending-per-caller", &hxfd::Limits::pending},
+      {"max-name-bytes", &hxfd::Limits::name_bytes},
+      {"max-text-bytes", &hxfd::Limits::text_bytes},
+      {"max-request-bytes", &hxfd::Limits::request_bytes},
+      {"max-search-timeout-ms", &hxfd::Limits::search_timeout_ms},
+      {"max-monitor-unread", &hxfd::Limits::monitor_unread}};
+  for (const auto& [name, member] : kMembers) {
+    if (key == name) limits->*member = value;
+  }
+}
 
 int g_log_threshold = DLOG_SILENT;
 
@@ -48,6 +67,8 @@ bool ApplyConfig(const CLI::App& app, Options* options) {
   }
   if (app.count("--plugin") == 0 && !config.Plugins().empty()) options->plugins = config.Plugins();
   if (app.count("--log-level") == 0) options->log_level = config.LogLevel();
+  if (!config.MonitorGroup().empty()) options->monitor_group = config.MonitorGroup();
+  for (const auto& [key, value] : config.Limits()) SetLimit(&options->limits, key, value);
   return true;
 }
 
@@ -96,7 +117,14 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
     broker->PluginLoaded(plugin, false, reason);
   };
   hxf_tool::WatchLoadReports(reported, &loads);
-  for (const std::string& plugin : plugins) {
+  for (const std::string& argument : plugins) {
+    // A path (host builds) loads under the NAME of its libhxf-plugin-NAME.so.
+    const std::string plugin = hxf_tool::PluginName(argument);
+    const std::string problem = hxf_tool::PluginPathProblem(argument);
+    if (!problem.empty()) {
+      failed(argument, problem);
+      continue;
+    }
     size_t before = 0;
     {
       std::lock_guard<std::mutex> lock(loads.mutex);
@@ -105,11 +133,13 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
       before = loads.results.size();
     }
     const hxf_error_e refused =
-        hxf_core_plugin_load(hxf_string{plugin.c_str(), static_cast<uint32_t>(plugin.size())},
+        hxf_core_plugin_load(hxf_string{argument.c_str(), static_cast<uint32_t>(argument.size())},
                              loaded, &loads);
     if (refused != HXF_ERROR_NONE) {
       failed(plugin, refused == HXF_ERROR_OPERATION_FAILED ? "load refused: it is already loaded"
-                                                           : "load refused");
+                     : refused == HXF_ERROR_INVALID_PARAMETER && hxf_tool::IsPluginPath(argument)
+                         ? "load refused: " + hxf_tool::PluginPathRefusal()
+                         : "load refused");
       continue;
     }
     Result result;
@@ -136,7 +166,7 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
     if (result.ok) {
       broker->PluginLoaded(plugin, true);
     } else {
-      failed(plugin, hxf_tool::LoadFailureReason(plugin));
+      failed(plugin, hxf_tool::LoadFailureReason(argument));
     }
   }
   hxf_tool::WatchLoadReports(nullptr, nullptr);
@@ -188,6 +218,8 @@ int main(int argc, char** argv) {
   int code = 0;
   {
     hxfd::CBusBroker broker(bus, event);
+    broker.SetLimits(options.limits);
+    broker.SetMonitorAccess({0, geteuid()}, options.monitor_group);
     r = broker.Start();
     if (r < 0) {
       std::fprintf(stderr, "hxfd: cannot serve %s: %s%s\n", hxf_tool::kBusName,

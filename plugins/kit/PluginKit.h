@@ -6,12 +6,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include "CLocks.h"    // common/include_internal: locks clang's -Wthread-safety checks
 #include "Presence.h"  // tools/common: the departure mark hxf and hxfd read
 #include "hxf_core.h"
 
@@ -164,29 +164,33 @@ using Handlers = std::vector<std::pair<std::string, hxf_service_handler_h>>;
 // unsubscribe, which ends the service until something names it again.
 inline bool DestroyHandlers(const Handlers& handlers, std::chrono::milliseconds wait) {
   struct Countdown {
-    std::mutex mutex;  // guards left; the core's thread counts down, the caller waits
+    HXFramework::CMutex mutex;  // the core's thread counts down, the caller waits
     std::condition_variable done;
-    size_t left = 0;
+    size_t left HXF_GUARDED_BY(mutex) = 0;
   };
   // On the heap: a callback that comes after a wait that ran out must still find it (then
   // it is left behind on purpose).
   auto* countdown = new Countdown;
   const auto destroyed = [](hxf_service_handler_h, void* user_data) {
     auto* c = static_cast<Countdown*>(user_data);
-    std::lock_guard<std::mutex> lock(c->mutex);
+    HXFramework::CMutexLock lock(c->mutex);
     --c->left;
     c->done.notify_all();
   };
   for (const auto& [service, handler] : handlers) {
     hxf_core_service_handler_unsubscribe_service(handler, View(service));
-    std::lock_guard<std::mutex> lock(countdown->mutex);
+    HXFramework::CMutexLock lock(countdown->mutex);
     if (hxf_core_service_handler_destroy_async(handler, destroyed, countdown) == HXF_ERROR_NONE)
       ++countdown->left;
   }
   bool all = false;
   {
-    std::unique_lock<std::mutex> lock(countdown->mutex);
-    all = countdown->done.wait_for(lock, wait, [&] { return countdown->left == 0; });
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    HXFramework::CMutexLock lock(countdown->mutex);
+    while (countdown->left != 0 &&
+           countdown->done.wait_until(lock.Native(), deadline) == std::cv_status::no_timeout) {
+    }
+    all = countdown->left == 0;
   }
   if (all) delete countdown;
   return all;

@@ -83,6 +83,7 @@ void Plugin::Stop() {
 // ---- discovery ----
 
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
+  worker_.AssertOnWorker();
   hxf_plugin_kit::ReportFound(services_[service].handler, service, device, presence);
 }
 
@@ -139,7 +140,8 @@ void Plugin::Listen(const std::string& service) {
       worker_.Post(
           [this, service, id, still_listening] {
             if (!still_listening()) return;
-            if (const Device* found = model_.Find(service, id)) Report(service, *found, hxf_tool::kPresenceLeft);
+            if (const Device* found = model_.Find(service, id))
+              Report(service, *found, hxf_tool::kPresenceLeft);
           },
           device.depart_after_ms);
     }
@@ -157,6 +159,7 @@ void Plugin::AddDevice(Device device) {
 
 void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
                     hxf_property_list_h result, hxf_error_e error) {
+  worker_.AssertOnWorker();
   hxf_core_service_handler_send_request_result(services_[service].handler, View(service), result,
                                                transaction, error);
   hxf_property_list_destroy(result);

@@ -7,8 +7,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
+
+#include "CLocks.h"
 
 namespace hxf_sim {
 
@@ -20,17 +21,22 @@ class Worker {
   // Runs no further task and joins the thread; later posts are dropped.
   void Stop();
   void Post(Task task, uint32_t delay_ms = 0);
+  // Stops the process when the caller is not the worker: for code that touches what only
+  // the worker may.
+  void AssertOnWorker() const;
 
  private:
   using Clock = std::chrono::steady_clock;
   void Run();
 
-  std::mutex mutex_;  // guards tasks_, sequence_ and stopping_
-  std::condition_variable wake_;
-  std::multimap<std::pair<Clock::time_point, uint64_t>, Task> tasks_;  // (due, posting order)
-  uint64_t sequence_ = 0;
-  bool stopping_ = false;
+  HXFramework::CMutex mutex_;
+  std::condition_variable wake_;  // the one hand-off: Post wakes the worker
+  // (due, posting order)
+  std::multimap<std::pair<Clock::time_point, uint64_t>, Task> tasks_ HXF_GUARDED_BY(mutex_);
+  uint64_t sequence_ HXF_GUARDED_BY(mutex_) = 0;
+  bool stopping_ HXF_GUARDED_BY(mutex_) = false;
   std::thread thread_;
+  std::thread::id worker_id_;  // set by the worker before its first task
 };
 
 }  // namespace hxf_sim

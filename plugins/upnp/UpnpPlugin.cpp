@@ -73,7 +73,7 @@ void Plugin::Stop() {
 }
 
 void Plugin::Post(Task task) {
-  std::lock_guard<std::mutex> lock(post_mutex_);
+  HXFramework::CMutexLock lock(post_mutex_);
   if (stopping_) return;
   posted_.push_back(std::move(task));
   // Only the eventfd is touched here, never GLib: the plugin thread's source watching it
@@ -92,18 +92,26 @@ gboolean Plugin::RunPosted(gint fd, GIOCondition, gpointer self) {
     dlog_print(DLOG_ERROR, kTag, "upnp: cannot read the wake-up: %s\n", strerror(errno));
   std::deque<Task> tasks;
   {
-    std::lock_guard<std::mutex> lock(plugin->post_mutex_);
+    HXFramework::CMutexLock lock(plugin->post_mutex_);
     tasks.swap(plugin->posted_);
   }
   for (Task& task : tasks) {
     task();
-    std::lock_guard<std::mutex> lock(plugin->post_mutex_);
+    HXFramework::CMutexLock lock(plugin->post_mutex_);
     if (plugin->stopping_) break;  // posted before the stop, but Teardown has run
   }
   return G_SOURCE_CONTINUE;
 }
 
+void Plugin::AssertPluginThread() const {
+  if (std::this_thread::get_id() != plugin_thread_) {
+    dlog_print(DLOG_FATAL, kTag, "upnp: plugin-thread code ran on another thread\n");
+    std::abort();
+  }
+}
+
 void Plugin::Run() {
+  plugin_thread_ = std::this_thread::get_id();
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);  // before any GUPnP object is made
   loop_ = g_main_loop_new(context, FALSE);
@@ -121,7 +129,7 @@ void Plugin::Run() {
     Teardown();
   }
   {
-    std::lock_guard<std::mutex> lock(post_mutex_);
+    HXFramework::CMutexLock lock(post_mutex_);
     stopping_ = true;
   }
   g_source_destroy(wake_source_);
@@ -166,6 +174,7 @@ bool Plugin::Setup() {
 }
 
 void Plugin::Teardown() {
+  AssertPluginThread();
   // Disconnect first: destroying a control point announces every device as unavailable.
   if (manager_ != nullptr) g_signal_handlers_disconnect_by_data(manager_, this);
   for (GUPnPControlPoint* point : control_points_)
@@ -178,12 +187,22 @@ void Plugin::Teardown() {
       g_source_destroy(source);
   }
   sources_.clear();
-  // Let the UNSUBSCRIBE messages and the cancelled calls finish, for a bounded time.
-  const gint64 until = g_get_monotonic_time() + kUnsubscribeMs * 1000;
+  // Let the UNSUBSCRIBE messages and the cancelled calls finish, for a bounded time: the
+  // loop sleeps until something is due or the timer ends it, not in 10 ms naps.
   GMainContext* context = g_main_loop_get_context(loop_);
-  while (g_get_monotonic_time() < until) {
-    if (!g_main_context_iteration(context, FALSE)) g_usleep(10 * 1000);
-  }
+  bool waited = false;
+  GSource* timer = g_timeout_source_new(kUnsubscribeMs);
+  g_source_set_callback(
+      timer,
+      [](gpointer flag) {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &waited, nullptr);
+  g_source_attach(timer, context);
+  while (!waited) g_main_context_iteration(context, TRUE);
+  g_source_destroy(timer);
+  g_source_unref(timer);
   for (auto& [udn, device] : devices_) Forget(&device);
   devices_.clear();
   for (GUPnPControlPoint* point : control_points_) g_object_unref(point);
@@ -193,7 +212,7 @@ void Plugin::Teardown() {
   if (cancellable_ != nullptr) g_object_unref(cancellable_);
   cancellable_ = nullptr;
   {
-    std::lock_guard<std::mutex> lock(post_mutex_);
+    HXFramework::CMutexLock lock(post_mutex_);
     stopping_ = true;  // no more posts: the core's late callbacks are dropped
   }
   g_main_loop_quit(loop_);
@@ -347,6 +366,7 @@ void Plugin::Rescan() {
 }
 
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
+  AssertPluginThread();
   hxf_plugin_kit::ReportFound(handlers_[service], service, device.endpoint, presence);
 }
 

@@ -12,13 +12,13 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CLocks.h"
 #include "PluginKit.h"
 #include "hxf_core.h"
 
@@ -81,6 +81,9 @@ class Plugin {
 
   // Any thread: runs `task` on the plugin thread; dropped once the plugin is stopping.
   void Post(Task task);
+  // Stops the process when the caller is not the plugin thread: for code that touches GLib
+  // or what only that thread may.
+  void AssertPluginThread() const;
   // The plugin thread's source on wake_fd_: runs what was posted.
   static gboolean RunPosted(gint fd, GIOCondition, gpointer self);
 
@@ -151,9 +154,10 @@ class Plugin {
   static void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h, void*) {}
 
   std::thread thread_;
-  std::mutex post_mutex_;  // guards posted_ and stopping_ for Post from any thread
-  std::deque<Task> posted_;
-  bool stopping_ = false;
+  HXFramework::CMutex post_mutex_;  // for Post from any thread
+  std::deque<Task> posted_ HXF_GUARDED_BY(post_mutex_);
+  bool stopping_ HXF_GUARDED_BY(post_mutex_) = false;
+  std::thread::id plugin_thread_;  // set by Run before its first task
   int wake_fd_ = -1;  // an eventfd: made by Start, closed by Stop after the thread has ended
 
   // Plugin thread only (the handlers are read by Stop after the thread has ended).

@@ -21,13 +21,13 @@ void CLoopTasks::Stop() {
   if (source_ != nullptr) source_ = sd_event_source_disable_unref(source_);
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
-  std::lock_guard<std::mutex> lock(mutex_);
+  HXFramework::CMutexLock lock(mutex_);
   tasks_.clear();
 }
 
 void CLoopTasks::Post(std::function<void()> task) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    HXFramework::CMutexLock lock(mutex_);
     tasks_.push_back(std::move(task));
   }
   const uint64_t one = 1;
@@ -41,7 +41,7 @@ int CLoopTasks::WakeUp(sd_event_source*, int fd, uint32_t, void* self) {
   auto* tasks = static_cast<CLoopTasks*>(self);
   std::deque<std::function<void()>> ready;
   {
-    std::lock_guard<std::mutex> lock(tasks->mutex_);
+    HXFramework::CMutexLock lock(tasks->mutex_);
     ready.swap(tasks->tasks_);
   }
   for (auto& task : ready) task();

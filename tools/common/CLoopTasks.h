@@ -8,8 +8,9 @@
 
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "CLocks.h"
 
 namespace hxf_tool {
 
@@ -36,8 +37,8 @@ class CLoopTasks {
   sd_event_source* source_ = nullptr;
   int fd_ = -1;
   std::thread::id loop_thread_;  // set by Start, before any other thread sees this object
-  std::mutex mutex_;  // guards tasks_: any thread pushes, the loop's thread takes
-  std::deque<std::function<void()>> tasks_;
+  HXFramework::CMutex mutex_;  // any thread pushes, the loop's thread takes
+  std::deque<std::function<void()>> tasks_ HXF_GUARDED_BY(mutex_);
 };
 
 }  // namespace hxf_tool

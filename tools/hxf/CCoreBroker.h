@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "CBroker.h"
+#include "CLocks.h"
 #include "COutput.h"
 #include "CPluginInfo.h"
 #include "hxf_core.h"
@@ -63,9 +64,10 @@ class CCoreBroker : public CBroker {
   bool opened_ = false;
   hxf_client_h client_ = nullptr;
   std::vector<PluginInfo> loaded_;  // what each loaded plugin says of itself, in load order
-  std::mutex names_mutex_;          // guards loading_ and known_: OnReport reads them
-  std::string loading_;
-  std::set<std::string> known_;  // the names the core has been asked to load
+  HXFramework::CMutex names_mutex_;  // OnReport reads the names on the core's thread
+  std::string loading_ HXF_GUARDED_BY(names_mutex_);
+  // The names the core has been asked to load.
+  std::set<std::string> known_ HXF_GUARDED_BY(names_mutex_);
 };
 
 }  // namespace hxf_tool

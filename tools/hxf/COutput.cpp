@@ -35,7 +35,7 @@ std::string COutput::Text(const nlohmann::json& value) {
 }
 
 void COutput::Write(FILE* stream, const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  HXFramework::CMutexLock lock(mutex_);
   if (countdown_shown_) {
     std::fputs(kEraseLine, stderr);
     std::fflush(stderr);
@@ -172,7 +172,7 @@ void COutput::Countdown(const std::string& what, double seconds_left) const {
   if (!countdown_) return;
   char left[32];
   std::snprintf(left, sizeof left, "%.1f", std::max(0.0, seconds_left));
-  std::lock_guard<std::mutex> lock(mutex_);
+  HXFramework::CMutexLock lock(mutex_);
   std::fprintf(stderr, "%s%s... %s s left", kEraseLine, what.c_str(), left);
   std::fflush(stderr);
   countdown_shown_ = true;
@@ -183,7 +183,7 @@ void COutput::EndCountdown() const {
 }
 
 void COutput::Interrupted() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  HXFramework::CMutexLock lock(mutex_);
   if (countdown_shown_) {
     std::fputs(kEraseLine, stderr);  // the "^C" went onto the countdown's line: both go
     countdown_shown_ = false;

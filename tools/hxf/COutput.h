@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdio>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -70,8 +69,8 @@ class COutput {
   const bool countdown_;  // human mode and stderr is a terminal
   // The main thread prints and the core's threads log: one lock keeps lines whole and the
   // countdown erased before either writes.
-  mutable std::mutex mutex_;
-  mutable bool countdown_shown_ = false;  // guarded by mutex_
+  mutable HXFramework::CMutex mutex_;
+  mutable bool countdown_shown_ HXF_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace hxf_tool

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "BusValues.h"
 #include "CBusContext.h"
@@ -14,6 +15,12 @@ namespace hxfd {
 using hxf_tool::ErrorName;
 
 namespace {
+
+// The core answers at the time-out; the grace is for a core or provider that never does (or
+// a busy loop), within the caller's own 25 s.
+uint64_t GraceMs(uint32_t timeout_ms) {
+  return std::min<uint64_t>(1000, std::max<int64_t>(50, int64_t{kCallTimeoutMs} - 100 - timeout_ms));
+}
 
 std::string ErrorText(const std::vector<hxf_tool::PropertyValue>& properties, int code) {
   for (const hxf_tool::PropertyValue& p : properties) {
@@ -87,7 +94,7 @@ int CCaller::GetDevices(sd_bus_message* m, const std::string& service, uint32_t 
   if (asked != HXF_ERROR_NONE) return Refuse(error, ErrorName(asked), "cannot list " + service);
   CPendingCall& call = lists_.emplace(service, CPendingCall(m, service)).first->second;
   context_.Searches().Begin(service, false);
-  Arm(call, timeout_ms * 1000ULL, Deadline{service, nullptr});
+  Arm(call, (timeout_ms + GraceMs(timeout_ms)) * 1000ULL, Deadline{service, nullptr});
   context_.Monitor().Event(hxf_tool::MonitorType::kSearch, name_, service, "", 0,
                            [&](sd_bus_message* mm) {
                              return sd_bus_message_append(mm, "a{sv}", 1, "device_list_timeout_ms",
@@ -114,8 +121,10 @@ void CCaller::EndList(const std::string& service) {
 }
 
 void CCaller::Arm(CPendingCall& call, uint64_t after_us, Deadline what) {
-  uint64_t now = 0;
-  sd_event_now(context_.Event(), CLOCK_MONOTONIC, &now);
+  // The clock now, not the loop's iteration's: a busy iteration would cut the time-out short.
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  const uint64_t now = static_cast<uint64_t>(ts.tv_sec) * 1000000ULL + static_cast<uint64_t>(ts.tv_nsec) / 1000;
   const CPendingCall::DeadlineKey key{now + after_us, next_deadline_++};
   call.SetDeadline(key);
   deadlines_.emplace(key, std::move(what));
@@ -259,10 +268,7 @@ int CCaller::SendRequest(sd_bus_message* m, const CSession& session, sd_bus_erro
     return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
   // The answer is handed to this thread, so it is handled after this entry exists.
   CPendingCall& call = requests_.insert_or_assign(transaction, CPendingCall(m, session.Service(), operation)).first->second;
-  // The core answers at the time-out; the grace is for a core or provider that never does,
-  // within the caller's own 25 s.
-  const uint64_t grace_ms = std::min<uint64_t>(1000, std::max<int64_t>(50, kCallTimeoutMs - 100 - static_cast<int64_t>(timeout_ms)));
-  Arm(call, (timeout_ms + grace_ms) * 1000ULL, Deadline{"", transaction});
+  Arm(call, (timeout_ms + GraceMs(timeout_ms)) * 1000ULL, Deadline{"", transaction});
   context_.Monitor().Event(
       hxf_tool::MonitorType::kRequest, name_, session.Service(), operation,
       reinterpret_cast<uintptr_t>(transaction),

@@ -91,11 +91,11 @@ expect_departure() {
   start_minidlna
   "${hxf_upnp[@]}" --json listen upnp --for $((($2 + 20) * 1000)) >"$work/listen.out" 2>"$work/listen.err" &
   pids+=($!)
-  await_line "$work/listen.out" 15 '"name":"Test media"'
+  await_line "$work/listen.out" 15 '"device_name":"Test media"'
   local start
   start=$(now_ms)
   kill -"$1" "$minidlna_pid"
-  await_line "$work/listen.out" "$2" '"event":"left".*"name":"Test media"'
+  await_line "$work/listen.out" "$2" '"event":"left".*"device_name":"Test media"'
   echo "$3 noticed after $(($(now_ms) - start)) ms"
 }
 
@@ -106,10 +106,10 @@ case "$case_name" in
     "${hxf_upnp[@]}" --json search lights --timeout 8000 >"$work/search.out" 2>"$work/search.err" &
     search_pid=$!
     pids+=($search_pid)
-    await_line "$work/search.out" 15 '"event":"found".*"name":"Hall light"'
+    await_line "$work/search.out" 15 '"event":"found".*"device_name":"Hall light"'
     echo "first device after $(($(now_ms) - start)) ms (hxf started, plugin loaded, M-SEARCH answered)"
     wait "$search_pid" || fail "search exited with $?"
-    grep -q '"address":"169.254.77.1","device_id":"uuid:[^"]*","interface_name":"'"$tv_if"'","interface_type":"upnp"' "$work/search.out" ||
+    grep -q '"address":"169.254.77.1","device_id":"uuid:[^"]*","device_name":"[^"]*","interface_name":"'"$tv_if"'","interface_type":"upnp"' "$work/search.out" ||
       fail "the endpoint is not the light's"
     ;;
   set-get)

@@ -70,11 +70,12 @@ expect_countdown() {
     fail "the countdown shows $left s of a $2 s wait"
 }
 await_end() { timeout 30 tmux -L "$socket" wait-for done || fail "the command did not finish"; }
-# The screen, once the command has finished, must be exactly these lines.
+# The screen, once the command has finished, must be exactly these lines. Awaited (10 s at
+# most): "done" comes before the shell draws its next prompt, which a loaded machine shows late.
 expect_screen() {
   local expected
   expected=$(printf '%s\n' "$@")
-  [ "$(screen)" = "$expected" ] || { echo "--- expected"; echo "$expected"; fail "the screen differs"; }
+  poll '[ "$(screen)" = "$1" ]' "$expected" || { echo "--- expected"; echo "$expected"; fail "the screen differs"; }
 }
 no_countdown() { screen | grep -q "s left" && fail "a countdown is on the screen"; return 0; }
 

@@ -43,10 +43,12 @@ void* operator new(std::size_t size) {
   if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+// Not inlined: inlined into a caller, GCC's -O2 sees new paired with free and warns
+// (-Wmismatched-new-delete), although this operator new allocates with malloc.
+__attribute__((noinline)) void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 

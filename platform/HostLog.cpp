@@ -1,4 +1,5 @@
 // Platform log stand-in: formats each line once and hands it to the current sink.
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -56,6 +57,8 @@ SinkState& Sink() {
   return SinkState::Get();
 }
 
+std::atomic<hxf_host_log_filter> g_filter{nullptr};
+
 }  // namespace
 
 extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, ...) {
@@ -64,6 +67,8 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
   // A line nobody will see is not formatted and takes no lock: the default sink below its
   // level drops it.
   if (prio < Threshold() && !state.Replaced()) return 0;
+  const hxf_host_log_filter wants = g_filter.load(std::memory_order_relaxed);
+  if (wants != nullptr && !wants(prio, tag != nullptr ? tag : "")) return 0;
   // Shared while formatting and calling the sink: set_sink waits for both.
   HXFramework::CReadLock lock(state.mutex);
   if (state.sink == DefaultSink && prio < Threshold()) return 0;  // put back meanwhile
@@ -97,4 +102,8 @@ extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, .
 
 extern "C" void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data) {
   Sink().Set(sink, user_data);
+}
+
+extern "C" void hxf_host_log_set_filter(hxf_host_log_filter wants) {
+  g_filter.store(wants, std::memory_order_relaxed);
 }

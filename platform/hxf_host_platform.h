@@ -72,6 +72,13 @@ HXF_HOST_API int package_info_get_version(package_info_h package_info, char** ve
 typedef void (*hxf_host_log_sink)(int priority, const char* tag, const char* text, void* user_data);
 HXF_HOST_API void hxf_host_log_set_sink(hxf_host_log_sink sink, void* user_data);
 
+/* Lines for which `wants` returns false are dropped before they are formatted, whatever the
+ * sink (dlog_print returns 0), so that a sink that shows few lines does not pay for the
+ * others. NULL passes every line (the default). `wants` is called on the logging thread,
+ * possibly from many threads at once, and must stay callable until the process ends. */
+typedef bool (*hxf_host_log_filter)(int priority, const char* tag);
+HXF_HOST_API void hxf_host_log_set_filter(hxf_host_log_filter wants);
+
 /* A non-NULL sink enables the scope-trace facility and receives every line written to it
  * with its location; NULL disables it. Same calling rules as the log sink. */
 typedef void (*hxf_host_trace_sink)(const char* location, const char* text, void* user_data);

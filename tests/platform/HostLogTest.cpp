@@ -25,6 +25,18 @@ TEST(HostLog, TheSilentDefaultSinkDoesNotEvenFormat) {
   EXPECT_EQ(dlog_print(DLOG_ERROR, "TAG", "%s", "nobody listens"), 0);
 }
 
+TEST(HostLog, AFilterDropsALineBeforeItIsFormattedWhateverTheSink) {
+  LogCapture capture(/*enable_trace=*/false);
+  hxf_host_log_set_filter([](int priority, const char*) { return priority >= DLOG_ERROR; });
+  const int dropped = dlog_print(DLOG_INFO, "TAG", "%s", "not wanted");
+  const int kept = dlog_print(DLOG_ERROR, "TAG", "%s", "wanted");
+  hxf_host_log_set_filter(nullptr);
+  EXPECT_EQ(dropped, 0);  // 0, not the length: dropped before it was formatted
+  EXPECT_EQ(kept, 6);
+  ASSERT_EQ(capture.Lines().size(), 1u);
+  EXPECT_EQ(capture.Lines()[0].text, "wanted");
+}
+
 TEST(HostLog, RestoringTheDefaultSinkStopsDelivery) {
   int calls = 0;
   hxf_host_log_set_sink([](int, const char*, const char*, void* ud) { ++*static_cast<int*>(ud); },

@@ -51,8 +51,8 @@ const char kFooter[] =
 
 const char kTimeoutHelp[] = "milliseconds to wait for the result, at least 1 (default 3000)";
 const char kForHelp[] = "milliseconds to run, 0 for no limit (default 0: until Ctrl-C)";
-const std::vector<std::string> kCommands{"search", "listen",  "devices", "request",
-                                         "watch",  "monitor", "plugins", "demo"};
+const std::vector<std::string> kCommands{"search",  "listen",  "devices",      "request", "watch",
+                                         "monitor", "plugins", "check-plugin", "demo"};
 
 // What the parser fills; read into Options once it is done.
 struct Raw {
@@ -65,6 +65,7 @@ struct Raw {
   std::string timeout, for_ms;
   bool all = false;
   std::string monitor_service, monitor_type;
+  std::string check_plugin;
 };
 
 // The command the arguments name, for a pointer to its help: the first argument that is one.
@@ -202,6 +203,13 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args, const Environ
   auto* plugins = app.add_subcommand("plugins", "list the plugins a user can load, described");
   plugins->add_flag("--all", raw.all, "also the test fixtures of the build tree");
   plugins->footer("Example: hxf plugins");
+  auto* check = app.add_subcommand(
+      "check-plugin", "load a plugin in a child process and check the contracts it keeps");
+  check->add_option("PLUGIN", raw.check_plugin, "the plugin's NAME, or the path of its library")
+      ->required();
+  check->footer(
+      "Prints PASS, FAIL or SKIP with the reason, one line per check; exit 0 when none failed.\n"
+      "Example: hxf check-plugin ./build/libhxf-plugin-blinds.so");
   auto* demo = app.add_subcommand("demo", "a guided tour of the simulator");
   demo->footer("Example: hxf demo");
   // Set after the commands, which would otherwise inherit it: extras at the top level are an
@@ -258,6 +266,7 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args, const Environ
   options.all = raw.all;
   options.monitor_service = raw.monitor_service;
   options.monitor_type = raw.monitor_type;
+  options.check_plugin = raw.check_plugin;
 
   if (options.log_level.empty() && !env.log_level.empty()) {
     if (!KnownLogLevel(env.log_level))
@@ -275,6 +284,8 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args, const Environ
     return Usage(json, options.command + ": the service name is empty", more);
   if (options.command == "request" && options.operation.empty())
     return Usage(json, "request: the operation is empty (get or set)", more);
+  if (options.command == "check-plugin" && options.check_plugin.empty())
+    return Usage(json, "check-plugin: the plugin's name is empty", more);
   if (options.command == "monitor" && monitor->get_option("--service")->count() != 0 &&
       options.monitor_service.empty())
     return Usage(json, "monitor: --service needs a service name", more);

@@ -13,7 +13,7 @@
 namespace hxf_tool {
 
 struct Options {
-  // search, listen, devices, request, watch, monitor, plugins or demo.
+  // search, listen, devices, request, watch, monitor, plugins, check-plugin or demo.
   std::string command;
   std::vector<std::string> plugins;  // as given; main() puts the simulator in when empty
   bool json = false;
@@ -30,6 +30,7 @@ struct Options {
   bool all = false;  // plugins --all
   std::string bus;   // --bus or HXF_BUS: session, system or an address; "" runs in process
   std::string monitor_service, monitor_type;
+  std::string check_plugin;  // check-plugin: the plugin's NAME or PATH
 };
 
 // The environment variables that stand in for an option not given; "" when unset.

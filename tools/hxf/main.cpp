@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "CCheckPlugin.h"
 #include "CCommands.h"
 #include "COutput.h"
 #include "CToolRuntime.h"
@@ -33,6 +34,9 @@ int UsageError(const hxf_tool::CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // check-plugin's child: loads the plugin under test, never what a user types.
+  if (argc > 1 && std::string(argv[1]) == hxf_tool::kCheckPluginChild)
+    return hxf_tool::CheckPluginChild(argc, argv);
   using hxf_tool::CCommands;
   using hxf_tool::CommandLine;
   const CommandLine line =
@@ -52,6 +56,11 @@ int main(int argc, char** argv) {
   if (options.plugins.empty() && options.bus.empty()) options.plugins.push_back("sim");
   const std::string& command = options.command;
   const hxf_tool::COutput out(options.json);
+  if (command == "check-plugin") {
+    const int code = hxf_tool::CheckPlugin(out, options.check_plugin);
+    out.End(command, code == hxf_tool::kOk ? "done" : "failed", code);
+    return code;
+  }
   if (command == "plugins" && options.bus.empty()) {
     const int code = CCommands::Plugins(out, options.all);
     out.End(command, code == hxf_tool::kOk ? "done" : "failed", code);

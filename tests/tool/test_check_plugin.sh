@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# hxf check-plugin against the simulator (every check passes) and against the fixtures that
+# break a contract (each fails the check that names it).
+# Usage: test_check_plugin.sh HXF_BINARY CASE
+set -u
+hxf=$1
+case_name=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+out="$work/out"
+err="$work/err"
+
+fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
+run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
+expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
+expect_line() { grep -qxF -- "$1" "$out" || fail "stdout lacks the line: $1"; }
+
+case "$case_name" in
+  sim-passes)
+    code=$(run check-plugin sim)
+    expect_code "$code" 0
+    expected="PASS exports
+PASS load-result"
+    for service in lights audio climate; do
+      for check in search search-stop device-list listen listen-stop; do
+        expected+=$'\n'"PASS $check/$service"
+      done
+    done
+    for service in lights audio climate; do
+      for check in request-get request-unknown-operation request-unknown-device; do
+        expected+=$'\n'"PASS $check/$service"
+      done
+    done
+    for check in answers-name-offered-services callbacks-return-promptly unload-returns \
+                 no-threads-left library-unmapped three-loads; do
+      expected+=$'\n'"PASS $check"
+    done
+    [ "$(cat "$out")" = "$expected" ] || fail "not the expected lines: $(diff <(echo "$expected") "$out")"
+    ;;
+  sim-json)
+    code=$(run --json check-plugin sim)
+    expect_code "$code" 0
+    expect_line '{"event":"check","check":"exports","result":"pass"}'
+    expect_line '{"event":"end","command":"check-plugin","exit_code":0,"reason":"done"}'
+    ;;
+  usage)
+    code=$(run check-plugin)
+    expect_code "$code" 2
+    ;;
+  createfails)
+    code=$(run check-plugin createfails)
+    expect_code "$code" 1
+    grep -q '^FAIL load-result: the load failed: the plugin itself reported the failure' "$out" || fail "no load-result FAIL"
+    ;;
+  destroyfails)
+    code=$(run check-plugin destroyfails)
+    expect_code "$code" 1
+    expect_line 'FAIL unload-returns: DestroyPlugin returned false (the library stays open)'
+    grep -q '^FAIL library-unmapped: .*libhxf-plugin-destroyfails.so is still mapped after the unload$' "$out" || fail "no library-unmapped FAIL"
+    ;;
+  nodestroy)
+    code=$(run check-plugin nodestroy)
+    expect_code "$code" 1
+    expect_line 'FAIL exports: does not export DestroyPlugin'
+    ;;
+  misnamed)
+    code=$(run check-plugin misnamed)
+    expect_code "$code" 1
+    expect_line "FAIL load-result: reported its load result under the name 'misnamed-v2', not its own ('misnamed')"
+    expect_line 'PASS exports'
+    ;;
+  *) echo "unknown case $case_name"; exit 2 ;;
+esac
+exit 0

@@ -337,10 +337,11 @@ void Plugin::OnAddDevice(hxf_service_handler_h, hxf_endpoint_h endpoint, void* s
 void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
                        hxf_property_list_h properties, void* self) {
   Plugin* plugin = Self(self);
-  // The list is borrowed for this call only: keep a copy for the worker.
+  // The list is borrowed for this call only: keep a copy for a slow device's answer.
   List request(hxf_property_list_copy(properties), &hxf_property_list_destroy);
-  // Which service: the one this handler serves (handlers are per service).
-  plugin->worker_.Post([plugin, handler, transaction, request] {
+  // Answered on this thread (a hand-off to the worker cost more than the answer); which
+  // service: the one this handler serves (handlers are per service).
+  plugin->worker_.RunNow([plugin, handler, transaction, request] {
     for (auto& [name, service] : plugin->services_) {
       if (service.handler == handler) {
         plugin->Request(name, transaction, request);

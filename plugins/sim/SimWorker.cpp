@@ -18,6 +18,7 @@ void Worker::Stop() {
     wake_.notify_all();
   }
   if (thread_.joinable()) thread_.join();
+  HXFramework::CMutexLock running(running_);  // a RunNow under way ends first
   HXFramework::CMutexLock lock(mutex_);
   tasks_.clear();
 }
@@ -30,8 +31,24 @@ void Worker::Post(Task task, uint32_t delay_ms) {
   wake_.notify_all();
 }
 
+namespace {
+// The worker whose task runs on this thread through RunNow, if any.
+thread_local const Worker* t_running_now = nullptr;
+}  // namespace
+
+void Worker::RunNow(const Task& task) {
+  HXFramework::CMutexLock running(running_);
+  {
+    HXFramework::CMutexLock lock(mutex_);
+    if (stopping_) return;
+  }
+  t_running_now = this;
+  task();
+  t_running_now = nullptr;
+}
+
 void Worker::AssertOnWorker() const {
-  if (std::this_thread::get_id() != worker_id_) {
+  if (std::this_thread::get_id() != worker_id_ && t_running_now != this) {
     std::fprintf(stderr, "sim: worker-only code ran on another thread\n");
     std::abort();
   }
@@ -53,8 +70,11 @@ void Worker::Run() {
     Task task = std::move(next->second);
     tasks_.erase(next);
     lock.Unlock();  // tasks call the core, which may call back and post
-    task();
-    task = nullptr;
+    {
+      HXFramework::CMutexLock running(running_);
+      task();
+      task = nullptr;
+    }
     lock.Lock();
   }
 }

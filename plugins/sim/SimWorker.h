@@ -1,5 +1,6 @@
 // The simulator's own thread: runs posted tasks in due-time order. Callbacks from the core
-// only post here and return, so no simulation work runs on the core's threads.
+// post here and return, except a request, whose work is smaller than a hand-off: it runs on
+// the calling thread, never at the same time as a task of the worker (RunNow).
 #pragma once
 
 #include <chrono>
@@ -21,6 +22,9 @@ class Worker {
   // Runs no further task and joins the thread; later posts are dropped.
   void Stop();
   void Post(Task task, uint32_t delay_ms = 0);
+  // Runs `task` on the calling thread, never while a posted task or another RunNow runs;
+  // dropped after Stop. Not from a task (the worker's lock is not recursive).
+  void RunNow(const Task& task);
   // Stops the process when the caller is not the worker: for code that touches what only
   // the worker may.
   void AssertOnWorker() const;
@@ -29,7 +33,8 @@ class Worker {
   using Clock = std::chrono::steady_clock;
   void Run();
 
-  HXFramework::CMutex mutex_;
+  HXFramework::CMutex running_;  // held while a task runs, on the worker or in RunNow
+  HXFramework::CMutex mutex_;    // taken after running_ when both are
   std::condition_variable wake_;  // the one hand-off: Post wakes the worker
   // (due, posting order)
   std::multimap<std::pair<Clock::time_point, uint64_t>, Task> tasks_ HXF_GUARDED_BY(mutex_);

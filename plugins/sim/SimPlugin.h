@@ -2,10 +2,8 @@
 // searches, listens, device lists and get/set requests from its worker thread.
 #pragma once
 
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <vector>

@@ -1,12 +1,13 @@
 #include "CCheckProbe.h"
 
+#include "CLocks.h"
+
 #include <dlfcn.h>
 
 #include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 
 #include "hxf_core.h"
 
@@ -24,14 +25,14 @@ struct Wrapped {
 };
 
 struct State {
-  std::mutex mutex;
+  HXFramework::CMutex mutex;
   std::atomic<bool> on{false};
   // Wrapped callbacks live until the process ends: the core may call one at any time.
-  std::deque<std::unique_ptr<Wrapped>> wrapped;
-  std::map<uint64_t, std::pair<const char*, Clock::time_point>> running;
-  uint64_t next_call = 0;
-  ProbeSnapshot seen;
-  std::map<uint64_t, size_t> request_index;
+  std::deque<std::unique_ptr<Wrapped>> wrapped HXF_GUARDED_BY(mutex);
+  std::map<uint64_t, std::pair<const char*, Clock::time_point>> running HXF_GUARDED_BY(mutex);
+  uint64_t next_call HXF_GUARDED_BY(mutex) = 0;
+  ProbeSnapshot seen HXF_GUARDED_BY(mutex);
+  std::map<uint64_t, size_t> request_index HXF_GUARDED_BY(mutex);
 };
 
 State& Probe() {
@@ -54,13 +55,13 @@ void Timed(const char* kind, Call&& call) {
   uint64_t id = 0;
   const Clock::time_point start = Clock::now();
   {
-    std::lock_guard<std::mutex> lock(probe.mutex);
+    HXFramework::CMutexLock lock(probe.mutex);
     id = ++probe.next_call;
     probe.running[id] = {kind, start};
   }
   call();
   const std::chrono::milliseconds took = Since(start);
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   probe.running.erase(id);
   ++probe.seen.callbacks;
   if (took >= probe.seen.longest) {
@@ -71,7 +72,7 @@ void Timed(const char* kind, Call&& call) {
 
 Wrapped* Wrap(const char* kind, void* callback, void* user_data) {
   State& probe = Probe();
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   probe.wrapped.push_back(std::make_unique<Wrapped>(Wrapped{kind, callback, user_data}));
   return probe.wrapped.back().get();
 }
@@ -87,7 +88,7 @@ void RequestTrampoline(hxf_service_handler_h handler, hxf_transaction_h transact
   auto* wrapped = static_cast<Wrapped*>(data);
   State& probe = Probe();
   if (probe.on) {
-    std::lock_guard<std::mutex> lock(probe.mutex);
+    HXFramework::CMutexLock lock(probe.mutex);
     const auto id = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(transaction));
     probe.request_index[id] = probe.seen.requests.size();
     probe.seen.requests.push_back(id);
@@ -100,7 +101,7 @@ void RequestTrampoline(hxf_service_handler_h handler, hxf_transaction_h transact
 void CountAnswer(hxf_string_t service, hxf_transaction_h transaction) {
   State& probe = Probe();
   if (!probe.on) return;
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   if (service.str != nullptr) probe.seen.answered_services.insert(std::string(service.str, service.len));
   if (transaction == nullptr) return;
   const auto found =
@@ -130,7 +131,7 @@ hxf_error_e SetWrapped(Setter setter, const char* kind, hxf_service_handler_h ha
 
 void ProbeEnable(bool on) {
   State& probe = Probe();
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   probe.seen = ProbeSnapshot{};
   probe.request_index.clear();
   probe.running.clear();
@@ -139,7 +140,7 @@ void ProbeEnable(bool on) {
 
 void ProbeResetRequests() {
   State& probe = Probe();
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   probe.seen.requests.clear();
   probe.seen.answers.clear();
   probe.seen.stray_answers = 0;
@@ -148,7 +149,7 @@ void ProbeResetRequests() {
 
 void ProbeResetTimings() {
   State& probe = Probe();
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   probe.seen.longest = std::chrono::milliseconds(0);
   probe.seen.longest_kind.clear();
   probe.seen.callbacks = 0;
@@ -156,7 +157,7 @@ void ProbeResetTimings() {
 
 ProbeSnapshot ProbeRead() {
   State& probe = Probe();
-  std::lock_guard<std::mutex> lock(probe.mutex);
+  HXFramework::CMutexLock lock(probe.mutex);
   ProbeSnapshot snapshot = probe.seen;
   for (const auto& call : probe.running) {
     const std::chrono::milliseconds running = Since(call.second.second);
@@ -210,7 +211,7 @@ HXF_PROBE_API hxf_error_e hxf_core_service_handler_subscribe_service(hxf_service
       hxf_tool::Real<hxf_error_e (*)(hxf_service_handler_h, hxf_string_t)>(__func__);
   hxf_tool::State& probe = hxf_tool::Probe();
   if (probe.on && service_name.str != nullptr) {
-    std::lock_guard<std::mutex> lock(probe.mutex);
+    HXFramework::CMutexLock lock(probe.mutex);
     probe.seen.subscribed.insert(std::string(service_name.str, service_name.len));
   }
   return real != nullptr ? real(handler, service_name) : HXF_ERROR_OPERATION_FAILED;

@@ -149,8 +149,10 @@ PY
     "${monitor[@]}" >"$work/root.out" 2>"$work/root.err" || fail "root cannot open a monitor"
     ;;
   monitor-group)
+    # hxfd checks the group itself as well: it is told the same stand-in.
+    printf 'plugins = sim\nmonitor-group = users\n' >"$work/hxfd.conf"
     start_bus
-    start_hxfd
+    start_hxfd --config "$work/hxfd.conf"
     as_nobody "${monitor[@]}" >"$work/outside.out" 2>"$work/outside.err" &&
       fail "nobody outside the group was let open a monitor"
     expect_access_denied "the Monitor of nobody outside the group" "$work/outside.err"
@@ -229,7 +231,7 @@ PY
     expect_config_error '# fine\nplugins = sim\nlog-level = loud\n' \
       '3: log-level "loud" is not one of debug, info, error'
     expect_config_error '\n\nplugins sim\n' '3: expected "key = value", not "plugins sim"'
-    expect_config_error 'plugin = sim\n' '1: unknown key "plugin" (known: plugins, log-level)'
+    expect_config_error 'plugin = sim\n' '1: unknown key "plugin" (known: plugins, log-level, monitor-group, max-...: see hxfd(1))'
     expect_config_error 'plugins = sim\n# again\nplugins = upnp\n' '3: duplicate key "plugins" (first on line 1)'
     expect_config_error 'log-level =   # none\n' '1: log-level needs a value'
     expect_config_error '= sim\n' '1: expected "key = value", not "= sim"'

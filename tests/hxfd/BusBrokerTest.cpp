@@ -267,6 +267,23 @@ TEST_F(DbusBroker, TwoSearchesOfOneCallerOnTwoServicesEachGetTheirDevices) {
   }
 }
 
+TEST_F(DbusBroker, AListenEndedByItsCallersDepartureStopsTheProvidersListen) {
+  // porch-1 arrives only while someone listens: the stop must reach the provider although the
+  // watch's core client is destroyed right after it.
+  // The search outlasts the time porch-1 takes to arrive after the listen began (1.5 s).
+  for (int round = 0; round < 2; ++round) {
+    const std::string caller = ":1." + std::to_string(20 + round);
+    ASSERT_FALSE(Watch(caller, "lights", 0).empty());
+    const std::string first = Watch(caller, "lights", 300);
+    ASSERT_TRUE(Await([&] { return !Finished(first).empty(); }));
+    Leave(caller);
+    ASSERT_TRUE(Await([&] { return Callers() == (round == 0 ? 0u : 1u); }));  // :1.1 stays
+    const std::string search = Watch(":1.1", "lights", 1700);
+    ASSERT_TRUE(Await([&] { return !Finished(search).empty(); }));
+    EXPECT_EQ(Found(search), kLights) << "round " << round;
+  }
+}
+
 TEST_F(DbusBroker, ADeviceListBesideAListenAndASearchOfOneCallerGetsItsDevices) {
   const std::string listen = Watch(":1.1", "lights", 0);
   const std::string search = Watch(":1.1", "lights", 800);

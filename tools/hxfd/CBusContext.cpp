@@ -56,4 +56,9 @@ hxf_string View(const std::string& text) {
   return hxf_string{text.c_str(), static_cast<uint32_t>(text.size())};
 }
 
+void DestroyAfterQueuedWork(hxf_client_h client) {
+  hxf_core_client_destroy_async(
+      client, [](hxf_client_h, void*) {}, nullptr);
+}
+
 }  // namespace hxfd

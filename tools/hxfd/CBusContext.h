@@ -107,5 +107,9 @@ int Refuse(sd_bus_error* error, const char* name, const std::string& message);
 // A method answered only when the core answers must be answered before the caller gives up.
 bool CallTimeoutFits(uint32_t timeout_ms, sd_bus_error* error);
 hxf_string View(const std::string& text);
+// Destroys `client` once the work already queued on it has run. A synchronous destroy drops
+// what it finds queued, so a stop sent just before was lost and the provider searched on for
+// nobody.
+void DestroyAfterQueuedWork(hxf_client_h client);
 
 }  // namespace hxfd

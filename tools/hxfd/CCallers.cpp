@@ -49,7 +49,7 @@ CCaller::~CCaller() {
   sessions_.clear();
   direct_.clear();
   context_.Routes().Remove(token_);
-  hxf_core_client_destroy(client_);  // its sessions end with it
+  DestroyAfterQueuedWork(client_);  // after the lists' stops; its sessions end with it
 }
 
 bool CCaller::Owns(sd_bus_message* m, sd_bus_error* error) const {

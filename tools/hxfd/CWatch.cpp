@@ -69,7 +69,7 @@ CWatch::~CWatch() {
   if (token_ != 0) context_.Routes().Remove(token_);
   if (client_ != nullptr) {
     // Another caller's search of the service goes on: its provider is told to stop only when
-    // nobody needs it (destroying this client is enough for the core to forget it).
+    // nobody needs it.
     if (counted_ && context_.Searches().End(service_, listen_, true)) {
       if (listen_) {
         hxf_core_client_stop_passive_search(client_, View(service_));
@@ -77,7 +77,7 @@ CWatch::~CWatch() {
         hxf_core_client_stop_active_search(client_, View(service_));
       }
     }
-    hxf_core_client_destroy(client_);
+    DestroyAfterQueuedWork(client_);  // after the stop
   }
 }
 

@@ -10,6 +10,7 @@
 //
 // Usage: hxfd_compare [--quick] [--hxfd PATH]
 //   --quick: few calls, to check that everything runs (the goals are printed, not required)
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -118,6 +119,26 @@ double CpuUs(pid_t pid) {
     if (i == 14 || i == 15) ticks += std::stod(field);  // utime, stime
   }
   return ticks * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Context switches (voluntary and not) of every thread of process `pid` so far.
+double Switches(pid_t pid) {
+  double switches = 0;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  DIR* dir = opendir(tasks.c_str());
+  if (dir == nullptr) return 0;
+  while (const dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::ifstream status(tasks + "/" + entry->d_name + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 ||
+          line.rfind("nonvoluntary_ctxt_switches:", 0) == 0)
+        switches += std::stod(line.substr(line.find(':') + 1));
+    }
+  }
+  closedir(dir);
+  return switches;
 }
 
 // ---- the plain service: one sd-bus connection, one method, answered at once ----
@@ -286,8 +307,8 @@ struct Figures {
   std::vector<double> latencies_us;  // one caller
   long many_calls = 0;               // kCallers callers
   double many_seconds = 0;
-  long calls = 0;  // every call, for the CPU per request
-  double server_cpu_us = 0, daemon_cpu_us = 0;
+  long calls = 0;  // one caller's, for the CPU and switches per request
+  double server_cpu_us = 0, daemon_cpu_us = 0, server_switches = 0;
 
   double Median() const { return At(50); }
   double P99() const { return At(99); }
@@ -304,10 +325,12 @@ struct Servers {
   pid_t server = -1, bus = -1;
   double Server() const { return CpuUs(server); }
   double Daemon() const { return CpuUs(bus); }
+  double ServerSwitches() const { return Switches(server); }
 };
 
 void OneCallerBlock(Caller& caller, const Servers& servers, Figures* figures) {
   const double server = servers.Server(), bus = servers.Daemon();
+  const double switches = servers.ServerSwitches();
   for (int i = 0; i < g_sizes.one_caller; ++i) {
     const auto start = Clock::now();
     caller.Call();
@@ -316,11 +339,11 @@ void OneCallerBlock(Caller& caller, const Servers& servers, Figures* figures) {
   }
   figures->server_cpu_us += servers.Server() - server;
   figures->daemon_cpu_us += servers.Daemon() - bus;
+  figures->server_switches += servers.ServerSwitches() - switches;
   figures->calls += g_sizes.one_caller;
 }
 
-void ManyCallersBlock(std::vector<Caller*>& callers, const Servers& servers, Figures* figures) {
-  const double server = servers.Server(), bus = servers.Daemon();
+void ManyCallersBlock(std::vector<Caller*>& callers, Figures* figures) {
   std::atomic<int> ready{0};
   std::atomic<bool> go{false};
   std::vector<std::thread> threads;
@@ -338,9 +361,6 @@ void ManyCallersBlock(std::vector<Caller*>& callers, const Servers& servers, Fig
   figures->many_seconds += std::chrono::duration<double>(Clock::now() - start).count();
   const long calls = static_cast<long>(callers.size()) * g_sizes.per_caller;
   figures->many_calls += calls;
-  figures->server_cpu_us += servers.Server() - server;
-  figures->daemon_cpu_us += servers.Daemon() - bus;
-  figures->calls += calls;
 }
 
 std::string DefaultHxfd(const char* argv0) {
@@ -476,14 +496,14 @@ int main(int argc, char** argv) {
       OneCallerBlock(plain_one, plain_servers, &plain_figures);
       OneCallerBlock(session_one, hxfd_servers, &session_figures);
       OneCallerBlock(broker_one, hxfd_servers, &broker_figures);
-      ManyCallersBlock(plain_many, plain_servers, &plain_figures);
-      ManyCallersBlock(hxfd_many, hxfd_servers, &session_figures);
+      ManyCallersBlock(plain_many, &plain_figures);
+      ManyCallersBlock(hxfd_many, &session_figures);
     } else {
       OneCallerBlock(broker_one, hxfd_servers, &broker_figures);
       OneCallerBlock(session_one, hxfd_servers, &session_figures);
       OneCallerBlock(plain_one, plain_servers, &plain_figures);
-      ManyCallersBlock(hxfd_many, hxfd_servers, &session_figures);
-      ManyCallersBlock(plain_many, plain_servers, &plain_figures);
+      ManyCallersBlock(hxfd_many, &session_figures);
+      ManyCallersBlock(plain_many, &plain_figures);
     }
   }
   for (Caller* caller : plain_many) delete caller;
@@ -511,10 +531,13 @@ int main(int argc, char** argv) {
   row("8 callers, one call each at a time (k/s)", plain_figures.PerSecond() / 1e3,
       session_figures.PerSecond() / 1e3, -1, "%.2f");
   const auto per_call = [](const Figures& f, double cpu) { return f.calls ? cpu / f.calls : 0; };
-  row("service CPU per request (us)", per_call(plain_figures, plain_figures.server_cpu_us),
+  row("service CPU per request, one caller (us)", per_call(plain_figures, plain_figures.server_cpu_us),
       per_call(session_figures, session_figures.server_cpu_us),
       per_call(broker_figures, broker_figures.server_cpu_us), "%.1f");
-  row("dbus-daemon CPU per request (us)", per_call(plain_figures, plain_figures.daemon_cpu_us),
+  row("service context switches per request, one caller", per_call(plain_figures, plain_figures.server_switches),
+      per_call(session_figures, session_figures.server_switches),
+      per_call(broker_figures, broker_figures.server_switches), "%.2f");
+  row("dbus-daemon CPU per request, one caller (us)", per_call(plain_figures, plain_figures.daemon_cpu_us),
       per_call(session_figures, session_figures.daemon_cpu_us),
       per_call(broker_figures, broker_figures.daemon_cpu_us), "%.1f");
 

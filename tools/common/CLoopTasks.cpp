@@ -29,6 +29,9 @@ void CLoopTasks::Post(std::function<void()> task) {
   {
     HXFramework::CMutexLock lock(mutex_);
     tasks_.push_back(std::move(task));
+    // Tasks already queued were woken for, and WakeUp reads the eventfd before it takes the
+    // queue: it takes this one with them, one write and one wake-up for the lot.
+    if (tasks_.size() > 1) return;
   }
   const uint64_t one = 1;
   if (write(fd_, &one, sizeof one) != sizeof one)

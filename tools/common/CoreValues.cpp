@@ -95,9 +95,10 @@ int LogThreshold(const std::string& level) {
 }
 
 bool ShowLogLine(int priority, const char* tag, int threshold) {
-  const bool core_line =
-      std::strcmp(tag, "HXF_FW") == 0 || std::strcmp(tag, "HXF_TPL_CONTEXT") == 0;
-  return priority >= threshold || (!core_line && priority >= DLOG_ERROR);
+  // The priority first: hxfd asks this of every line the core writes.
+  if (priority >= threshold) return true;
+  if (priority < DLOG_ERROR) return false;
+  return std::strcmp(tag, "HXF_FW") != 0 && std::strcmp(tag, "HXF_TPL_CONTEXT") != 0;
 }
 
 std::string LogLine(int priority, const char* tag, const char* text,

@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -86,6 +87,13 @@ std::vector<Child*> g_children;  // stopped at exit, whatever the way out
 
 void StopChildren() {
   for (auto it = g_children.rbegin(); it != g_children.rend(); ++it) (*it)->Stop();
+}
+
+// In a child just forked: it ends with this process, however this one ends (a test's
+// time-out kills it without a word).
+void DieWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) _exit(1);  // gone before the line above
 }
 
 // Reads from `fd` until `until` appears in what was read or `seconds` pass. What was read.
@@ -400,8 +408,10 @@ int main(int argc, char** argv) {
   static Child bus_daemon{-1, "dbus-daemon"};
   int address_pipe[2];
   if (pipe2(address_pipe, O_CLOEXEC) < 0) Fail("no pipe");
+  const pid_t self = getpid();
   bus_daemon.pid = fork();
   if (bus_daemon.pid == 0) {
+    DieWithParent(self);
     dup2(address_pipe[1], 3);  // dup2 clears close-on-exec
     // What it says (it cannot raise its descriptor limit unprivileged) is read on failure.
     const int err = open((dir + "/dbus-daemon.err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -428,6 +438,7 @@ int main(int argc, char** argv) {
   if (pipe2(ready_pipe, O_CLOEXEC) < 0) Fail("no pipe");
   plain.pid = fork();
   if (plain.pid == 0) {
+    DieWithParent(self);
     g_children.clear();  // the parent's to stop, not this child's
     close(ready_pipe[0]);
     ServePlain(address, ready_pipe[1]);
@@ -445,6 +456,7 @@ int main(int argc, char** argv) {
   if (pipe2(serving_pipe, O_CLOEXEC) < 0) Fail("no pipe");
   hxfd_daemon.pid = fork();
   if (hxfd_daemon.pid == 0) {
+    DieWithParent(self);
     dup2(serving_pipe[1], 2);
     execl(hxfd.c_str(), hxfd.c_str(), "--address", address.c_str(), "--plugin", "sim",
           "--config", config.c_str(), static_cast<char*>(nullptr));

@@ -311,12 +311,57 @@ TEST_F(DbusBroker, AWatchOfAnotherCallerCannotBeStopped) {
                 ":1.2", listen, hxf_tool::kSearchInterface, "Stop",
                 [](sd_bus_message*) { return 0; }, &error),
             nullptr);
-  EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.AccessDenied", 0), 0u) << error;
+  // To another caller the object is not there at all.
+  EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.UnknownObject", 0), 0u) << error;
   EXPECT_NE(
       Call(":1.1", listen, hxf_tool::kSearchInterface, "Stop", [](sd_bus_message*) { return 0; }),
       nullptr);
   ASSERT_TRUE(Await([&] { return !Finished(listen).empty(); }));
   EXPECT_EQ(Finished(listen), "stopped");
+}
+
+TEST_F(DbusBroker, IntrospectionShowsACallerItsOwnObjectsOnly) {
+  const std::string listen = Watch(":1.1", "lights", 0);
+  const std::string search = Watch(":1.1", "lights", 5000);
+  BusMessage subscribed = Broker(
+      ":1.1", "Subscribe", [](sd_bus_message* m) { return sd_bus_message_append(m, "s", "lights"); });
+  ASSERT_NE(subscribed, nullptr);
+  const char* session_path = nullptr;
+  ASSERT_GE(sd_bus_message_read(subscribed.get(), "o", &session_path), 0);
+  const std::string session = session_path;
+  const auto introspect = [&](const std::string& caller, const std::string& path) {
+    BusMessage reply = Call(caller, path, "org.freedesktop.DBus.Introspectable", "Introspect",
+                            [](sd_bus_message*) { return 0; });
+    const char* xml = nullptr;
+    if (reply == nullptr || sd_bus_message_read(reply.get(), "s", &xml) < 0) return std::string();
+    return std::string(xml);
+  };
+  const auto leaf = [](const std::string& path) { return path.substr(path.rfind('/') + 1); };
+  const std::string broker = hxf_tool::kBrokerPath;
+  for (const std::string& path : {listen, search, session}) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    // The owner sees it, so that its absence below means something.
+    EXPECT_NE(introspect(":1.1", folder).find("\"" + leaf(path) + "\""), std::string::npos)
+        << folder;
+    for (const std::string& at : {broker, folder, path}) {
+      EXPECT_EQ(introspect(":1.2", at).find(leaf(path)), std::string::npos) << at;
+    }
+  }
+  // Nor can another caller call them, even knowing the paths.
+  std::string error;
+  EXPECT_EQ(Call(
+                ":1.2", session, hxf_tool::kSessionInterface, "Close",
+                [](sd_bus_message*) { return 0; }, &error),
+            nullptr);
+  EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.UnknownObject", 0), 0u) << error;
+  EXPECT_EQ(Call(
+                ":1.2", search, hxf_tool::kSearchInterface, "Stop",
+                [](sd_bus_message*) { return 0; }, &error),
+            nullptr);
+  EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.UnknownObject", 0), 0u) << error;
+  EXPECT_NE(Call(":1.1", session, hxf_tool::kSessionInterface, "Close",
+                 [](sd_bus_message*) { return 0; }),
+            nullptr);
 }
 
 TEST_F(DbusBroker, ACallerThatLeftBeforeItsFirstCallWasHandledIsForgotten) {

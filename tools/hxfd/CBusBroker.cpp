@@ -11,6 +11,8 @@
 
 #include "BusValues.h"
 #include "CPluginInfo.h"
+#include "CSession.h"
+#include "CWatch.h"
 #include "PluginFiles.h"
 #include "hxf_core_version.h"
 
@@ -71,6 +73,18 @@ int CBusBroker::Start(bool own_name) {
     r = sd_bus_add_object_vtable(context_.Bus(), hxf_tool::Out(slot_), hxf_tool::kBrokerPath,
                                  hxf_tool::kBrokerInterface, kBrokerVtable, this);
   if (r >= 0) r = context_.Monitor().Start();
+  // Each caller's objects for that caller only, in calls and in introspection.
+  CCallerObjects& objects = context_.Objects();
+  const std::string base = std::string(hxf_tool::kBrokerPath) + "/";
+  if (r >= 0)
+    r = objects.Serve(context_.Bus(), (base + "search").c_str(), hxf_tool::kSearchInterface,
+                      CWatch::Vtable());
+  if (r >= 0)
+    r = objects.Serve(context_.Bus(), (base + "listen").c_str(), hxf_tool::kSearchInterface,
+                      CWatch::Vtable());
+  if (r >= 0)
+    r = objects.Serve(context_.Bus(), (base + "session").c_str(), hxf_tool::kSessionInterface,
+                      CSession::Vtable());
   // Followed before the name is owned: no caller can reach hxfd before its departure can.
   if (r >= 0) r = context_.Callers().Start();
   if (r >= 0 && own_name) r = sd_bus_request_name(context_.Bus(), hxf_tool::kBusName, 0);
@@ -79,6 +93,7 @@ int CBusBroker::Start(bool own_name) {
 
 void CBusBroker::Stop() {
   context_.Callers().Stop();
+  context_.Objects().Stop();
   slot_.reset();
   context_.Routes().Stop();
 }

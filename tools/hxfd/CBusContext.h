@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "CCallerObjects.h"
 #include "CCallers.h"
 #include "CCoreRoutes.h"
 #include "CMonitor.h"
@@ -75,6 +76,7 @@ class CBusContext {
   CCoreRoutes& Routes() { return routes_; }
   CMonitor& Monitor() { return monitor_; }
   CCallers& Callers() { return callers_; }
+  CCallerObjects& Objects() { return objects_; }
   CProviderSearches& Searches() { return searches_; }
   Limits& Limit() { return limits_; }
   // Whether `name` (the service's, the operation's...: `what`) is short enough; `error` set
@@ -89,6 +91,7 @@ class CBusContext {
   sd_event* event_;
   CProviderSearches searches_;
   Limits limits_;
+  CCallerObjects objects_;  // outlives the callers' objects
   // Destroyed in reverse: the callers (their core clients, objects and tokens) first.
   CCoreRoutes routes_;
   CMonitor monitor_;

@@ -23,6 +23,8 @@ const sd_bus_vtable kSessionVtable[] = {
 
 }  // namespace
 
+const sd_bus_vtable* CSession::Vtable() { return kSessionVtable; }
+
 CSession::CSession(CBusContext& context, CCaller& caller, std::string service)
     : context_(context), caller_(caller), service_(std::move(service)) {}
 
@@ -41,10 +43,7 @@ std::unique_ptr<CSession> CSession::Make(CBusContext& context, CCaller& caller,
   }
   if (with_object) {
     session->path_ = context.NewPath("session");
-    *r = sd_bus_add_object_vtable(context.Bus(), hxf_tool::Out(session->slot_),
-                                  session->path_.c_str(), hxf_tool::kSessionInterface,
-                                  kSessionVtable, session.get());
-    if (*r < 0) return nullptr;
+    session->object_ = context.Objects().Add(session->path_, caller.Name(), session.get());
   }
   return session;
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "CCallerObjects.h"
 #include "CCoreRoutes.h"
 #include "SdBusHolders.h"
 #include "hxf_core.h"
@@ -35,6 +36,8 @@ class CSession {
   // Bus thread: a notification of this session; it answers the request it names, if any.
   void Notified(const AnswerEvent& event);
 
+  // Session1's vtable, served for every session object by CCallerObjects.
+  static const sd_bus_vtable* Vtable();
   // Method handlers, named in the vtable.
   static int OnRequest(sd_bus_message* m, void* self, sd_bus_error* error);
   static int OnClose(sd_bus_message* m, void* self, sd_bus_error* error);
@@ -48,7 +51,7 @@ class CSession {
   std::string path_;  // empty: no object
   hxf_service_session_h handle_ = nullptr;
   uint64_t token_ = 0;
-  hxf_tool::BusSlot slot_;
+  CCallerObjects::Entry object_;  // its path, for its caller
 };
 
 }  // namespace hxfd

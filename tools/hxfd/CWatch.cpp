@@ -19,6 +19,8 @@ const sd_bus_vtable kSearchVtable[] = {
 
 }  // namespace
 
+const sd_bus_vtable* CWatch::Vtable() { return kSearchVtable; }
+
 CWatch::CWatch(CBusContext& context, CCaller& caller, std::string service, bool listen)
     : context_(context), caller_(caller), service_(std::move(service)), listen_(listen) {}
 
@@ -33,9 +35,7 @@ std::unique_ptr<CWatch> CWatch::Start(CBusContext& context, CCaller& caller,
     return nullptr;
   }
   watch->path_ = context.NewPath(listen ? "listen" : "search");
-  *r = sd_bus_add_object_vtable(context.Bus(), hxf_tool::Out(watch->slot_), watch->path_.c_str(),
-                                hxf_tool::kSearchInterface, kSearchVtable, watch.get());
-  if (*r < 0) return nullptr;
+  watch->object_ = context.Objects().Add(watch->path_, caller.Name(), watch.get());
   watch->token_ = context.Routes().Add(watch.get());
   void* token = CCoreRoutes::UserData(watch->token_);
   const hxf_error_e started =

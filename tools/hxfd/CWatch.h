@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "CCallerObjects.h"
 #include "CCoreRoutes.h"
 #include "SdBusHolders.h"
 #include "hxf_core.h"
@@ -35,6 +36,8 @@ class CWatch {
   // Bus thread: the core's news of this watch.
   void Found(const FoundEvent& event);
 
+  // Search1's vtable, served for every watch by CCallerObjects.
+  static const sd_bus_vtable* Vtable();
   // Search1.Stop, named in the vtable.
   static int OnStop(sd_bus_message* m, void* self, sd_bus_error* error);
 
@@ -53,7 +56,7 @@ class CWatch {
   bool counted_ = false;  // in the context's provider searches
   hxf_client_h client_ = nullptr;  // this watch's own
   uint64_t token_ = 0;
-  hxf_tool::BusSlot slot_;
+  CCallerObjects::Entry object_;  // its path, for its caller
   hxf_tool::EventSource timer_;  // a search's own deadline
 };
 

@@ -80,12 +80,17 @@ JSON
     expect_err "^hxf: count=18446744073709551615: the integer does not fit in 64 bits"
     ;;
   long-value)
-    # The longest argument the kernel passes is carried to the simulator through hxfd.
+    # A value within hxfd's text limit (64 KiB) is carried to the simulator; the longest
+    # argument the kernel passes is beyond it and refused by hxfd, naming the limit.
     start_hxfd
-    long=$(head -c 131064 /dev/zero | tr '\0' x)
+    long=$(head -c 65536 /dev/zero | tr '\0' x)
     code=$(run request lights get "device=$long")
     expect_code "$code" 1
     expect_err "^hxf: get on lights failed: unknown device xxxx"
+    long=$(head -c 131064 /dev/zero | tr '\0' x)
+    code=$(run request lights get "device=$long")
+    expect_code "$code" 1
+    expect_err '^hxf: get on lights failed: the value of "device_id" is longer than 65536 bytes (limit max-text-bytes in hxfd.conf)'
     kill -0 "${pids[1]}" 2>/dev/null || fail "hxfd died"
     ;;
   unoffered-service)

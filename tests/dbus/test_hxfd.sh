@@ -504,6 +504,31 @@ PY
     grep -q "^hxf: hxfd on the bus $strict: the bus's policy does not let this user call hxfd: " "$work/tool.err" ||
       fail "hxf did not say the policy refused the call"
     ;;
+  plugin-path)
+    # hxfd again, with the simulator copied out of the plugin folder and loaded by its path
+    # (under its NAME), beside a path that is no plugin library (refused, hxfd serves on; its
+    # description is still read from the file).
+    kill -TERM "$hxfd_pid"
+    wait "$hxfd_pid"
+    folder=$("$hxf" --json plugins --all | sed -n 's|.*"path":"\(/[^"]*\)/libhxf-plugin-sim.so".*|\1|p')
+    [ -n "$folder" ] || fail "hxf lists no simulator"
+    mkdir "$work/x"
+    cp "$folder/libhxf-plugin-sim.so" "$work/x/"
+    cp "$folder/libhxf-plugin-sim.so" "$work/x/sim.so"
+    "$hxfd" --address "$address" --plugin "$work/x/libhxf-plugin-sim.so" --plugin "$work/x/sim.so" \
+      >"$work/hxfd2.out" 2>"$work/hxfd2.err" &
+    pids+=($!)
+    await_line "$work/hxfd2.err" 20 '^hxfd: serving org.hxf.Broker$'
+    grep -qxF "hxfd: plugin $work/x/sim.so failed to load: not a plugin library: its file name must be libhxf-plugin-NAME.so" \
+      "$work/hxfd2.err" || fail "the misnamed file is not refused with its reason"
+    busctl "${bus[@]}" get-property org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 Plugins >"$work/plugins.out" ||
+      fail "no Plugins property"
+    grep -qxF "a(ssss) 2 \"sim\" \"a simulated home: lights, audio and climate devices (HXF_SIM_CONFIG)\" \"loaded\" \"\" \"$work/x/sim.so\" \"a simulated home: lights, audio and climate devices (HXF_SIM_CONFIG)\" \"failed\" \"not a plugin library: its file name must be libhxf-plugin-NAME.so\"" \
+      "$work/plugins.out" || fail "Plugins is $(cat "$work/plugins.out")"
+    "$hxf" --bus "$address" search lights --timeout 1000 >"$work/search.out" 2>"$work/search.err" ||
+      fail "the search through hxfd failed"
+    grep -q '^lamp-1  *Desk lamp  *lights ' "$work/search.out" || fail "the search did not find lamp-1"
+    ;;
   hxfd-log-format)
     # hxfd's log lines read as hxf's: time to the millisecond, priority letter, tag.
     write_bus_conf "$work/logged.conf" "$work/logged"

@@ -99,9 +99,13 @@ Rig& TheRig() {
 uint32_t Callers(Rig& rig) {
   sd_bus_error e = SD_BUS_ERROR_NULL;
   uint32_t callers = 0;
-  const int r = sd_bus_get_property_trivial(rig.client, nullptr, hxf_tool::kBrokerPath,
-                                            hxf_tool::kBrokerInterface, "Callers", &e, 'u',
-                                            &callers);
+  int r = -EINTR;
+  // libFuzzer's own timer signal interrupts the wait: asked again (reading makes no caller).
+  for (int attempt = 0; r == -EINTR && attempt < 100; ++attempt) {
+    sd_bus_error_free(&e);
+    r = sd_bus_get_property_trivial(rig.client, nullptr, hxf_tool::kBrokerPath,
+                                    hxf_tool::kBrokerInterface, "Callers", &e, 'u', &callers);
+  }
   CHECK(r >= 0, "hxfd does not answer: %s", e.message != nullptr ? e.message : "");
   sd_bus_error_free(&e);
   // Replies to earlier calls are dispatched now.

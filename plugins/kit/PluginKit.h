@@ -13,6 +13,7 @@
 
 #include "CLocks.h"    // common/include_internal: locks clang's -Wthread-safety checks
 #include "Presence.h"  // tools/common: the departure mark hxf and hxfd read
+#include "Provider.h"  // tools/common: "S@PROVIDER" and the provider in the UI meta data
 #include "hxf_core.h"
 
 namespace hxf_plugin_kit {
@@ -24,6 +25,10 @@ inline hxf_string View(const std::string& text) {
 }
 inline std::string Copy(hxf_string text) {
   return text.str != nullptr ? std::string(text.str, text.len) : std::string();
+}
+// The service a callback names, "S" also when a consumer used "S@PROVIDER".
+inline std::string CopyService(hxf_string name) {
+  return hxf_tool::BaseService(Copy(name));
 }
 
 inline hxf_property_h MakeProperty(const std::string& name, const Value& value) {
@@ -102,22 +107,26 @@ struct EndpointInfo {
 
 // The core reports every discovery as "found": an arrival or a departure seen while listening
 // travels marked in the UI meta data, `presence` being hxf_tool::kPresenceArrived or kPresenceLeft.
-inline hxf_endpoint_h MakeEndpoint(const std::string& service, const EndpointInfo& device,
-                                   const char* presence = nullptr) {
+// The meta data names `provider` (the plugin), so that consumers can reach it alone (Provider.h).
+inline hxf_endpoint_h MakeEndpoint(const std::string& provider, const std::string& service,
+                                   const EndpointInfo& device, const char* presence = nullptr) {
   hxf_endpoint_h endpoint = hxf_endpoint_create(View(service));
   hxf_endpoint_set_device_id(endpoint, View(device.id));
   hxf_endpoint_set_device_name(endpoint, View(device.name));
   hxf_endpoint_set_interface_name(endpoint, View(device.interface_name));
   hxf_endpoint_set_interface_type(endpoint, View(device.interface_type));
   hxf_endpoint_set_address(endpoint, View(device.address));
-  hxf_endpoint_set_ui_meta(endpoint, View(hxf_tool::MarkPresence(device.ui_meta, presence)));
+  hxf_endpoint_set_ui_meta(
+      endpoint,
+      View(hxf_tool::MarkPresence(hxf_tool::WithProvider(device.ui_meta, provider), presence)));
   return endpoint;
 }
 
 // Reports one device to the handler's searchers or listeners.
-inline void ReportFound(hxf_service_handler_h handler, const std::string& service,
-                        const EndpointInfo& device, const char* presence = nullptr) {
-  hxf_endpoint_h endpoint = MakeEndpoint(service, device, presence);
+inline void ReportFound(const std::string& provider, hxf_service_handler_h handler,
+                        const std::string& service, const EndpointInfo& device,
+                        const char* presence = nullptr) {
+  hxf_endpoint_h endpoint = MakeEndpoint(provider, service, device, presence);
   hxf_core_service_handler_report_device_found(handler, endpoint);
   hxf_endpoint_destroy(endpoint);
 }
@@ -135,8 +144,10 @@ struct HandlerCallbacks {
 };
 
 // Creates the handler `name`, gives it `callbacks` with `self` as their user data and
-// subscribes it to `service`. Null when the core refuses to create it.
-inline hxf_service_handler_h CreateHandler(const std::string& name, const std::string& service,
+// subscribes it to `service` and to "service@provider", where requests for the devices this
+// provider reported reach it alone. Null when the core refuses to create it.
+inline hxf_service_handler_h CreateHandler(const std::string& provider, const std::string& name,
+                                           const std::string& service,
                                            const HandlerCallbacks& callbacks, void* self) {
   hxf_service_handler_h handler = hxf_core_service_handler_create(View(name), self);
   if (handler == nullptr) return nullptr;
@@ -150,6 +161,8 @@ inline hxf_service_handler_h CreateHandler(const std::string& name, const std::s
                                                                 self);
   hxf_core_service_handler_set_request_service_callback(handler, callbacks.request, self);
   hxf_core_service_handler_subscribe_service(handler, View(service));
+  hxf_core_service_handler_subscribe_service(
+      handler, View(hxf_tool::ProviderService(service, provider)));
   return handler;
 }
 
@@ -162,7 +175,8 @@ using Handlers = std::vector<std::pair<std::string, hxf_service_handler_h>>;
 // A destroyed handler stays in its service as an expired entry, and the service may pick
 // that entry for the next session (after the plugin is loaded again, say): hence the
 // unsubscribe, which ends the service until something names it again.
-inline bool DestroyHandlers(const Handlers& handlers, std::chrono::milliseconds wait) {
+inline bool DestroyHandlers(const std::string& provider, const Handlers& handlers,
+                            std::chrono::milliseconds wait) {
   struct Countdown {
     HXFramework::CMutex mutex;  // the core's thread counts down, the caller waits
     std::condition_variable done;
@@ -179,6 +193,8 @@ inline bool DestroyHandlers(const Handlers& handlers, std::chrono::milliseconds 
   };
   for (const auto& [service, handler] : handlers) {
     hxf_core_service_handler_unsubscribe_service(handler, View(service));
+    hxf_core_service_handler_unsubscribe_service(
+        handler, View(hxf_tool::ProviderService(service, provider)));
     HXFramework::CMutexLock lock(countdown->mutex);
     if (hxf_core_service_handler_destroy_async(handler, destroyed, countdown) == HXF_ERROR_NONE)
       ++countdown->left;

@@ -13,7 +13,6 @@ namespace {
 constexpr const char* kTag = "HXF_SIM";
 constexpr auto kDestroyWait = std::chrono::seconds(10);
 
-using hxf_plugin_kit::Copy;
 using hxf_plugin_kit::ErrorList;
 using hxf_plugin_kit::Push;
 using hxf_plugin_kit::ReadProperty;
@@ -54,7 +53,7 @@ void Plugin::Setup() {
   }
   for (const std::string& name : model_.Services()) {
     hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
-        "sim-" + name, name,
+        kName, "sim-" + name, name,
         {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
          &Plugin::OnListenStop, &Plugin::OnAddDevice, &Plugin::OnSessionCreated,
          &Plugin::OnRequest},
@@ -76,7 +75,7 @@ void Plugin::Stop() {
   worker_.Stop();  // from here on no plugin task runs, and callbacks post into the void
   hxf_plugin_kit::Handlers handlers;
   for (auto& [name, service] : services_) handlers.emplace_back(name, service.handler);
-  if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
+  if (!hxf_plugin_kit::DestroyHandlers(kName, handlers, kDestroyWait))
     dlog_print(DLOG_ERROR, kTag, "sim: handlers not destroyed in time\n");
 }
 
@@ -84,7 +83,7 @@ void Plugin::Stop() {
 
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
   worker_.AssertOnWorker();
-  hxf_plugin_kit::ReportFound(services_[service].handler, service, device, presence);
+  hxf_plugin_kit::ReportFound(kName, services_[service].handler, service, device, presence);
 }
 
 void Plugin::Search(const std::string& service) {
@@ -107,7 +106,7 @@ void Plugin::DeviceList(const std::string& service) {
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   for (const Device& device : model_.devices) {
     if (device.service != service || device.arrive_after_ms != 0) continue;
-    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(service, device);
+    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(kName, service, device);
     hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
     hxf_endpoint_destroy(endpoint);
   }
@@ -296,28 +295,31 @@ void Plugin::ScheduleDrift(const std::string& service, const std::string& id,
 // ---- callbacks (core threads): copy, post, return ----
 
 void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post(
-      [plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
+  Self(self)->worker_.Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->Search(service);
+  });
 }
 
 void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] {
+  Self(self)->worker_.Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
     ++plugin->services_[service].search_generation;
   });
 }
 
 void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
   Plugin* plugin = Self(self);
-  plugin->worker_.Post([plugin, service = Copy(name)] { plugin->DeviceList(service); }, 50);
+  plugin->worker_.Post(
+      [plugin, service = hxf_plugin_kit::CopyService(name)] { plugin->DeviceList(service); }, 50);
 }
 
 void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post(
-      [plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
+  Self(self)->worker_.Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->Listen(service);
+  });
 }
 
 void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->worker_.Post([plugin = Self(self), service = Copy(name)] {
+  Self(self)->worker_.Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
     ++plugin->services_[service].listen_generation;
   });
 }

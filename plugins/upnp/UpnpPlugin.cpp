@@ -17,7 +17,6 @@ namespace hxf_upnp {
 
 namespace {
 
-using hxf_plugin_kit::Copy;
 using hxf_plugin_kit::View;
 
 constexpr const char* kTag = "HXF_UPNP";
@@ -68,7 +67,7 @@ void Plugin::Stop() {
   thread_.join();
   close(wake_fd_);
   const hxf_plugin_kit::Handlers handlers(handlers_.begin(), handlers_.end());
-  if (!hxf_plugin_kit::DestroyHandlers(handlers, kDestroyWait))
+  if (!hxf_plugin_kit::DestroyHandlers(kName, handlers, kDestroyWait))
     dlog_print(DLOG_ERROR, kTag, "upnp: handlers not destroyed in time\n");
 }
 
@@ -142,7 +141,7 @@ void Plugin::Run() {
 bool Plugin::Setup() {
   for (const char* name : {kLights, kRootDevices}) {
     hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
-        std::string("upnp-") + name, name,
+        kName, std::string("upnp-") + name, name,
         {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
          &Plugin::OnListenStop, &Plugin::OnAddDevice, &Plugin::OnSessionCreated,
          &Plugin::OnRequest},
@@ -367,7 +366,7 @@ void Plugin::Rescan() {
 
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
   AssertPluginThread();
-  hxf_plugin_kit::ReportFound(handlers_[service], service, device.endpoint, presence);
+  hxf_plugin_kit::ReportFound(kName, handlers_[service], service, device.endpoint, presence);
 }
 
 void Plugin::Search(const std::string& service) {
@@ -402,7 +401,7 @@ void Plugin::DeviceList(const std::string& service, bool rescanned) {
   hxf_endpoint_list_h list = hxf_endpoint_list_create();
   for (const auto& [udn, device] : devices_) {
     if (!device.Offers(service)) continue;
-    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(service, device.endpoint);
+    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(kName, service, device.endpoint);
     hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
     hxf_endpoint_destroy(endpoint);
   }
@@ -491,25 +490,33 @@ void Plugin::RetryPending() {
 // ---- the core's callbacks (its threads): copy, post, return ----
 
 void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->Search(service); });
+  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->Search(service);
+  });
 }
 
 void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->SearchStop(service); });
+  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->SearchStop(service);
+  });
 }
 
 void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post(
-      [plugin = Self(self), service = Copy(name)] { plugin->DeviceList(service, false); });
+  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->DeviceList(service, false);
+  });
 }
 
 void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = Copy(name)] { plugin->Listen(service); });
+  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->Listen(service);
+  });
 }
 
 void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post(
-      [plugin = Self(self), service = Copy(name)] { plugin->listening_.erase(service); });
+  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
+    plugin->listening_.erase(service);
+  });
 }
 
 void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,

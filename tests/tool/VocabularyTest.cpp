@@ -12,6 +12,7 @@
 #include "DeviceFields.h"
 #include "MonitorTypes.h"
 #include "Presence.h"
+#include "Provider.h"
 
 namespace {
 
@@ -129,3 +130,21 @@ TEST(Vocabulary, DepartureMarkInJsonDocIsTheTable) {
 }
 
 }  // namespace
+
+// The provider the kit writes first in the meta data is read back, also from inside a
+// departure mark; a "provider" elsewhere in a provider's own meta data is none.
+TEST(Vocabulary, TheProviderIsReadWhereTheKitWritesIt) {
+  EXPECT_EQ(hxf_tool::WithProvider("", "sim"), R"({"provider":"sim"})");
+  EXPECT_EQ(hxf_tool::WithProvider("{}", "sim"), R"({"provider":"sim"})");
+  EXPECT_EQ(hxf_tool::WithProvider(R"({"room":"hall"})", "sim"),
+            R"({"provider":"sim","room":"hall"})");
+  EXPECT_EQ(hxf_tool::WithProvider("plain text", "sim"), "plain text");
+  const std::string meta = hxf_tool::WithProvider(R"({"room":"hall"})", "sim");
+  EXPECT_EQ(hxf_tool::ProviderOf(meta), "sim");
+  EXPECT_EQ(hxf_tool::ProviderOf(hxf_tool::MarkPresence(meta, hxf_tool::kPresenceLeft)), "sim");
+  EXPECT_EQ(hxf_tool::ProviderOf(hxf_tool::MarkPresence(meta, hxf_tool::kPresenceArrived)), "sim");
+  EXPECT_EQ(hxf_tool::ProviderOf(R"({"room":{"provider":"x"}})"), "");
+  EXPECT_EQ(hxf_tool::ProviderService("lights", "sim"), "lights@sim");
+  EXPECT_EQ(hxf_tool::BaseService("lights@sim"), "lights");
+  EXPECT_EQ(hxf_tool::BaseService("lights"), "lights");
+}

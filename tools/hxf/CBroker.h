@@ -41,6 +41,14 @@ class CBroker {
     (void)services;
     return false;
   }
+  // The providers (plugin names) that may offer `service`, when the tool must reach each on
+  // its own ("S@PROVIDER", Provider.h). False when the broker routes requests to the provider
+  // of their device itself (hxfd does), or cannot tell.
+  virtual bool Providers(const std::string& service, std::vector<std::string>* providers) {
+    (void)service;
+    (void)providers;
+    return false;
+  }
   // A plugin the broker was asked to load: its description, its load state ("loaded" or
   // "failed") and why it failed.
   struct LoadedPlugin {

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 
 #include "Presence.h"
+#include "Provider.h"
 
 namespace hxf_tool {
 
@@ -14,6 +16,8 @@ using Clock = CEventQueue::Clock;
 constexpr auto kTick = std::chrono::milliseconds(100);
 constexpr auto kGrace = std::chrono::milliseconds(2000);  // for the core's own time-out report
 constexpr Clock::time_point kForever = Clock::time_point::max();
+// How long a request waits for the device lists that tell which provider has its device.
+constexpr uint32_t kProviderListMs = 1000;
 
 Clock::time_point In(uint32_t ms) {
   return Clock::now() + std::chrono::milliseconds(ms);
@@ -189,6 +193,43 @@ uint64_t CCommands::Subscribe(const std::string& service) {
   return code == HXF_ERROR_NONE ? session : 0;
 }
 
+std::string CCommands::RequestTarget(const std::string& service, const std::string& device_id) {
+  std::vector<std::string> expected;
+  // One provider or none known: the service's one handler is the provider.
+  if (device_id.empty() || !runtime_.Broker().Providers(service, &expected) ||
+      expected.size() < 2)
+    return service;
+  if (runtime_.Broker().AskDevices(service, kProviderListMs) != HXF_ERROR_NONE) return service;
+  // Each provider answers with a list of its own: collect them until every expected provider
+  // has answered (one with no device never does) or the wait ends.
+  std::set<std::string> answered, owners;
+  const bool completed = Pump(
+      {"looking for the provider of " + device_id, In(kProviderListMs)}, [&](const Event& event) {
+        if (event.kind != Event::kList) return true;
+        if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return false;
+        for (const Device& device : event.devices) {
+          const std::string provider = ProviderOf(device.ui_meta);
+          answered.insert(provider);
+          if (device.id == device_id && !provider.empty()) owners.insert(provider);
+        }
+        return std::any_of(expected.begin(), expected.end(),
+                           [&](const std::string& p) { return answered.count(p) == 0; });
+      });
+  if (!completed) return "";
+  if (owners.size() > 1) {
+    std::string names;
+    for (const std::string& name : owners) names += (names.empty() ? "" : ", ") + name;
+    Fail("device " + device_id + " of " + service + " is reported by several providers (" +
+             names + "): load only one of them",
+         HXF_ERROR_INVALID_PARAMETER,
+         {{"service", service},
+          {"device_id", device_id},
+          {"providers", std::vector<std::string>(owners.begin(), owners.end())}});
+    return "";
+  }
+  return owners.empty() ? service : ProviderService(service, *owners.begin());
+}
+
 int CCommands::SendAndWait(uint64_t session, const std::string& service,
                            const std::string& operation,
                            const std::vector<PropertyValue>& properties, uint32_t timeout_ms,
@@ -217,7 +258,16 @@ int CCommands::SendAndWait(uint64_t session, const std::string& service,
 int CCommands::Request(const std::string& service, const std::string& operation,
                        const std::vector<Assignment>& properties, uint32_t timeout_ms) {
   if (!Offered(service)) return kFailed;
-  const uint64_t session = Subscribe(service);
+  std::string device_id;
+  for (const Assignment& property : properties) {
+    if (property.name == "device_id" && property.value.is_string())
+      device_id = property.value.get<std::string>();
+  }
+  const std::string target = RequestTarget(service, device_id);
+  if (target.empty()) return runtime_.Interrupted() || broker_gone_ ? Stopped() : kFailed;
+  uint64_t session = 0;
+  if (target == service || runtime_.Broker().Subscribe(target, &session) != HXF_ERROR_NONE)
+    session = Subscribe(service);  // a provider without "S@PROVIDER": the service's own pick
   if (session == 0) return kFailed;
   std::vector<PropertyValue> values;
   for (const Assignment& property : properties) values.push_back({property.name, property.value});
@@ -244,15 +294,28 @@ int CCommands::Request(const std::string& service, const std::string& operation,
 }
 
 int CCommands::Watch(const std::string& service, uint32_t for_ms) {
-  if (!Offered(service) || Subscribe(service) == 0) return kFailed;
+  if (!Offered(service)) return kFailed;
+  // A session reaches one provider: with several, one session each ("S@PROVIDER").
+  std::vector<std::string> providers;
+  size_t sessions = 0;
+  if (runtime_.Broker().Providers(service, &providers) && providers.size() > 1) {
+    for (const std::string& provider : providers) {
+      uint64_t session = 0;
+      if (runtime_.Broker().Subscribe(ProviderService(service, provider), &session) ==
+          HXF_ERROR_NONE)
+        ++sessions;
+    }
+  }
+  if (sessions == 0 && Subscribe(service) == 0) return kFailed;
   out_.Note("watching " + service + (for_ms != 0 ? " for " + Ms(for_ms) : " (Ctrl-C stops)"));
   const Wait wait{"watching " + service, for_ms != 0 ? In(for_ms) : kForever};
   const bool completed = Pump(wait, [&](const Event& event) {
     if (event.kind != Event::kNotification) return true;
-    out_.Say("notification from " + event.name + " (" + event.list_name + ")");
+    const std::string from = BaseService(event.name);  // the service, not "S@PROVIDER"
+    out_.Say("notification from " + from + " (" + event.list_name + ")");
     out_.Properties(event.properties);
     nlohmann::json details = Payload(event);
-    details["service"] = event.name;
+    details["service"] = from;
     out_.Emit("notification", std::move(details));
     return true;
   });

@@ -56,6 +56,10 @@ class CCommands {
   bool Offered(const std::string& service);
   // A new session of `service`, or 0 after reporting why not.
   uint64_t Subscribe(const std::string& service);
+  // The service a request for `device_id` goes to: "S@PROVIDER" for the one provider that
+  // reports the device, `service` itself when the broker routes by device, no provider names
+  // it, or no device is named. Empty after failing when two or more providers report it.
+  std::string RequestTarget(const std::string& service, const std::string& device_id);
   // What a command stopped early returns: interrupted, or failed when the broker left.
   int Stopped() const { return broker_gone_ ? kFailed : kInterrupted; }
   // Sends one request and waits for its result; prints it. Returns the error code, or -1

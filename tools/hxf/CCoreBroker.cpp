@@ -129,6 +129,16 @@ bool CCoreBroker::OfferedServices(std::vector<std::string>* services) {
   return true;
 }
 
+bool CCoreBroker::Providers(const std::string& service, std::vector<std::string>* providers) {
+  providers->clear();
+  for (const PluginInfo& plugin : loaded_) {
+    const std::vector<std::string> offered = plugin.Services();
+    if (offered.empty() || std::find(offered.begin(), offered.end(), service) != offered.end())
+      providers->push_back(plugin.name);
+  }
+  return true;
+}
+
 void CCoreBroker::Close() {
   if (client_ != nullptr) hxf_core_client_destroy(client_);
   client_ = nullptr;

@@ -40,6 +40,8 @@ class CCoreBroker : public CBroker {
   int Monitor() override { return HXF_ERROR_OPERATION_FAILED; }  // nobody else is here
   // The union of the loaded plugins' declared services, when every one declares them.
   bool OfferedServices(std::vector<std::string>* services) override;
+  // The loaded plugins that declare `service`, or declare no services at all.
+  bool Providers(const std::string& service, std::vector<std::string>* providers) override;
 
  private:
   // Loads each plugin in turn and waits for its load result; false after an error message.

@@ -399,6 +399,17 @@ HXF_CORE_API hxf_error_e hxf_core_client_get_device_list(hxf_client_h client,
 HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(
     hxf_client_h client, hxf_string_t service_name, hxf_client_device_list_discovered_cb cb,
     void* user_data);
+/*
+ * Several providers of one service: a session is opened on one handler of its service, so a
+ * request on a session of "lights" reaches one plugin, whichever subscribed first. The plugins
+ * of this project therefore subscribe each handler to its service S and to "S@PROVIDER"
+ * (PROVIDER being the plugin's name, "lights@sim"), and write "provider" first in the UI meta
+ * data of every endpoint they report ({"provider":"sim",...}; inside "device" of a departure
+ * mark). Search, listen and ask for device lists on S: every provider answers. To request a
+ * device, read "provider" from its endpoint's meta data and subscribe to "S@PROVIDER"; for the
+ * notifications of every provider, hold one session per provider. A device id two providers
+ * report is ambiguous: hxf and hxfd refuse such a request naming both.
+ */
 /**
  * Subscribes the client to `service_name`, creating the service if no one named it before.
  * The session carries requests (hxf_core_client_request_service()) and receives the

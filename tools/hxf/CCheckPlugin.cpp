@@ -19,7 +19,6 @@
 #include <functional>
 #include <future>
 #include <map>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -28,6 +27,7 @@
 
 #include "CCheckProbe.h"
 #include "CCommands.h"
+#include "CLocks.h"
 #include "CPluginInfo.h"
 #include "PluginFiles.h"
 #include "Presence.h"
@@ -163,14 +163,19 @@ struct Heard {
   bool names_transaction = false;
 };
 
-struct Consumer {
-  std::mutex mutex;
-  std::condition_variable changed;
+// What the consumer heard. A wait's condition reads it through AwaitFor, which holds the lock.
+struct Record {
   std::vector<Heard> heard;
   int load_callbacks = 0;
   hxf_plugin_load_result_e load_result = HXF_PLUGIN_LOAD_RESULT_FAILED;
   std::vector<std::string> reported_names;
   bool destroy_failed = false;
+};
+
+struct Consumer {
+  HXFramework::CMutex mutex;
+  std::condition_variable changed;
+  Record record HXF_GUARDED_BY(mutex);
 };
 
 Consumer& Seen() {
@@ -180,8 +185,8 @@ Consumer& Seen() {
 
 void Add(Heard heard) {
   Consumer& seen = Seen();
-  std::lock_guard<std::mutex> lock(seen.mutex);
-  seen.heard.push_back(std::move(heard));
+  HXFramework::CMutexLock lock(seen.mutex);
+  seen.record.heard.push_back(std::move(heard));
   seen.changed.notify_all();
 }
 
@@ -259,38 +264,42 @@ void OnNotification(hxf_string service, hxf_service_session_h, hxf_property_list
 
 void OnLoaded(hxf_string, hxf_plugin_load_result_e result, void*) {
   Consumer& seen = Seen();
-  std::lock_guard<std::mutex> lock(seen.mutex);
-  ++seen.load_callbacks;
-  seen.load_result = result;
+  HXFramework::CMutexLock lock(seen.mutex);
+  ++seen.record.load_callbacks;
+  seen.record.load_result = result;
   seen.changed.notify_all();
 }
 
 void OnReport(const std::string& name, hxf_plugin_load_result_e, void*) {
   Consumer& seen = Seen();
-  std::lock_guard<std::mutex> lock(seen.mutex);
-  seen.reported_names.push_back(name);
+  HXFramework::CMutexLock lock(seen.mutex);
+  seen.record.reported_names.push_back(name);
   seen.changed.notify_all();
 }
 
 void OnLog(int, const char*, const char* text, void*) {
   if (text == nullptr || std::strstr(text, "failed to finalize plugin") == nullptr) return;
   Consumer& seen = Seen();
-  std::lock_guard<std::mutex> lock(seen.mutex);
-  seen.destroy_failed = true;
+  HXFramework::CMutexLock lock(seen.mutex);
+  seen.record.destroy_failed = true;
 }
 
 // Waits until `done` holds (under the lock) or `bound` has passed; whether it holds.
-bool AwaitFor(milliseconds bound, const std::function<bool(Consumer&)>& done) {
+bool AwaitFor(milliseconds bound, const std::function<bool(Record&)>& done) {
   Consumer& seen = Seen();
-  std::unique_lock<std::mutex> lock(seen.mutex);
-  return seen.changed.wait_for(lock, bound, [&] { return done(seen); });
+  HXFramework::CMutexLock lock(seen.mutex);
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (!done(seen.record))
+    if (seen.changed.wait_until(lock.Native(), deadline) == std::cv_status::timeout)
+      return done(seen.record);
+  return true;
 }
 
 std::vector<Heard> HeardFor(int tag) {
   Consumer& seen = Seen();
-  std::lock_guard<std::mutex> lock(seen.mutex);
+  HXFramework::CMutexLock lock(seen.mutex);
   std::vector<Heard> found;
-  for (const Heard& heard : seen.heard)
+  for (const Heard& heard : seen.record.heard)
     if (heard.tag == tag) found.push_back(heard);
   return found;
 }
@@ -415,7 +424,7 @@ class CChild {
     const int tag = ++tag_;
     hxf_core_client_get_device_list(client_, hxf_string_from_cstr("hxf-check-warm-up"), &OnList, 1,
                                     TagData(tag));
-    AwaitFor(kLateness, [&](Consumer& seen) {
+    AwaitFor(kLateness, [&](Record& seen) {
       for (const Heard& heard : seen.heard)
         if (heard.tag == tag) return true;
       return false;
@@ -429,21 +438,22 @@ class CChild {
     if (!ok) problem = "the core refused to load it: " + LoadFailureReason(plugin_);
     if (ok) {
       // A report under another name never reaches the consumer: stop waiting when one comes.
-      const bool reported = AwaitFor(kLoadBound, [](Consumer& seen) {
+      const bool reported = AwaitFor(kLoadBound, [](Record& seen) {
         return seen.load_callbacks > 0 || !seen.reported_names.empty();
       });
-      AwaitFor(kDuplicateGrace, [](Consumer& seen) { return seen.load_callbacks > 1; });
+      AwaitFor(kDuplicateGrace, [](Record& seen) { return seen.load_callbacks > 1; });
       Consumer& seen = Seen();
-      std::lock_guard<std::mutex> lock(seen.mutex);
-      for (const std::string& name : seen.reported_names)
+      HXFramework::CMutexLock lock(seen.mutex);
+      for (const std::string& name : seen.record.reported_names)
         if (name != name_ && problem.empty())
           problem = "reported its load result under the name '" + name + "', not its own ('" +
                     name_ + "')";
       if (problem.empty() && !reported)
         problem = "no load result within " + Ms(kLoadBound);
-      if (problem.empty() && seen.load_callbacks > 1)
-        problem = "the load result was reported " + std::to_string(seen.load_callbacks) + " times";
-      if (problem.empty() && seen.load_result != HXF_PLUGIN_LOAD_RESULT_SUCCESS) {
+      if (problem.empty() && seen.record.load_callbacks > 1)
+        problem = "the load result was reported " + std::to_string(seen.record.load_callbacks) +
+                  " times";
+      if (problem.empty() && seen.record.load_result != HXF_PLUGIN_LOAD_RESULT_SUCCESS) {
         problem = "the load failed: " + LoadFailureReason(plugin_);
         ok = false;
       }
@@ -461,7 +471,7 @@ class CChild {
       const int tag = ++tag_;
       hxf_core_client_start_active_search(client_, View(service), &OnFound, kSearchTimeout,
                                           TagData(tag));
-      const bool ended = AwaitFor(milliseconds(kSearchTimeout) + kLateness, [&](Consumer& seen) {
+      const bool ended = AwaitFor(milliseconds(kSearchTimeout) + kLateness, [&](Record& seen) {
         for (const Heard& heard : seen.heard)
           if (heard.tag == tag && heard.kind == Heard::kTimeout) return true;
         return false;
@@ -484,7 +494,7 @@ class CChild {
     Check(Suffix("device-list", service), [&]() -> std::string {
       const int tag = ++tag_;
       hxf_core_client_get_device_list(client_, View(service), &OnList, kListTimeout, TagData(tag));
-      const bool came = AwaitFor(milliseconds(kListTimeout) + kLateness, [&](Consumer& seen) {
+      const bool came = AwaitFor(milliseconds(kListTimeout) + kLateness, [&](Record& seen) {
         for (const Heard& heard : seen.heard)
           if (heard.tag == tag) return true;
         return false;
@@ -506,7 +516,7 @@ class CChild {
     const int listen_tag = ++tag_;
     Check(Suffix("listen", service), [&]() -> std::string {
       hxf_core_client_start_passive_search(client_, View(service), &OnFound, TagData(listen_tag));
-      AwaitFor(kListenWindow, [](Consumer&) { return false; });  // a window to watch, not a wait
+      AwaitFor(kListenWindow, [](Record&) { return false; });  // a window to watch, not a wait
       hxf_core_client_stop_passive_search(client_, View(service));
       const std::vector<Heard> heard = HeardFor(listen_tag);
       if (heard.empty()) return "SKIP nothing reported within " + Ms(kListenWindow);
@@ -524,9 +534,9 @@ class CChild {
 
   // Nothing may come for `tag` after the stop's grace.
   std::string Quiet(int tag, const std::string& what) {
-    AwaitFor(kStopGrace, [](Consumer&) { return false; });
+    AwaitFor(kStopGrace, [](Record&) { return false; });
     const size_t before = HeardFor(tag).size();
-    AwaitFor(kQuietWindow, [](Consumer&) { return false; });
+    AwaitFor(kQuietWindow, [](Record&) { return false; });
     const size_t after = HeardFor(tag).size();
     if (after > before)
       return std::to_string(after - before) + " report(s) of the " + what + " more than " +
@@ -569,13 +579,13 @@ class CChild {
     size_t notes_before = 0;
     {
       Consumer& seen = Seen();
-      std::lock_guard<std::mutex> lock(seen.mutex);
-      for (const Heard& heard : seen.heard) notes_before += heard.kind == Heard::kNotification;
+      HXFramework::CMutexLock lock(seen.mutex);
+      for (const Heard& heard : seen.record.heard) notes_before += heard.kind == Heard::kNotification;
     }
     hxf_core_client_request_service(client_, session, request, &OnResult, kRequestTimeout,
                                     nullptr, TagData(tag));
     hxf_property_list_destroy(request);
-    const bool came = AwaitFor(milliseconds(kRequestTimeout) + kLateness, [&](Consumer& seen) {
+    const bool came = AwaitFor(milliseconds(kRequestTimeout) + kLateness, [&](Record& seen) {
       size_t notes = 0;
       for (const Heard& heard : seen.heard) {
         if (heard.tag == tag) return true;
@@ -584,7 +594,7 @@ class CChild {
       }
       return false;
     });
-    AwaitFor(kDuplicateGrace, [](Consumer&) { return false; });  // room for a second answer
+    AwaitFor(kDuplicateGrace, [](Record&) { return false; });  // room for a second answer
     const ProbeSnapshot probe = ProbeRead();
     const std::vector<Heard> heard = HeardFor(tag);
     if (!came) {
@@ -646,17 +656,24 @@ class CChild {
     const ProbeSnapshot probe = ProbeRead();
     const std::set<std::string> offered(services_.begin(), services_.end());
     if (offered.empty()) return "SKIP the plugin declares no services";
+    // "S@NAME" is the plugin's own name for its service S, by which consumers reach this
+    // provider alone when another offers S too.
+    const auto offers = [&](const std::string& service) {
+      const size_t at = service.find('@');
+      if (at == std::string::npos) return offered.count(service) != 0;
+      return offered.count(service.substr(0, at)) != 0 && service.substr(at + 1) == name_;
+    };
     for (const std::string& service : probe.answered_services)
-      if (offered.count(service) == 0)
+      if (!offers(service))
         return "an answer or notification named service '" + service +
                "', which the plugin does not declare";
     for (const std::string& service : probe.subscribed)
-      if (offered.count(service) == 0)
+      if (!offers(service))
         return "subscribed to service '" + service + "', which the plugin does not declare";
     Consumer& seen = Seen();
-    std::lock_guard<std::mutex> lock(seen.mutex);
-    for (const Heard& heard : seen.heard)
-      if (heard.kind == Heard::kNotification && offered.count(heard.service) == 0)
+    HXFramework::CMutexLock lock(seen.mutex);
+    for (const Heard& heard : seen.record.heard)
+      if (heard.kind == Heard::kNotification && !offers(heard.service))
         return "a notification of service '" + heard.service + "', which the plugin does not declare";
     return "";
   }
@@ -678,8 +695,8 @@ class CChild {
   std::string Unload(bool checking = true) {
     {
       Consumer& seen = Seen();
-      std::lock_guard<std::mutex> lock(seen.mutex);
-      seen.destroy_failed = false;
+      HXFramework::CMutexLock lock(seen.mutex);
+      seen.record.destroy_failed = false;
     }
     auto done = std::make_shared<std::promise<hxf_error_e>>();
     std::future<hxf_error_e> result = done->get_future();
@@ -695,8 +712,8 @@ class CChild {
     if (code != HXF_ERROR_NONE)
       return std::string("the unload failed (") + hxf_error_name(code) + ")";
     Consumer& seen = Seen();
-    std::lock_guard<std::mutex> lock(seen.mutex);
-    if (seen.destroy_failed) return "DestroyPlugin returned false (the library stays open)";
+    HXFramework::CMutexLock lock(seen.mutex);
+    if (seen.record.destroy_failed) return "DestroyPlugin returned false (the library stays open)";
     return "";
   }
 
@@ -737,17 +754,17 @@ class CChild {
         const std::string which = "load " + std::to_string(round) + ": ";
         {
           Consumer& seen = Seen();
-          std::lock_guard<std::mutex> lock(seen.mutex);
-          seen.load_callbacks = 0;
+          HXFramework::CMutexLock lock(seen.mutex);
+          seen.record.load_callbacks = 0;
         }
         if (hxf_core_plugin_load(View(plugin_), &OnLoaded, nullptr) != HXF_ERROR_NONE)
           return which + "the core refused it: " + LoadFailureReason(plugin_);
-        AwaitFor(kLoadBound, [](Consumer& seen) { return seen.load_callbacks > 0; });
+        AwaitFor(kLoadBound, [](Record& seen) { return seen.load_callbacks > 0; });
         if (!services_.empty()) {
           const int tag = ++tag_;
           hxf_core_client_get_device_list(client_, View(services_.front()), &OnList, kListTimeout,
                                           TagData(tag));
-          AwaitFor(milliseconds(kListTimeout) + kLateness, [&](Consumer& seen) {
+          AwaitFor(milliseconds(kListTimeout) + kLateness, [&](Record& seen) {
             for (const Heard& heard : seen.heard)
               if (heard.tag == tag) return true;
             return false;

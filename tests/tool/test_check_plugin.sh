@@ -69,6 +69,23 @@ PASS load-result"
     expect_line "FAIL load-result: reported its load result under the name 'misnamed-v2', not its own ('misnamed')"
     expect_line 'PASS exports'
     ;;
+  answertwice)
+    # Every request answered twice: the second answer is counted although the core drops it.
+    code=$(run check-plugin answertwice)
+    expect_code "$code" 1
+    expect_line 'FAIL request-get/lights: get device_id=lamp-1: answered 2 times'
+    expect_line 'FAIL request-unknown-device/lights: get device_id=hxf-check-no-such-device: answered 2 times'
+    expect_line 'PASS no-threads-left'
+    ;;
+  threadleft)
+    # A thread of the plugin outlives DestroyPlugin, named with its id and name.
+    code=$(run check-plugin threadleft)
+    expect_code "$code" 1
+    grep -qx 'FAIL no-threads-left: 1 thread(s) started since the load still run 1000 ms after the unload: [0-9]* (left-running)' \
+      "$out" || fail "no no-threads-left FAIL naming the thread"
+    expect_line 'PASS request-get/lights'
+    expect_line 'PASS unload-returns'
+    ;;
   *) echo "unknown case $case_name"; exit 2 ;;
 esac
 exit 0

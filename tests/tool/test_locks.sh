@@ -16,9 +16,9 @@ case "$case_name" in
     # The files of the checkout (work in progress beside it is not looked at).
     cd "$source_dir" || fail "no $source_dir"
     if git rev-parse --git-dir >/dev/null 2>&1; then
-      mapfile -t files < <(git ls-files tools/hxf tools/common plugins)
+      mapfile -t files < <(git ls-files tools/hxf tools/hxfd tools/common plugins)
     else
-      mapfile -t files < <(find tools/hxf tools/common plugins -type f)
+      mapfile -t files < <(find tools/hxf tools/hxfd tools/common plugins -type f)
     fi
     found=$(grep -nE 'std::(recursive_|shared_|timed_)?mutex\b' "${files[@]}" || true)
     [ -z "$found" ] || fail "locks the analysis cannot see (use HXFramework::CMutex and mark what it guards HXF_GUARDED_BY, common/include_internal/CLocks.h): $found"

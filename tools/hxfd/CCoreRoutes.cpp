@@ -2,9 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
-
 #include "CCallers.h"
+#include "CLocks.h"
 #include "CSession.h"
 #include "CWatch.h"
 
@@ -14,8 +13,8 @@ namespace {
 
 // The routing table the callbacks reach. A callback may still be finishing on a pool thread
 // after its client was destroyed, even after hxfd stopped serving: it then finds none.
-std::mutex g_mutex;
-CCoreRoutes* g_routes = nullptr;  // guarded by g_mutex
+HXFramework::CMutex g_mutex;
+CCoreRoutes* g_routes HXF_GUARDED_BY(g_mutex) = nullptr;
 
 uint64_t TokenOf(void* user_data) {
   return reinterpret_cast<uint64_t>(user_data);
@@ -26,14 +25,14 @@ uint64_t TokenOf(void* user_data) {
 int CCoreRoutes::Start(sd_event* event) {
   const int r = tasks_.Start(event);
   if (r < 0) return r;
-  std::lock_guard<std::mutex> lock(g_mutex);
+  HXFramework::CMutexLock lock(g_mutex);
   g_routes = this;
   return 0;
 }
 
 void CCoreRoutes::Stop() {
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    HXFramework::CMutexLock lock(g_mutex);
     if (g_routes == this) g_routes = nullptr;
   }
   tasks_.Stop();
@@ -68,7 +67,9 @@ T* CCoreRoutes::Find(uint64_t token) const {
 }
 
 void CCoreRoutes::Hand(std::function<void(CCoreRoutes&)> deliver) {
-  std::lock_guard<std::mutex> lock(g_mutex);
+  // Posted under the lock: Stop clears g_routes under it before it stops the hand-off, so no
+  // task is posted to a stopped (or freed) one.
+  HXFramework::CMutexLock lock(g_mutex);
   if (g_routes == nullptr) return;
   CCoreRoutes* routes = g_routes;
   routes->tasks_.Post([routes, deliver = std::move(deliver)] { deliver(*routes); });

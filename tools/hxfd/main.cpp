@@ -20,6 +20,7 @@
 #include "BusValues.h"
 #include "CBusBroker.h"
 #include "CDaemonConfig.h"
+#include "CLocks.h"
 #include "CoreValues.h"
 #include "PluginFiles.h"
 #include "hxf_core.h"
@@ -96,15 +97,15 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
     std::string reported_as;  // the name the plugin reported under, when not its own
   };
   struct Loads {
-    std::mutex mutex;  // guards all below: the core's and the plugins' threads add, main waits
+    HXFramework::CMutex mutex;  // the core's and the plugins' threads add, main waits
     std::condition_variable done;
-    std::vector<Result> results;
-    std::set<std::string> known;  // the names the core was asked to load
-    std::string loading;
+    std::vector<Result> results HXF_GUARDED_BY(mutex);
+    std::set<std::string> known HXF_GUARDED_BY(mutex);  // the names the core was asked to load
+    std::string loading HXF_GUARDED_BY(mutex);
   } loads;
   const auto loaded = [](hxf_string name, hxf_plugin_load_result_e result, void* data) {
     auto* l = static_cast<Loads*>(data);
-    std::lock_guard<std::mutex> lock(l->mutex);
+    HXFramework::CMutexLock lock(l->mutex);
     l->results.push_back(
         {std::string(name.str, name.len), result == HXF_PLUGIN_LOAD_RESULT_SUCCESS, ""});
     l->done.notify_all();
@@ -113,7 +114,7 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
   // the loading plugin's.
   const auto reported = [](const std::string& name, hxf_plugin_load_result_e result, void* data) {
     auto* l = static_cast<Loads*>(data);
-    std::lock_guard<std::mutex> lock(l->mutex);
+    HXFramework::CMutexLock lock(l->mutex);
     if (l->known.count(name) != 0) return;  // the core delivers it to `loaded`
     l->results.push_back({l->loading, result == HXF_PLUGIN_LOAD_RESULT_SUCCESS, name});
     l->done.notify_all();
@@ -133,7 +134,7 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
     }
     size_t before = 0;
     {
-      std::lock_guard<std::mutex> lock(loads.mutex);
+      HXFramework::CMutexLock lock(loads.mutex);
       loads.loading = plugin;
       loads.known.insert(plugin);
       before = loads.results.size();
@@ -150,18 +151,21 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
     }
     Result result;
     {
-      std::unique_lock<std::mutex> lock(loads.mutex);
-      const auto mine = [&] {
-        for (size_t i = before; i < loads.results.size(); ++i) {
-          if (loads.results[i].name == plugin) {
-            result = loads.results[i];
-            return true;
-          }
+      HXFramework::CMutexLock lock(loads.mutex);
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      bool mine = false;
+      size_t seen = before;
+      while (!mine) {
+        for (; seen < loads.results.size() && !mine; ++seen) {
+          mine = loads.results[seen].name == plugin;
+          if (mine) result = loads.results[seen];
         }
-        return false;
-      };
-      if (!loads.done.wait_for(lock, std::chrono::seconds(10), mine)) {
-        lock.unlock();
+        if (!mine && loads.done.wait_until(lock.Native(), deadline) == std::cv_status::timeout &&
+            seen == loads.results.size())
+          break;
+      }
+      if (!mine) {
+        lock.Unlock();
         failed(plugin, "no load result within 10 s");
         continue;
       }

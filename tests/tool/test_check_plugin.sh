@@ -5,14 +5,9 @@
 set -u
 hxf=$1
 case_name=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-out="$work/out"
-err="$work/err"
+# shellcheck source=../support/tool_case.sh
+source "$(dirname "$0")/../support/tool_case.sh"
 
-fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
-run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
-expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
 expect_line() { grep -qxF -- "$1" "$out" || fail "stdout lacks the line: $1"; }
 
 case "$case_name" in

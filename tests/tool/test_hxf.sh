@@ -4,20 +4,12 @@
 set -u
 hxf=$1
 case_name=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=../support/tool_case.sh
+source "$(dirname "$0")/../support/tool_case.sh"
 # shellcheck source=../support/await.sh
 source "$(dirname "$0")/../support/await.sh"
-out="$work/out"
-err="$work/err"
 
-fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
-run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
-expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
-expect_out() { grep -q -- "$1" "$out" || fail "stdout lacks: $1"; }
-expect_err() { grep -q -- "$1" "$err" || fail "stderr lacks: $1"; }
 expect_out_exactly() { grep -qF -- "$1" "$out" || fail "stdout lacks the text: $1"; }
-expect_no_out() { [ -s "$out" ] && fail "stdout should be empty"; return 0; }
 expect_last() { [ "$(tail -n 1 "$out")" = "$1" ] || fail "the last line is not: $1"; }
 # A log line begins with its local time to the millisecond; then the priority letter and tag.
 log_stamp='[0-2][0-9]:[0-5][0-9]:[0-5][0-9]\.[0-9][0-9][0-9]'  # basic and extended regex alike

@@ -6,18 +6,12 @@
 set -u
 hxf=$1
 case_name=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=../support/tool_case.sh
+source "$(dirname "$0")/../support/tool_case.sh"
 # shellcheck source=../support/await.sh
 source "$(dirname "$0")/../support/await.sh"
-out="$work/out"
-err="$work/err"
 
-fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
-run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
-expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
 expect_err_exactly() { [ "$(cat "$err")" = "$1" ] || fail "stderr is not exactly: $1"; }
-expect_no_out() { [ -s "$out" ] && fail "stdout should be empty"; return 0; }
 
 # The build's plugin folder, as hxf itself names it; the copies lie elsewhere.
 folder=$("$hxf" --json plugins --all | sed -n 's|.*"path":"\(/[^"]*\)/libhxf-plugin-sim.so".*|\1|p')

@@ -6,16 +6,8 @@
 set -u
 hxf=$1
 case_name=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-out="$work/out"
-err="$work/err"
-
-fail() { echo "FAIL [$case_name]: $*"; echo "--- stdout"; cat "$out"; echo "--- stderr"; cat "$err"; exit 1; }
-run() { "$hxf" "$@" >"$out" 2>"$err"; echo $?; }
-expect_code() { [ "$1" = "$2" ] || fail "exit code $1, expected $2"; }
-expect_out() { grep -q -- "$1" "$out" || fail "stdout lacks: $1"; }
-expect_err() { grep -q -- "$1" "$err" || fail "stderr lacks: $1"; }
+# shellcheck source=../support/tool_case.sh
+source "$(dirname "$0")/../support/tool_case.sh"
 
 case "$case_name" in
   request-reaches-the-simulators-device-in-either-load-order)

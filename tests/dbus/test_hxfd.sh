@@ -16,19 +16,8 @@ done
 python=/usr/bin/python3
 "$python" -c 'import dbus, gi' 2>/dev/null || skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "FAIL [$case_name]: $*"
-  for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -30 "$f"; }; done
-  exit 1
-}
+# shellcheck source=../support/bus_case.sh
+source "$here/../support/bus_case.sh"
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
 

@@ -21,21 +21,10 @@ for tool in dbus-daemon busctl gdbus; do
 done
 id nobody >/dev/null 2>&1 || skip "there is no user nobody"
 
+# shellcheck source=../support/bus_case.sh
+source "$here/../support/bus_case.sh"
 # Readable by nobody, who connects to the socket inside and runs the built hxfd.
-work=$(mktemp -d)
 chmod 755 "$work"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "FAIL [$case_name]: $*"
-  for f in "$work"/*.out "$work"/*.err; do [ -s "$f" ] && { echo "--- $f"; tail -30 "$f"; }; done
-  exit 1
-}
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
 

@@ -1,6 +1,8 @@
+# shellcheck shell=bash
 # What every test of the hxf binary as a process starts with: a work folder removed on exit,
 # the command's stdout and stderr kept there, and the checks on them. The script sets hxf and
 # case_name before it sources this.
+# shellcheck disable=SC2154 # case_name and hxf come from the script that sources this
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 out="$work/out"

@@ -12,21 +12,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 skip() { echo "SKIP [$case_name]: $*"; exit 77; }
 command -v dbus-daemon >/dev/null || skip "dbus-daemon is missing (scripts/install-deps.sh dbus)"
 
-work=$(mktemp -d)
+# shellcheck source=../support/bus_case.sh
+source "$here/../support/bus_case.sh"
 out="$work/hxf.out"
 err="$work/hxf.err"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "FAIL [$case_name]: $*"
-  for f in "$work"/*.out "$work"/*.err; do [ -s "$f" ] && { echo "--- $f"; tail -c 3000 "$f"; echo; }; done
-  exit 1
-}
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
 # shellcheck source=../support/private_bus.sh

@@ -72,11 +72,13 @@ void CThreadPoolInvokerImpl::_Spin() {
 }
 
 void CThreadPoolInvokerImpl::_Park(CMutexLock& lock) {
-  if (!standby_) {
-    _StandBy(lock);
-    return;
-  }
   while (!stopping_ && queue_.empty()) {
+    // Checked after every wake too: a standby that left to run work wakes one parked worker
+    // to take over the watch, and continuations posted meanwhile wait for that watch.
+    if (!standby_) {
+      _StandBy(lock);
+      return;
+    }
     ++parked_;
     wake_.wait(lock.Native());
     --parked_;

@@ -152,3 +152,31 @@ TEST(ThreadPoolInvoker, AFunctionAWorkerPostsAndThenBlocksForRunsOnAnotherWorker
   EXPECT_TRUE(ran_in_time);
   EXPECT_NE(runner, poster);
 }
+
+TEST(ThreadPoolInvoker, AParkedWorkerTakesOverTheWatchWhileTheStandbyRunsWhatItTook) {
+  // Regression: the standby took a continuation and woke a parked worker to watch in its
+  // place, but that worker parked again; a second continuation posted while the first still
+  // ran then waited for no one.
+  Gate first_started;
+  Gate release_first;
+  Gate second_ran;
+  Gate done;
+  bool second_in_time = false;
+  CThreadPoolInvokerImpl pool(3);  // stopped first: it runs what it accepted while the gates live
+  ASSERT_TRUE(Eventually([&] { return pool.ParkedCount() == 3; }));
+  pool.Invoke([&] {
+    if (!Eventually([&] { return pool.ParkedCount() == 2; })) return;
+    pool.Invoke([&] {  // left to the standby: its poster blocks until it has started
+      first_started.Open();
+      release_first.Wait();
+    });
+    if (first_started.Wait()) {
+      pool.Invoke([&] { second_ran.Open(); });
+      second_in_time = second_ran.Wait();
+    }
+    release_first.Open();
+    done.Open();
+  });
+  ASSERT_TRUE(done.Wait());
+  EXPECT_TRUE(second_in_time);
+}

@@ -89,11 +89,121 @@ def monitor_disconnect(address):
     print("monitor saw client-gone of the leaver: %s" % (("client-gone", name) in events))
 
 
+def refused(label, call):
+    """Prints LABEL: the error's name and message, or LABEL: served."""
+    try:
+        call()
+        print("%s: served" % label)
+    except dbus.DBusException as e:
+        print("%s: %s: %s" % (label, e.get_dbus_name(), e.get_dbus_message()))
+
+
+def limits(address):
+    """Each per-caller quota and size limit, one past it, from a caller of its own (hxfd run
+    with 2 sessions, 2 watches and 2 waiting calls per caller, names of 16 bytes, values of 32,
+    requests of 200 bytes, searches of 10 s)."""
+    sessions = broker(connect(address))
+    for _ in range(2):
+        sessions.Subscribe("lights")
+    refused("third session", lambda: sessions.Subscribe("lights"))
+    watches = broker(connect(address))
+    watches.Listen("lights")
+    watches.Search("audio", dbus.UInt32(10000))
+    refused("third watch", lambda: watches.Listen("climate"))
+    # radio-1 never answers: both calls wait (for 20 s) while the third is refused.
+    waiting_bus = connect(address)
+    waiting = broker(waiting_bus)
+    answered = []
+    for _ in range(2):
+        waiting.Request("audio", "get", {"device_id": "radio-1"}, dbus.UInt32(20000),
+                        reply_handler=answered.append, error_handler=answered.append)
+    run_loop(0.3, lambda: False)  # both calls reach hxfd before the third
+    refused("third waiting call", lambda: waiting.Request(
+        "audio", "get", {"device_id": "radio-1"}, dbus.UInt32(20000)))
+    sizes = broker(connect(address))
+    refused("value of 33 bytes", lambda: sizes.Request(
+        "lights", "set", {"device_id": "lamp-1", "name": "v" * 33}, dbus.UInt32(2000)))
+    refused("request of 231 bytes", lambda: sizes.Request(
+        "lights", "set", dict(("p%02d" % i, "v" * 30) for i in range(7)), dbus.UInt32(2000)))
+    refused("property name of 17 bytes", lambda: sizes.Request(
+        "lights", "get", {"d" * 17: "lamp-1"}, dbus.UInt32(2000)))
+    refused("value of 32 bytes", lambda: sizes.Request(
+        "lights", "get", {"device_id": "lamp-1", "x": "v" * 32}, dbus.UInt32(2000)))
+
+
+def hit_and_run(address):
+    """600 callers (beyond the stock 512 match rules of one connection), 200 each of Subscribe,
+    Listen and Request, each sending its call and leaving without waiting for the answer."""
+    calls = [("Subscribe", "s", ["lights"]), ("Listen", "s", ["lights"]),
+             ("Request", "ssa{sv}u", ["lights", "get", {"device_id": "lamp-1"}, dbus.UInt32(2000)])]
+    for i in range(600):
+        member, signature, args = calls[i % 3]
+        bus = connect(address)
+        call = dbus.lowlevel.MethodCallMessage(BROKER, PATH, "org.hxf.Broker1", member)
+        call.append(signature=signature, *args)
+        bus.send_message(call)
+        bus.flush()
+        bus.close()
+    print("600 callers left")
+
+
+def many_users(address):
+    """1000 callers at once within the stock per-user limit of 256 connections: 250 callers of
+    each of 4 unprivileged users (nobody, daemon, bin and sys), each served a request and
+    staying on the bus until hxfd counts them all. Run as root (it switches the users; the bus
+    drops callers whose user has no entry in the user database)."""
+    import os
+    import pwd
+    children = []
+    for user in ("nobody", "daemon", "bin", "sys"):
+        uid, gid = pwd.getpwnam(user).pw_uid, pwd.getpwnam(user).pw_gid
+        ready_r, ready_w = os.pipe()
+        leave_r, leave_w = os.pipe()
+        pid = os.fork()
+        if pid == 0:
+            os.close(ready_r)
+            os.close(leave_w)
+            for _, other_ready_r, other_leave_w in children:  # else a sibling's leave never ends
+                os.close(other_ready_r)
+                os.close(other_leave_w)
+            code = 1
+            try:
+                os.setgroups([])
+                os.setgid(gid)
+                os.setuid(uid)
+                buses = [connect(address) for _ in range(250)]
+                served = 0
+                for bus in buses:
+                    answer = broker(bus).Request("lights", "get", {"device_id": "lamp-1"},
+                                                 dbus.UInt32(5000), timeout=20)
+                    served += "brightness" in answer
+                os.write(ready_w, b"%d\n" % served)
+                os.read(leave_r, 1)  # until the parent has counted the callers (or is gone)
+                code = 0
+            except Exception as e:  # pylint: disable=broad-except
+                print("user %s: %s" % (user, e), file=sys.stderr, flush=True)
+            finally:
+                os._exit(code)
+        os.close(ready_w)
+        os.close(leave_r)
+        children.append((pid, ready_r, leave_w))
+    served = sum(int(os.read(ready_r, 16) or b"0") for _, ready_r, _ in children)
+    print("served %d" % served)
+    root = connect(address)
+    held = root.get_object(BROKER, PATH).Get("org.hxf.Broker1", "Callers",
+                                             dbus_interface="org.freedesktop.DBus.Properties")
+    print("callers held %d" % held)
+    for pid, _, leave_w in children:
+        os.close(leave_w)
+        os.waitpid(pid, 0)
+
+
 def main():
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     address, case = sys.argv[1], sys.argv[2]
     {"search": search, "notification": notification,
-     "monitor-disconnect": monitor_disconnect}[case](address)
+     "monitor-disconnect": monitor_disconnect, "limits": limits,
+     "hit-and-run": hit_and_run, "many-users": many_users}[case](address)
 
 
 if __name__ == "__main__":

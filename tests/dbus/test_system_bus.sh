@@ -76,6 +76,16 @@ owner_uid() {
   busctl --system call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus \
     GetConnectionUnixUser s org.hxf.Broker | cut -d' ' -f2
 }
+callers() {
+  busctl --system get-property org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 Callers | cut -d' ' -f2
+}
+await_callers() {  # COUNT SECONDS: hxfd holds COUNT callers within SECONDS
+  local deadline=$(($(now_ms) + $2 * 1000))
+  until [ "$(callers)" = "$1" ]; do
+    [ "$(now_ms)" -lt "$deadline" ] || fail "hxfd holds $(callers) callers, not $1, after $2 s"
+    sleep 0.1
+  done
+}
 expect_access_denied() {  # WHAT FILE
   grep -q 'org.freedesktop.DBus.Error.AccessDenied' "$2" || fail "$1 was not refused as AccessDenied"
 }
@@ -147,6 +157,79 @@ PY
     expect_access_denied "the Monitor of nobody outside the group" "$work/outside.err"
     runuser -u nobody -G users -- "${monitor[@]}" >"$work/member.out" 2>"$work/member.err" ||
       fail "a member of the monitor group cannot open a monitor"
+    ;;
+  limits)
+    # Each limit refuses nobody's call one past it, naming its key: python3-dbus for the
+    # per-caller quotas and the sizes (a caller must stay on the bus to hold anything), gdbus
+    # and busctl for a name and a Search's time-out.
+    /usr/bin/python3 -c 'import dbus, gi' 2>/dev/null ||
+      skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
+    printf '%s\n' 'plugins = sim' 'max-sessions-per-caller = 2' 'max-watches-per-caller = 2' \
+      'max-pending-per-caller = 2' 'max-name-bytes = 16' 'max-text-bytes = 32' \
+      'max-request-bytes = 200' 'max-search-timeout-ms = 10000' >"$work/hxfd.conf"
+    start_bus
+    start_hxfd --config "$work/hxfd.conf"
+    as_nobody /usr/bin/python3 "$here/client.py" "$address" limits >"$work/limits.out" 2>"$work/limits.err" ||
+      fail "nobody's calls failed"
+    limit='org.hxf.Error.LimitsExceeded'
+    for line in \
+      "third session: $limit: this caller already has 2 sessions (limit max-sessions-per-caller in hxfd.conf)" \
+      "third watch: $limit: this caller already has 2 searches and listens (limit max-watches-per-caller in hxfd.conf)" \
+      "third waiting call: $limit: this caller already waits for 2 answers (limit max-pending-per-caller in hxfd.conf)" \
+      "value of 33 bytes: $limit: the value of \"name\" is longer than 32 bytes (limit max-text-bytes in hxfd.conf)" \
+      "request of 231 bytes: $limit: the request's properties take 231 bytes, more than 200 (limit max-request-bytes in hxfd.conf)" \
+      "property name of 17 bytes: $limit: the property name \"ddddddddddddddddd\" is longer than 16 bytes (limit max-name-bytes in hxfd.conf)" \
+      "value of 32 bytes: served"; do
+      grep -qxF "$line" "$work/limits.out" || fail "nobody's calls did not print: $line"
+    done
+    as_nobody gdbus call --system --dest org.hxf.Broker --object-path /org/hxf/Broker \
+      --method org.hxf.Broker1.Search lights 10001 >"$work/search.out" 2>"$work/search.err" &&
+      fail "nobody's Search of 10001 ms was served"
+    grep -qF "GDBus.Error:$limit: timeout_ms 10001 is above 10000 ms (limit max-search-timeout-ms in hxfd.conf)" \
+      "$work/search.err" || fail "the Search's time-out was not refused naming max-search-timeout-ms"
+    as_nobody gdbus call --system --dest org.hxf.Broker --object-path /org/hxf/Broker \
+      --method org.hxf.Broker1.Search lights 0 >"$work/zero.out" 2>"$work/zero.err" &&
+      fail "nobody's Search of 0 ms was served"
+    grep -qF 'GDBus.Error:org.hxf.Error.InvalidParameter: timeout_ms must be above 0' "$work/zero.err" ||
+      fail "a Search of 0 ms was not refused as InvalidParameter"
+    # busctl shows the message only.
+    as_nobody busctl --system call org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 Subscribe s \
+      "$(printf 's%.0s' $(seq 40))" >"$work/name.out" 2>"$work/name.err" && fail "nobody's 40-byte service name was served"
+    grep -qxF "Call failed: the service name \"$(printf 's%.0s' $(seq 32))\"... (40 bytes) is longer than 16 bytes (limit max-name-bytes in hxfd.conf)" \
+      "$work/name.err" || fail "the 40-byte service name was not refused quoting its first 32 bytes"
+    ;;
+  hit-and-run)
+    # 600 of nobody's callers leave before hxfd answers them: hxfd forgets them all, keeps its
+    # one match rule for every caller's departure (the stock limit is 512 per connection) and
+    # serves the next caller.
+    /usr/bin/python3 -c 'import dbus, gi' 2>/dev/null ||
+      skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
+    start_bus
+    start_hxfd
+    as_nobody /usr/bin/python3 "$here/client.py" "$address" hit-and-run >"$work/hit.out" 2>"$work/hit.err" ||
+      fail "nobody's callers failed"
+    await_callers 0 15
+    owner=$(busctl --system call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus \
+      GetNameOwner s org.hxf.Broker | cut -d'"' -f2)
+    busctl --system call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.Debug.Stats \
+      GetConnectionStats s "$owner" >"$work/stats.out" || fail "the bus's statistics cannot be read"
+    grep -qF '"MatchRules" u 1 ' "$work/stats.out" || fail "hxfd does not hold exactly one match rule"
+    as_nobody busctl --system call org.hxf.Broker /org/hxf/Broker org.hxf.Broker1 GetDevices su \
+      lights 2000 >"$work/list.out" 2>"$work/list.err" || fail "the next caller was not served"
+    grep -q '"lamp-1"' "$work/list.out" || fail "the next caller's list has no lamp"
+    ;;
+  many-users)
+    # The stock limits allow 256 connections per user: 1000 callers of 4 users at once.
+    for user in daemon bin sys; do id "$user" >/dev/null 2>&1 || skip "there is no user $user"; done
+    /usr/bin/python3 -c 'import dbus, gi' 2>/dev/null ||
+      skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
+    start_bus
+    start_hxfd
+    timeout 45 /usr/bin/python3 "$here/client.py" "$address" many-users >"$work/many.out" 2>"$work/many.err" ||
+      fail "the callers failed"
+    grep -qx 'served 1000' "$work/many.out" || fail "not every one of the 1000 callers was served"
+    grep -qx 'callers held 1000' "$work/many.out" || fail "hxfd did not hold 1000 callers at once"
+    await_callers 0 15
     ;;
   activation)
     # The activation file as built, starting the built hxfd: nobody's first call starts it.

@@ -493,6 +493,31 @@ PY
     grep -q "^hxf: hxfd on the bus $strict: the bus's policy does not let this user call hxfd: " "$work/tool.err" ||
       fail "hxf did not say the policy refused the call"
     ;;
+  stuck-provider)
+    # A provider whose search callback never returns (the fixture's service "stuck") keeps a
+    # core thread; 8 callers search it and leave, and hxfd, the simulator and the fixture's
+    # other service serve on.
+    kill -TERM "$hxfd_pid"
+    wait "$hxfd_pid"
+    "$hxfd" --address "$address" --plugin sim --plugin fault_blocking >"$work/hxfd2.out" 2>"$work/hxfd2.err" &
+    pids+=($!)
+    await_line "$work/hxfd2.err" 20 '^hxfd: serving org.hxf.Broker$'
+    grep -q '^hxfd: plugin fault_blocking failed to load: .*/libhxf-plugin-fault_blocking.so does not exist' \
+      "$work/hxfd2.err" && fail "the test plugin fault_blocking is not built (cmake --build DIR --target hxf-plugin-fault_blocking)"
+    for _ in $(seq 8); do
+      call --timeout=5 /org/hxf/Broker org.hxf.Broker1 Search su stuck 20000 >>"$work/stuck.out" ||
+        fail "a search of the stuck service was not started"
+    done
+    call --timeout=5 /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' lights get 1 device_id s lamp-1 2000 \
+      >"$work/get.out" 2>"$work/get.err" || fail "the simulator's request was not served beside the stuck provider"
+    grep -q '"brightness" x' "$work/get.out" || fail "the simulator's answer has no brightness"
+    call --timeout=5 /org/hxf/Broker org.hxf.Broker1 Request 'ssa{sv}u' free ping 0 2000 \
+      >"$work/free.out" 2>"$work/free.err" || fail "the stuck plugin's other service was not served"
+    grep -qx 'a{sv} 0' "$work/free.out" || fail "the free service's answer is not empty"
+    call --timeout=5 /org/hxf/Broker org.hxf.Broker1 GetDevices su lights 2000 >"$work/list.out" 2>"$work/list.err" ||
+      fail "the simulator's devices were not listed beside the stuck provider"
+    grep -q '"lamp-1"' "$work/list.out" || fail "the list has no lamp"
+    ;;
   plugin-path)
     # hxfd again, with the simulator copied out of the plugin folder and loaded by its path
     # (under its NAME), beside a path that is no plugin library (refused, hxfd serves on; its

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "DeviceFields.h"
+#include "Presence.h"
 
 namespace hxf_tool {
 
@@ -279,6 +280,17 @@ bool ReadDeviceJson(const std::string& payload, const MqttLimits& limits, Device
     return false;
   }
   return true;
+}
+
+std::string PlainMeta(const std::string& ui_meta) {
+  for (const char* presence : {kPresenceArrived, kPresenceLeft}) {
+    if (!HasPresence(ui_meta, presence)) continue;
+    const std::string wrapper =
+        std::string("{\"") + kPresenceKey + "\":\"" + presence + "\",\"device\":";
+    if (ui_meta.size() < wrapper.size() + 1 || ui_meta.back() != '}') return ui_meta;
+    return ui_meta.substr(wrapper.size(), ui_meta.size() - wrapper.size() - 1);
+  }
+  return ui_meta;
 }
 
 bool ParseCommand(const std::string& payload, const MqttLimits& limits, MqttCommand* command,

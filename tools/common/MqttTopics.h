@@ -87,6 +87,10 @@ std::string DeviceJson(const Device& device);
 bool ReadDeviceJson(const std::string& payload, const MqttLimits& limits, Device* device,
                     std::string* error);
 
+// The UI meta data without the arrival or departure mark (Presence.h): a `device` topic holds
+// the device, not the event that brought it.
+std::string PlainMeta(const std::string& ui_meta);
+
 // A request on a command topic: {"operation": "...", "properties": {...}}.
 struct MqttCommand {
   std::string operation;

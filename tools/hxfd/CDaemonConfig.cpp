@@ -7,6 +7,8 @@
 #include <map>
 #include <sstream>
 
+#include "MqttTopics.h"
+
 namespace hxfd {
 
 namespace {
@@ -36,6 +38,10 @@ const char* const CDaemonConfig::kLimitKeys[] = {
     "max-sessions-per-caller", "max-watches-per-caller", "max-pending-per-caller",
     "max-name-bytes",          "max-text-bytes",         "max-request-bytes",
     "max-search-timeout-ms",   "max-monitor-unread"};
+
+const char* const CDaemonConfig::kMqttKeys[] = {
+    "mqtt",     "node",     "mqtt-prefix",        "mqtt-cafile",   "mqtt-cert",
+    "mqtt-key", "mqtt-user", "mqtt-password-file", "mqtt-keepalive"};
 
 bool CDaemonConfig::Load(const std::string& path, bool missing_ok, std::string* error) {
   FILE* file = std::fopen(path.c_str(), "r");
@@ -82,8 +88,11 @@ bool CDaemonConfig::Parse(const std::string& text, const std::string& name, std:
     const bool limit = std::find_if(std::begin(kLimitKeys), std::end(kLimitKeys), [&](const char* k) {
                          return key == k;
                        }) != std::end(kLimitKeys);
-    if (known == std::end(kKeys) && !limit) {
-      return wrong("unknown key " + Quote(key) + " (known: plugins, log-level, monitor-group, max-...: see hxfd(1))");
+    const bool mqtt = std::find_if(std::begin(kMqttKeys), std::end(kMqttKeys), [&](const char* k) {
+                        return key == k;
+                      }) != std::end(kMqttKeys);
+    if (known == std::end(kKeys) && !limit && !mqtt) {
+      return wrong("unknown key " + Quote(key) + " (known: plugins, log-level, monitor-group, max-..., mqtt, node, mqtt-...: see hxfd(1))");
     }
     if (const auto first = seen.find(key); first != seen.end()) {
       return wrong("duplicate key \"" + key + "\" (first on line " +
@@ -92,7 +101,9 @@ bool CDaemonConfig::Parse(const std::string& text, const std::string& name, std:
     seen.emplace(key, number);
     const std::string value = Trim(content.substr(equals + 1));
     if (value.empty()) return wrong(key + " needs a value");
-    const std::string problem = limit ? _SetLimit(key, value) : (this->*known->set)(value);
+    const std::string problem = limit  ? _SetLimit(key, value)
+                                : mqtt ? _SetMqtt(key, value)
+                                       : (this->*known->set)(value);
     if (!problem.empty()) return wrong(problem);
   }
   return true;
@@ -125,6 +136,26 @@ std::string CDaemonConfig::_SetLimit(const std::string& key, const std::string& 
   if (!digits || number == 0 || number > UINT32_MAX)
     return key + " " + Quote(value) + " is not a number from 1 to 4294967295";
   limits_[key] = static_cast<uint32_t>(number);
+  return "";
+}
+
+std::string CDaemonConfig::_SetMqtt(const std::string& key, const std::string& value) {
+  if (key == "mqtt") {
+    hxf_tool::MqttUrl url;
+    std::string error;
+    if (!hxf_tool::ParseMqttUrl(value, &url, &error)) return error;
+  } else if (key == "mqtt-keepalive") {
+    const bool digits = value.size() <= 4 && value.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || std::stoi(value) < 5 || std::stoi(value) > 3600)
+      return key + " " + Quote(value) + " is not a number of seconds from 5 to 3600";
+  } else if (key == "mqtt-prefix" &&
+             (value.find_first_of("+#") != std::string::npos || value.front() == '/' ||
+              value.back() == '/')) {
+    return key + " " + Quote(value) + " may not hold + or # nor start or end with /";
+  } else if (value.find_first_of(kBlanks) != std::string::npos) {
+    return key + " " + Quote(value) + " holds a blank";
+  }
+  mqtt_[key] = value;
   return "";
 }
 

@@ -1,8 +1,8 @@
 // hxfd's configuration file (by default /etc/hxf/hxfd.conf): one `key = value` per line,
 // `#` starts a comment, blank lines are ignored. Keys: `plugins` (names separated by
 // blanks), `log-level` (debug, info or error), `monitor-group` (a group whose members may
-// monitor) and the limits, `max-...` (a number each; hxfd(1), LIMITS). The command line
-// overrides the file.
+// monitor), the limits, `max-...` (a number each; hxfd(1), LIMITS) and the MQTT front's
+// `mqtt`, `node`, `mqtt-...` (docs/MQTT.md). The command line overrides the file.
 #pragma once
 
 #include <cstdint>
@@ -31,6 +31,9 @@ class CDaemonConfig {
   const std::map<std::string, uint32_t>& Limits() const { return limits_; }
   // The keys of the limits.
   static const char* const kLimitKeys[];
+  // The MQTT front's settings set (mqtt, node, mqtt-prefix...), by key; checked, as text.
+  const std::map<std::string, std::string>& Mqtt() const { return mqtt_; }
+  static const char* const kMqttKeys[];
 
  private:
   // Each returns what is wrong with `value`, or an empty text.
@@ -38,11 +41,13 @@ class CDaemonConfig {
   std::string _SetLogLevel(const std::string& value);
   std::string _SetMonitorGroup(const std::string& value);
   std::string _SetLimit(const std::string& key, const std::string& value);
+  std::string _SetMqtt(const std::string& key, const std::string& value);
 
   std::vector<std::string> plugins_;
   std::string log_level_;
   std::string monitor_group_;
   std::map<std::string, uint32_t> limits_;
+  std::map<std::string, std::string> mqtt_;
 };
 
 }  // namespace hxfd

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@
 #include "hxf_core.h"
 #include "hxf_core_version.h"
 #include "hxf_host_platform.h"
+#ifdef HXFD_MQTT
+#include "CMqttFront.h"
+#endif
 
 namespace {
 
@@ -37,6 +41,10 @@ struct Options {
   std::string config = HXFD_DEFAULT_CONFIG;
   std::string monitor_group = "hxf-monitor";
   hxfd::Limits limits;
+#ifdef HXFD_MQTT
+  hxfd::MqttFrontOptions mqtt;
+  std::string mqtt_password_file;
+#endif
 };
 
 // A limit of the configuration, by its key (CDaemonConfig::kLimitKeys).
@@ -70,6 +78,26 @@ bool ApplyConfig(const CLI::App& app, Options* options) {
   if (app.count("--log-level") == 0) options->log_level = config.LogLevel();
   if (!config.MonitorGroup().empty()) options->monitor_group = config.MonitorGroup();
   for (const auto& [key, value] : config.Limits()) SetLimit(&options->limits, key, value);
+#ifdef HXFD_MQTT
+  // The MQTT front's settings, each where the command line leaves it unset.
+  const std::pair<const char*, std::string*> kMqttMembers[] = {
+      {"mqtt", &options->mqtt.url},           {"node", &options->mqtt.node},
+      {"mqtt-prefix", &options->mqtt.prefix}, {"mqtt-cafile", &options->mqtt.cafile},
+      {"mqtt-cert", &options->mqtt.certfile}, {"mqtt-key", &options->mqtt.keyfile},
+      {"mqtt-user", &options->mqtt.user},     {"mqtt-password-file", &options->mqtt_password_file}};
+  for (const auto& [key, value] : config.Mqtt()) {
+    for (const auto& [name, member] : kMqttMembers) {
+      if (key == name && app.count(std::string("--") + name) == 0) *member = value;
+    }
+    if (key == "mqtt-keepalive") options->mqtt.keepalive_s = std::stoi(value);
+  }
+#else
+  if (!config.Mqtt().empty()) {
+    std::fprintf(stderr, "hxfd: %s sets %s, but this hxfd was built without MQTT (it needs "
+                 "libmosquitto-dev)\n", options->config.c_str(), config.Mqtt().begin()->first.c_str());
+    return false;
+  }
+#endif
   return true;
 }
 
@@ -89,8 +117,11 @@ void OnLog(int priority, const char* tag, const char* text, void*) {
 }
 
 // Loads each plugin and waits for its load result. A plugin that fails is logged with the
-// reason and shown as failed in the Plugins property; hxfd serves with the others.
-void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* broker) {
+// reason and shown as failed in the Plugins property (without a bus, no broker: null); hxfd
+// serves with the others, the names of which it returns.
+std::vector<std::string> LoadPlugins(const std::vector<std::string>& plugins,
+                                     hxfd::CBusBroker* broker) {
+  std::vector<std::string> loaded_names;
   struct Result {
     std::string name;
     bool ok;
@@ -121,7 +152,7 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
   };
   const auto failed = [&](const std::string& plugin, const std::string& reason) {
     std::fprintf(stderr, "hxfd: plugin %s failed to load: %s\n", plugin.c_str(), reason.c_str());
-    broker->PluginLoaded(plugin, false, reason);
+    if (broker != nullptr) broker->PluginLoaded(plugin, false, reason);
   };
   hxf_tool::WatchLoadReports(reported, &loads);
   for (const std::string& argument : plugins) {
@@ -174,12 +205,14 @@ void LoadPlugins(const std::vector<std::string>& plugins, hxfd::CBusBroker* brok
       std::fprintf(stderr, "hxfd: plugin %s reported its load result under the name '%s'\n",
                    plugin.c_str(), result.reported_as.c_str());
     if (result.ok) {
-      broker->PluginLoaded(plugin, true);
+      if (broker != nullptr) broker->PluginLoaded(plugin, true);
+      loaded_names.push_back(plugin);
     } else {
       failed(plugin, hxf_tool::LoadFailureReason(argument));
     }
   }
   hxf_tool::WatchLoadReports(nullptr, nullptr);
+  return loaded_names;
 }
 
 }  // namespace
@@ -196,9 +229,33 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"debug", "info", "error"}));
   app.add_option("--config", options.config, "read this configuration file")
       ->capture_default_str();
+#ifdef HXFD_MQTT
+  app.add_option("--mqtt", options.mqtt.url,
+                 "serve on MQTT too: mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (docs/MQTT.md)");
+  app.add_option("--node", options.mqtt.node, "this node's name on MQTT (default: the host name)");
+  app.add_option("--mqtt-prefix", options.mqtt.prefix, "the first level of every topic")
+      ->capture_default_str();
+  app.add_option("--mqtt-cafile", options.mqtt.cafile, "the CA that signed the broker's certificate");
+  app.add_option("--mqtt-cert", options.mqtt.certfile, "this client's certificate (PEM)");
+  app.add_option("--mqtt-key", options.mqtt.keyfile, "this client's private key (PEM)");
+  app.add_option("--mqtt-user", options.mqtt.user, "the user name given to the MQTT broker");
+  app.add_option("--mqtt-password-file", options.mqtt_password_file,
+                 "the file whose first line is the MQTT user's password");
+#endif
   CLI11_PARSE(app, argc, argv);
   if (!ApplyConfig(app, &options)) return 2;
   g_log_threshold = hxf_tool::LogThreshold(options.log_level);
+#ifdef HXFD_MQTT
+  std::string mqtt_problem;
+  if (!options.mqtt.url.empty() && !hxfd::CompleteMqttOptions(options.mqtt_password_file,
+                                                              &options.mqtt, &mqtt_problem)) {
+    std::fprintf(stderr, "hxfd: %s\n", mqtt_problem.c_str());
+    return 2;
+  }
+  const bool mqtt = !options.mqtt.url.empty();
+#else
+  const bool mqtt = false;
+#endif
 
   // Blocked before any thread exists, so that no pool thread of the core takes them: the
   // event loop reads them.
@@ -213,25 +270,42 @@ int main(int argc, char** argv) {
   int r = sd_event_default(&event);
   const std::string where =
       !options.address.empty() ? options.address : (options.system ? "system" : "session");
-  if (r >= 0) r = hxf_tool::ConnectBus(where, &bus);
   if (r < 0) {
-    std::fprintf(stderr, "hxfd: %s\n", hxf_tool::ConnectFailure(where, r).c_str());
+    std::fprintf(stderr, "hxfd: no event loop: %s\n", std::strerror(-r));
     return 1;
+  }
+  r = hxf_tool::ConnectBus(where, &bus);
+  if (r < 0) {
+    std::fprintf(stderr, "hxfd: %s%s\n", hxf_tool::ConnectFailure(where, r).c_str(),
+                 mqtt ? "; serving MQTT alone" : "");
+    if (!mqtt) return 1;
+    bus = nullptr;
   }
   sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);  // no handler: exit the loop
   sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
-  sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
-  sd_bus_set_exit_on_disconnect(bus, 1);  // the bus went away: nothing left to serve
+  if (bus != nullptr) {
+    sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+    sd_bus_set_exit_on_disconnect(bus, 1);  // the bus went away: nothing left to serve
+  }
 
   hxf_host_log_set_filter(&WantsLogLine);
   hxf_host_log_set_sink(&OnLog, nullptr);
   hxf_core_initialize();
   int code = 0;
   {
-    hxfd::CBusBroker broker(bus, event);
-    broker.SetLimits(options.limits);
-    broker.SetMonitorAccess({0, geteuid()}, options.monitor_group);
-    r = broker.Start();
+    // Without a bus, a broker that serves nothing: only the MQTT front runs.
+    std::unique_ptr<hxfd::CBusBroker> bus_broker;
+    if (bus != nullptr) bus_broker = std::make_unique<hxfd::CBusBroker>(bus, event);
+#ifdef HXFD_MQTT
+    hxfd::CMqttFront mqtt_front(event, options.mqtt);
+#endif
+    if (bus_broker != nullptr) {
+      bus_broker->SetLimits(options.limits);
+      bus_broker->SetMonitorAccess({0, geteuid()}, options.monitor_group);
+      r = bus_broker->Start();
+    } else {
+      r = 0;
+    }
     if (r < 0) {
       std::fprintf(stderr, "hxfd: cannot serve %s: %s%s\n", hxf_tool::kBusName,
                    r == -EEXIST ? "another hxfd already serves it on this bus" : std::strerror(-r),
@@ -240,19 +314,31 @@ int main(int argc, char** argv) {
                                 : "");
       code = 1;
     } else {
-      LoadPlugins(options.plugins, &broker);
-      std::fprintf(stderr, "hxfd: serving %s\n", hxf_tool::kBusName);
-      r = sd_event_loop(event);
-      if (r < 0) {
+      const std::vector<std::string> loaded = LoadPlugins(options.plugins, bus_broker.get());
+#ifdef HXFD_MQTT
+      std::string mqtt_error;
+      if (mqtt && !mqtt_front.Start(hxfd::OfferedServices(loaded), &mqtt_error)) {
+        std::fprintf(stderr, "hxfd: %s\n", mqtt_error.c_str());
+        code = 1;
+      }
+#else
+      (void)loaded;
+#endif
+      if (bus_broker != nullptr) std::fprintf(stderr, "hxfd: serving %s\n", hxf_tool::kBusName);
+      if (code == 0) r = sd_event_loop(event);
+      if (code == 0 && r < 0) {
         std::fprintf(stderr, "hxfd: the event loop failed: %s\n", std::strerror(-r));
         code = 1;
       }
     }
-    broker.Stop();  // every caller's client destroyed
+#ifdef HXFD_MQTT
+    mqtt_front.Stop();  // "offline", then its client destroyed
+#endif
+    if (bus_broker != nullptr) bus_broker->Stop();  // every caller's client destroyed
     hxf_core_plugin_unload_all();
   }
   hxf_core_finalize();
-  sd_bus_flush_close_unref(bus);
+  if (bus != nullptr) sd_bus_flush_close_unref(bus);
   sd_event_unref(event);
   std::fprintf(stderr, "hxfd: stopped\n");
   return code;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <set>
 
+#include "DeviceOwners.h"
 #include "Presence.h"
 #include "Provider.h"
 
@@ -158,29 +159,40 @@ int CCommands::Devices(const std::string& service, uint32_t timeout_ms) {
   if (!Offered(service)) return kFailed;
   const int asked = runtime_.Broker().AskDevices(service, timeout_ms);
   if (asked != HXF_ERROR_NONE) return Fail("cannot list " + service, asked);
+  // In process each provider answers with a list of its own: they are merged until every
+  // provider has answered or the time is up. hxfd merges them itself and answers once.
+  std::vector<std::string> expected;
+  if (!runtime_.Broker().Providers(service, &expected)) expected.clear();
+  CProviderLists lists(expected);
   int code = -1;
-  const bool completed =
-      Pump({"listing " + service, In(timeout_ms), kGrace}, [&](const Event& event) {
-        if (event.kind == Event::kRefused && event.name == service) {
-          code = Fail("cannot list " + service, event.code);
-          return false;
-        }
-        if (event.kind != Event::kList) return true;
-        if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) {
-          code = Fail("no device list for " + service + " within " + Ms(timeout_ms),
-                      HXF_ERROR_TIMED_OUT, {{"service", service}});
-          return false;
-        }
-        out_.DeviceTable(event.devices);
-        for (const Device& device : event.devices) out_.Emit("device", COutput::ToJson(device));
-        code = kOk;
-        return false;
-      });
+  bool ended = false;  // refused, complete, or the core's time-out came
+  const auto on_event = [&](const Event& event) {
+    if (event.kind == Event::kRefused && event.name == service) {
+      code = Fail("cannot list " + service, event.code);
+      return !(ended = true);
+    }
+    if (event.kind != Event::kList) return true;
+    if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return !(ended = true);
+    lists.Add(event.devices);
+    ended = lists.Complete();
+    return !ended;
+  };
+  // Until the time-out; without any list by then, a grace for the core's own time-out report.
+  bool completed = Pump({"listing " + service, In(timeout_ms)}, on_event);
+  if (completed && !ended && lists.Devices().empty())
+    completed = Pump({"listing " + service, Clock::now(), kGrace}, on_event);
   if (!completed) return Stopped();
-  if (code < 0)
+  if (code >= 0) return code;
+  const std::vector<Device> devices = lists.Devices();
+  if (devices.empty() && ended)
+    return Fail("no device list for " + service + " within " + Ms(timeout_ms),
+                HXF_ERROR_TIMED_OUT, {{"service", service}});
+  if (devices.empty())
     return Fail("the core reported nothing for " + service + " within " + Ms(timeout_ms),
                 HXF_ERROR_TIMED_OUT, {{"service", service}});
-  return code;
+  out_.DeviceTable(devices);
+  for (const Device& device : devices) out_.Emit("device", COutput::ToJson(device));
+  return kOk;
 }
 
 uint64_t CCommands::Subscribe(const std::string& service) {
@@ -202,32 +214,24 @@ std::string CCommands::RequestTarget(const std::string& service, const std::stri
   if (runtime_.Broker().AskDevices(service, kProviderListMs) != HXF_ERROR_NONE) return service;
   // Each provider answers with a list of its own: collect them until every expected provider
   // has answered (one with no device never does) or the wait ends.
-  std::set<std::string> answered, owners;
+  CProviderLists lists(expected);
   const bool completed = Pump(
       {"looking for the provider of " + device_id, In(kProviderListMs)}, [&](const Event& event) {
         if (event.kind != Event::kList) return true;
         if (event.code == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return false;
-        for (const Device& device : event.devices) {
-          const std::string provider = ProviderOf(device.ui_meta);
-          answered.insert(provider);
-          if (device.id == device_id && !provider.empty()) owners.insert(provider);
-        }
-        return std::any_of(expected.begin(), expected.end(),
-                           [&](const std::string& p) { return answered.count(p) == 0; });
+        lists.Add(event.devices);
+        return !lists.Complete();
       });
   if (!completed) return "";
-  if (owners.size() > 1) {
-    std::string names;
-    for (const std::string& name : owners) names += (names.empty() ? "" : ", ") + name;
-    Fail("device " + device_id + " of " + service + " is reported by several providers (" +
-             names + "): load only one of them",
-         HXF_ERROR_INVALID_PARAMETER,
+  const std::set<std::string>& owners = lists.Owners().OwnersOf(device_id);
+  std::string conflict;
+  const std::string target = hxf_tool::RequestTarget(service, device_id, owners, &conflict);
+  if (target.empty())
+    Fail(conflict, HXF_ERROR_INVALID_PARAMETER,
          {{"service", service},
           {"device_id", device_id},
           {"providers", std::vector<std::string>(owners.begin(), owners.end())}});
-    return "";
-  }
-  return owners.empty() ? service : ProviderService(service, *owners.begin());
+  return target;
 }
 
 int CCommands::SendAndWait(uint64_t session, const std::string& service,

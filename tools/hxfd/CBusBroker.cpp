@@ -95,6 +95,7 @@ void CBusBroker::Stop() {
   context_.Callers().Stop();
   context_.Objects().Stop();
   slot_.reset();
+  context_.Devices().Stop();
   context_.Routes().Stop();
 }
 
@@ -109,6 +110,7 @@ void CBusBroker::PluginLoaded(const std::string& name, bool ok, const std::strin
   plugin.loaded = ok;
   plugin.reason = ok ? "" : reason;
   plugin.services = info.Services();
+  if (ok) context_.Devices().AddProvider(name, plugin.services);
   plugins_.push_back(std::move(plugin));
   const int r = sd_bus_emit_properties_changed(context_.Bus(), hxf_tool::kBrokerPath,
                                                hxf_tool::kBrokerInterface, "Plugins", "Services",

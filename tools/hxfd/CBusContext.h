@@ -13,6 +13,7 @@
 #include "CCallerObjects.h"
 #include "CCallers.h"
 #include "CCoreRoutes.h"
+#include "CDeviceRoutes.h"
 #include "CMonitor.h"
 
 namespace hxfd {
@@ -67,7 +68,7 @@ class CProviderSearches {
 class CBusContext {
  public:
   CBusContext(sd_bus* bus, sd_event* event)
-      : bus_(bus), event_(event), monitor_(bus), callers_(*this) {}
+      : bus_(bus), event_(event), devices_(*this), monitor_(bus), callers_(*this) {}
   CBusContext(const CBusContext&) = delete;
   CBusContext& operator=(const CBusContext&) = delete;
 
@@ -78,6 +79,7 @@ class CBusContext {
   CCallers& Callers() { return callers_; }
   CCallerObjects& Objects() { return objects_; }
   CProviderSearches& Searches() { return searches_; }
+  CDeviceRoutes& Devices() { return devices_; }
   Limits& Limit() { return limits_; }
   // Whether `name` (the service's, the operation's...: `what`) is short enough; `error` set
   // when not, quoting only its start.
@@ -94,6 +96,7 @@ class CBusContext {
   CCallerObjects objects_;  // outlives the callers' objects
   // Destroyed in reverse: the callers (their core clients, objects and tokens) first.
   CCoreRoutes routes_;
+  CDeviceRoutes devices_;
   CMonitor monitor_;
   CCallers callers_;
 };

@@ -92,9 +92,18 @@ int CCaller::GetDevices(sd_bus_message* m, const std::string& service, uint32_t 
   const hxf_error_e asked = hxf_core_client_get_device_list(
       client_, View(service), &CCoreRoutes::OnList, timeout_ms, CCoreRoutes::UserData(token_));
   if (asked != HXF_ERROR_NONE) return Refuse(error, ErrorName(asked), "cannot list " + service);
-  CPendingCall& call = lists_.emplace(service, CPendingCall(m, service)).first->second;
+  // With several providers each answers with a list of its own: they are merged until every
+  // provider has answered, or until the time-out (one without devices never answers).
+  const bool several = context_.Devices().Several(service);
+  List& list = lists_
+                   .emplace(service, List{CPendingCall(m, service),
+                                          hxf_tool::CProviderLists(
+                                              several ? context_.Devices().ProvidersOf(service)
+                                                      : std::vector<std::string>())})
+                   .first->second;
   context_.Searches().Begin(service, false);
-  Arm(call, (timeout_ms + GraceMs(timeout_ms)) * 1000ULL, Deadline{service, nullptr});
+  Arm(list.call, (timeout_ms + (several ? 0 : GraceMs(timeout_ms))) * 1000ULL,
+      Deadline{service, nullptr});
   context_.Monitor().Event(hxf_tool::MonitorType::kSearch, name_, service, "", 0,
                            [&](sd_bus_message* mm) {
                              return sd_bus_message_append(mm, "a{sv}", 1, "device_list_timeout_ms",
@@ -108,11 +117,14 @@ void CCaller::Listed(const ListEvent& event) {
   // The core's time-out is left to the list's own deadline (Expire): it may be another
   // caller's, or an earlier list's of this caller.
   if (found == lists_.end() || event.result == HXF_ENDPOINT_DISCOVERY_RESULT_TIMEOUT) return;
-  CPendingCall call = std::move(found->second);
+  context_.Devices().Listed(event.service, event.devices);
+  found->second.lists.Add(event.devices);
+  if (!found->second.lists.Complete()) return;
+  List list = std::move(found->second);
   lists_.erase(found);
-  Disarm(call);
+  Disarm(list.call);
   EndList(event.service);
-  call.ReplyDevices(event.devices);
+  list.call.ReplyDevices(list.lists.Devices());
 }
 
 void CCaller::EndList(const std::string& service) {
@@ -153,12 +165,17 @@ void CCaller::Expire() {
     deadlines_.erase(deadlines_.begin());
     if (what.transaction == nullptr) {
       const auto found = lists_.find(what.service);
-      if (found == lists_.end() || found->second.Deadline() != key) continue;
-      CPendingCall call = std::move(found->second);
+      if (found == lists_.end() || found->second.call.Deadline() != key) continue;
+      List list = std::move(found->second);
       lists_.erase(found);
       EndList(what.service);
-      call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
-                      "no device list for " + what.service + " in time");
+      // The providers that answered in time make the list.
+      const std::vector<hxf_tool::Device> devices = list.lists.Devices();
+      if (!devices.empty())
+        list.call.ReplyDevices(devices);
+      else
+        list.call.ReplyError(ErrorName(HXF_ERROR_TIMED_OUT),
+                             "no device list for " + what.service + " in time");
     } else {
       const auto found = requests_.find(what.transaction);
       if (found == requests_.end() || found->second.Deadline() != key) continue;
@@ -250,30 +267,88 @@ int CCaller::SendRequest(sd_bus_message* m, const CSession& session, sd_bus_erro
     return Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), "the operation is empty");
   if (!context_.NameFits("the operation", operation, error)) return -EINVAL;
   if (!PendingFits(error)) return -EINVAL;
-  std::vector<hxf_tool::PropertyValue> properties;
+  Request request;
+  request.operation = operation;
   std::string problem;
-  if ((r = hxf_tool::ReadProperties(m, &properties, &problem)) < 0)
+  if ((r = hxf_tool::ReadProperties(m, &request.properties, &problem)) < 0)
     return problem.empty() ? r : Refuse(error, ErrorName(HXF_ERROR_INVALID_PARAMETER), problem);
-  if (!PropertiesFit(properties, error)) return -EINVAL;
+  if (!PropertiesFit(request.properties, error)) return -EINVAL;
+  if ((r = sd_bus_message_read(m, "u", &request.timeout_ms)) < 0) return r;
+  if (!CallTimeoutFits(request.timeout_ms, error)) return -EINVAL;
+  for (const hxf_tool::PropertyValue& p : request.properties) {
+    if (p.name == "device_id" && p.value.is_string()) request.device_id = p.value.get<std::string>();
+  }
+  request.call = hxf_tool::Hold(m);
+  request.session_path = session.Path();
+  request.service = session.Service();
+  return Route(std::move(request), session, true, error);
+}
+
+int CCaller::Route(Request request, const CSession& session, bool may_wait, sd_bus_error* error) {
+  std::string provider;
+  const uint64_t id = next_waiting_;
+  CBusContext& context = context_;
+  const auto resume = [&context, name = name_, id] {
+    if (CCaller* caller = context.Callers().Find(name)) caller->Resume(id);
+  };
+  switch (context_.Devices().Find(request.service, request.device_id, may_wait, resume, &provider,
+                                  error)) {
+    case CDeviceRoutes::Route::kConflict:
+      return -EINVAL;
+    case CDeviceRoutes::Route::kWait:
+      ++next_waiting_;
+      waiting_.emplace(id, std::move(request));
+      return 1;  // sent by Resume
+    case CDeviceRoutes::Route::kReady:
+      break;
+  }
   std::unique_ptr<void, void (*)(hxf_property_list_h)> list(
-      hxf_tool::MakeList(operation, properties), &hxf_property_list_destroy);
-  uint32_t timeout_ms = 0;
-  if ((r = sd_bus_message_read(m, "u", &timeout_ms)) < 0) return r;
-  if (!CallTimeoutFits(timeout_ms, error)) return -EINVAL;
+      hxf_tool::MakeList(request.operation, request.properties), &hxf_property_list_destroy);
   hxf_transaction_h transaction = nullptr;
-  const hxf_error_e sent =
-      hxf_core_client_request_service(client_, session.Handle(), list.get(), &CCoreRoutes::OnResult,
-                                      timeout_ms, &transaction, CCoreRoutes::UserData(token_));
+  const hxf_error_e sent = hxf_core_client_request_service(
+      client_, session.Handle(provider), list.get(), &CCoreRoutes::OnResult, request.timeout_ms,
+      &transaction, CCoreRoutes::UserData(token_));
   if (sent != HXF_ERROR_NONE)
-    return Refuse(error, ErrorName(sent), std::string("cannot send ") + operation);
+    return Refuse(error, ErrorName(sent), "cannot send " + request.operation);
   // The answer is handed to this thread, so it is handled after this entry exists.
-  CPendingCall& call = requests_.insert_or_assign(transaction, CPendingCall(m, session.Service(), operation)).first->second;
-  Arm(call, (timeout_ms + GraceMs(timeout_ms)) * 1000ULL, Deadline{"", transaction});
+  CPendingCall& call =
+      requests_
+          .insert_or_assign(transaction, CPendingCall(request.call.get(), request.service,
+                                                      request.operation))
+          .first->second;
+  Arm(call, (request.timeout_ms + GraceMs(request.timeout_ms)) * 1000ULL,
+      Deadline{"", transaction});
   context_.Monitor().Event(
-      hxf_tool::MonitorType::kRequest, name_, session.Service(), operation,
+      hxf_tool::MonitorType::kRequest, name_, request.service, request.operation,
       reinterpret_cast<uintptr_t>(transaction),
-      [&](sd_bus_message* mm) { return hxf_tool::AppendProperties(mm, properties); });
+      [&](sd_bus_message* mm) { return hxf_tool::AppendProperties(mm, request.properties); });
   return 1;  // answered by Answered
+}
+
+void CCaller::Resume(uint64_t id) {
+  const auto found = waiting_.find(id);
+  if (found == waiting_.end()) return;
+  Request request = std::move(found->second);
+  waiting_.erase(found);
+  const hxf_tool::BusMessage call = hxf_tool::Hold(request.call.get());
+  const CSession* session = nullptr;
+  if (request.session_path.empty()) {
+    const auto direct = direct_.find(request.service);
+    if (direct != direct_.end()) session = direct->second.get();
+  } else {
+    const auto own = sessions_.find(request.session_path);
+    if (own != sessions_.end()) session = own->second.get();
+  }
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  const int r = session == nullptr
+                    ? Refuse(&error, ErrorName(HXF_ERROR_NOT_FOUND),
+                             request.session_path + " was closed before its request went out")
+                    : Route(std::move(request), *session, false, &error);
+  if (r < 0) {
+    if (!sd_bus_error_is_set(&error)) sd_bus_error_set_errno(&error, r);
+    sd_bus_reply_method_error(call.get(), &error);
+  }
+  sd_bus_error_free(&error);
 }
 
 bool CCaller::Answered(const AnswerEvent& event) {

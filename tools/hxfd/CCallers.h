@@ -16,6 +16,7 @@
 
 #include "CCoreRoutes.h"
 #include "CPendingCall.h"
+#include "DeviceOwners.h"
 #include "SdBusHolders.h"
 #include "hxf_core.h"
 
@@ -62,7 +63,7 @@ class CCaller {
 
   size_t Watches() const { return watches_.size(); }
   size_t Sessions() const { return sessions_.size() + direct_.size(); }
-  size_t Pending() const { return lists_.size() + requests_.size(); }
+  size_t Pending() const { return lists_.size() + requests_.size() + waiting_.size(); }
 
  private:
   // Every call waiting for the core has a deadline here: hxfd answers it TimedOut when the
@@ -86,6 +87,26 @@ class CCaller {
   // A list of `service` answered or given up: the provider's search may stop.
   void EndList(const std::string& service);
 
+  // A request read from its call, to be sent once its device's provider is known.
+  struct Request {
+    hxf_tool::BusMessage call;
+    std::string session_path;  // empty: Broker1.Request's session of `service`
+    std::string service, operation, device_id;
+    std::vector<hxf_tool::PropertyValue> properties;
+    uint32_t timeout_ms = 0;
+  };
+  // Sends `request` on `session`, to the provider of its device; 1 when it went out or waits
+  // for its device's provider (`may_wait`), or what the method handler returns on a refusal.
+  int Route(Request request, const CSession& session, bool may_wait, sd_bus_error* error);
+  // A request that waited for its device's provider goes out now (or is refused).
+  void Resume(uint64_t id);
+
+  // A device list being merged from the providers' own lists, with its call.
+  struct List {
+    CPendingCall call;
+    hxf_tool::CProviderLists lists;
+  };
+
   CBusContext& context_;
   const std::string name_;
   hxf_client_h client_;
@@ -93,8 +114,10 @@ class CCaller {
   std::map<std::string, std::unique_ptr<CWatch>> watches_;             // by object path
   std::map<std::string, std::unique_ptr<CSession>> sessions_;          // by object path
   std::unordered_map<std::string, std::unique_ptr<CSession>> direct_;  // Broker1.Request's
-  std::unordered_map<std::string, CPendingCall> lists_;                // by service
+  std::unordered_map<std::string, List> lists_;                        // by service
   std::unordered_map<hxf_transaction_h, CPendingCall> requests_;
+  std::unordered_map<uint64_t, Request> waiting_;  // for their device's provider
+  uint64_t next_waiting_ = 1;
   std::map<CPendingCall::DeadlineKey, Deadline> deadlines_;  // earliest first
   hxf_tool::EventSource deadline_timer_;  // at the earliest
   uint64_t next_deadline_ = 1;

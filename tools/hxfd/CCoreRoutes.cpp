@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include "CCallers.h"
+#include "CDeviceRoutes.h"
 #include "CLocks.h"
 #include "CSession.h"
 #include "CWatch.h"
@@ -100,7 +101,10 @@ void CCoreRoutes::OnList(hxf_client_h, hxf_string service, hxf_endpoint_discover
       event.devices.push_back(hxf_tool::ReadDevice(e));
   }
   Hand([token = TokenOf(token), event = std::move(event)](CCoreRoutes& routes) {
-    if (CCaller* caller = routes.Find<CCaller>(token)) caller->Listed(event);
+    if (CCaller* caller = routes.Find<CCaller>(token))
+      caller->Listed(event);
+    else if (CDeviceRoutes* devices = routes.Find<CDeviceRoutes>(token))
+      devices->LookupListed(event);
   });
 }
 

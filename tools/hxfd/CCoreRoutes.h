@@ -21,6 +21,7 @@
 namespace hxfd {
 
 class CCaller;
+class CDeviceRoutes;
 class CSession;
 class CWatch;
 
@@ -46,8 +47,8 @@ struct AnswerEvent {
 class CCoreRoutes {
  public:
   // A watch hears its searches; a caller its device lists and request results; a session its
-  // notifications.
-  using Target = std::variant<CWatch*, CCaller*, CSession*>;
+  // notifications; the device routes the lists of their lookups.
+  using Target = std::variant<CWatch*, CCaller*, CSession*, CDeviceRoutes*>;
 
   CCoreRoutes() = default;
   ~CCoreRoutes() { Stop(); }

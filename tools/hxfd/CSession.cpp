@@ -4,6 +4,7 @@
 
 #include "BusValues.h"
 #include "CBusContext.h"
+#include "Provider.h"
 
 namespace hxfd {
 
@@ -33,9 +34,26 @@ std::unique_ptr<CSession> CSession::Make(CBusContext& context, CCaller& caller,
                                          sd_bus_error* error, int* r) {
   std::unique_ptr<CSession> session(new CSession(context, caller, service));
   session->token_ = context.Routes().Add(session.get());
-  session->handle_ = hxf_core_client_subscribe_service(caller.Client(), View(session->service_),
-                                                       &CCoreRoutes::OnNotification,
-                                                       CCoreRoutes::UserData(session->token_));
+  const auto subscribe = [&](const std::string& name) {
+    return hxf_core_client_subscribe_service(caller.Client(), View(name),
+                                             &CCoreRoutes::OnNotification,
+                                             CCoreRoutes::UserData(session->token_));
+  };
+  // Several providers: one session each, the first also the service's pick. A provider that
+  // does not answer "S@PROVIDER" is reached through S only, as before.
+  bool each_reached = true;
+  if (context.Devices().Several(service)) {
+    for (const std::string& provider : context.Devices().ProvidersOf(service)) {
+      hxf_service_session_h handle = subscribe(hxf_tool::ProviderService(service, provider));
+      if (handle != nullptr)
+        session->providers_.emplace_back(provider, handle);
+      else
+        each_reached = false;
+    }
+  }
+  session->handle_ = each_reached && !session->providers_.empty()
+                         ? session->providers_.front().second
+                         : subscribe(session->service_);
   if (session->handle_ == nullptr) {
     *r = Refuse(error, hxf_tool::ErrorName(HXF_ERROR_NOT_FOUND),
                 "no provider offers " + service + " (is its plugin loaded?)");
@@ -50,6 +68,14 @@ std::unique_ptr<CSession> CSession::Make(CBusContext& context, CCaller& caller,
 
 CSession::~CSession() {
   context_.Routes().Remove(token_);
+}
+
+hxf_service_session_h CSession::Handle(const std::string& provider) const {
+  if (provider.empty()) return handle_;
+  for (const auto& [name, handle] : providers_) {
+    if (name == provider) return handle;
+  }
+  return handle_;
 }
 
 void CSession::Notified(const AnswerEvent& event) {

@@ -1,5 +1,7 @@
 // org.hxf.Session1: a caller's session of a service, for requests and notifications. A
-// session made for Broker1.Request has no object: its notifications go nowhere.
+// session made for Broker1.Request has no object: its notifications go nowhere. With several
+// providers of the service it holds one core session per provider ("S@PROVIDER"), so that it
+// hears every provider's notifications and reaches each provider's devices (CDeviceRoutes).
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -7,6 +9,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "CCallerObjects.h"
 #include "CCoreRoutes.h"
@@ -31,7 +35,9 @@ class CSession {
 
   const std::string& Path() const { return path_; }
   const std::string& Service() const { return service_; }
-  hxf_service_session_h Handle() const { return handle_; }
+  // The core session for `provider`'s devices: the service's own pick for none, or for a
+  // provider this session does not reach on its own.
+  hxf_service_session_h Handle(const std::string& provider = "") const;
 
   // Bus thread: a notification of this session; it answers the request it names, if any.
   void Notified(const AnswerEvent& event);
@@ -49,7 +55,8 @@ class CSession {
   CCaller& caller_;
   const std::string service_;
   std::string path_;  // empty: no object
-  hxf_service_session_h handle_ = nullptr;
+  hxf_service_session_h handle_ = nullptr;  // the service's own pick
+  std::vector<std::pair<std::string, hxf_service_session_h>> providers_;  // "S@PROVIDER"'s
   uint64_t token_ = 0;
   CCallerObjects::Entry object_;  // its path, for its caller
 };

@@ -85,6 +85,7 @@ void CWatch::Found(const FoundEvent& event) {
   // The core's time-out of a search is not this search's: the core keeps one per service,
   // which another caller's search moves or stops. The watch's own deadline ends it.
   if (!event.has_device) return;
+  context_.Devices().Found(service_, event.device);
   const bool lost = hxf_tool::IsDeparture(event.device);
   if (!listen_) found_any_ = true;
   SendTo(context_.Bus(), caller_.Name(), path_, hxf_tool::kSearchInterface,

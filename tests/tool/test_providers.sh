@@ -45,6 +45,15 @@ case "$case_name" in
     expect_out '"device_id":"lamp-1",.*"ui_meta":{.*"provider":"sim"'
     expect_out '"device_id":"strip-1",.*"ui_meta":{.*"provider":"strips"'
     ;;
+  devices-lists-every-providers-devices)
+    for order in "sim strips" "strips sim"; do
+      set -- $order
+      code=$(run --plugin "$1" --plugin "$2" devices lights)
+      expect_code "$code" 0
+      for device in strip-1 lamp-1 ceiling-1; do expect_out "^$device "; done
+      [ "$(wc -l <"$out")" = 4 ] || fail "[$order] not a heading and 3 devices"
+    done
+    ;;
   watch-hears-every-provider)
     # The simulator's lamp drifts, so that it notifies as the fixture does.
     cat >"$work/live.json" <<'JSON'

@@ -409,6 +409,18 @@ HXF_CORE_API hxf_error_e hxf_core_set_device_list_discovered_callback(
  * device, read "provider" from its endpoint's meta data and subscribe to "S@PROVIDER"; for the
  * notifications of every provider, hold one session per provider. A device id two providers
  * report is ambiguous: hxf and hxfd refuse such a request naming both.
+ *
+ * Each provider answers a device-list request with a list of its own (one without devices
+ * sends none): collect the lists until every provider you expect has answered or your own
+ * deadline passes, then pick the session:
+ *
+ *     const char* meta = hxf_endpoint_get_ui_meta(endpoint);   // {"provider":"sim",...}
+ *     // PROVIDER: the text after {"provider":" up to the next quote; none: use S itself
+ *     snprintf(name, sizeof name, "%s@%s", hxf_endpoint_get_service_name(endpoint), provider);
+ *     session = hxf_core_client_subscribe_service(client, hxf_string_from_cstr(name), cb, NULL);
+ *
+ * docs/PLUGINS.md (section 8) has the whole function. Consumers of hxfd (D-Bus) need none of
+ * this: hxfd routes each request that names device_id to that device's provider.
  */
 /**
  * Subscribes the client to `service_name`, creating the service if no one named it before.

@@ -1,8 +1,11 @@
 /* A well-behaved provider of "lights" (one lamp, found, listed, asked) that breaks one contract
  * hxf check-plugin names, chosen when built:
  *   HXF_CONTRACT_ANSWER_TWICE  every request is answered twice;
- *   HXF_CONTRACT_THREAD_LEFT   a thread started in CreatePlugin outlives DestroyPlugin. */
+ *   HXF_CONTRACT_THREAD_LEFT   a thread started in CreatePlugin outlives DestroyPlugin;
+ *   HXF_CONTRACT_UNDEFINED     a request for lamp-1 overflows a signed integer (built with
+ *                              UndefinedBehaviorSanitizer, which reports it and goes on). */
 #define _GNU_SOURCE /* pthread_setname_np */
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdbool.h>
@@ -17,6 +20,9 @@
 #define ANSWERS 2
 #elif defined(HXF_CONTRACT_THREAD_LEFT)
 #define NAME "threadleft"
+#define ANSWERS 1
+#elif defined(HXF_CONTRACT_UNDEFINED)
+#define NAME "undefined"
 #define ANSWERS 1
 #else
 #error "choose the broken contract"
@@ -74,6 +80,10 @@ static void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transacti
   uint32_t length = 0;
   if (id != NULL) hxf_property_get_string(id, &device, &length);
   const bool known = device != NULL && length == 6 && memcmp(device, "lamp-1", 6) == 0;
+#if defined(HXF_CONTRACT_UNDEFINED)
+  volatile int brightness = INT_MAX;
+  if (known) brightness = brightness + 1; /* undefined: the sanitizer's report is the finding */
+#endif
   const bool ok = known && operation != NULL && strcmp(operation, "get") == 0;
   hxf_property_list_h result = hxf_property_list_create(S(operation != NULL ? operation : ""));
   hxf_property_h value = ok ? hxf_property_create_int(S("brightness"), 42)

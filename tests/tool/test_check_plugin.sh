@@ -72,6 +72,24 @@ PASS load-result"
     expect_line 'FAIL request-unknown-device/lights: get device_id=hxf-check-no-such-device: answered 2 times'
     expect_line 'PASS no-threads-left'
     ;;
+  a-sanitizer-report-is-a-finding)
+    # The fixture "undefined" overflows a signed integer answering lamp-1, in a plugin built with
+    # UndefinedBehaviorSanitizer: its report on the child's stderr fails the check it came in,
+    # whether the child goes on (the check itself passes) or the sanitizer ends it.
+    [ "${3:-ON}" = ON ] || { echo "SKIP [$case_name]: this build has no UndefinedBehaviorSanitizer runtime for the fixture (tsan preset)"; exit 77; }
+    report="UndefinedBehaviorSanitizer: runtime error: signed integer overflow: 2147483647 \\+ 1 cannot be represented in type 'int' \\(.*test_plugin_contract.c:[0-9]+:[0-9]+\\)"
+    code=$(UBSAN_OPTIONS=halt_on_error=0:print_stacktrace=0 run check-plugin undefined)
+    expect_code "$code" 1
+    expect_line 'PASS request-get/lights'
+    grep -Eqx "FAIL sanitizer: $report during request-get/lights" "$out" ||
+      fail "no sanitizer FAIL naming the report and the check"
+    [ "$(grep -c '^FAIL' "$out")" = 1 ] || fail "more than the sanitizer's FAIL"
+    code=$(UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=0 run check-plugin undefined)
+    expect_code "$code" 1
+    grep -Eqx "FAIL request-get/lights: the (checking process exited with code [0-9]+|plugin crashed the checking process \\(signal [0-9]+, .*\\)) in the middle of the check: $report" \
+      "$out" || fail "the check the sanitizer ended does not name its report"
+    expect_line 'PASS library-unmapped'  # the next child goes on
+    ;;
   threadleft)
     # A thread of the plugin outlives DestroyPlugin, named with its id and name.
     code=$(run check-plugin threadleft)

@@ -58,6 +58,8 @@ constexpr milliseconds kCallbackBound{1000};
 constexpr milliseconds kUnloadBound{5000};
 constexpr milliseconds kThreadsBound{1000};
 constexpr int kChildSilenceSeconds = 30;  // a child that prints nothing this long is stopped
+// A child leaves with this code after a FAIL it printed itself (an unload that never returned).
+constexpr int kChildGaveUp = 3;
 constexpr char kNoSuchOperation[] = "hxf-check-no-such-operation";
 constexpr char kNoSuchDevice[] = "hxf-check-no-such-device";
 
@@ -706,7 +708,7 @@ class CChild {
         std::printf("FAIL unload-returns: DestroyPlugin did not return within %s\n",
                     Ms(kUnloadBound).c_str());
       std::fflush(stdout);
-      _exit(3);
+      _exit(kChildGaveUp);
     }
     const hxf_error_e code = result.get();
     if (code != HXF_ERROR_NONE)
@@ -794,6 +796,26 @@ class CChild {
 
 // ---- the parent ----
 
+// The sanitizer's report that `line` of a child's stderr starts, as "NAME: what", or empty:
+// "==12==ERROR: AddressSanitizer: heap-use-after-free on ...", "==12==ERROR: LeakSanitizer:
+// detected memory leaks", "WARNING: ThreadSanitizer: data race ...", and UBSan's
+// "file.c:12:5: runtime error: signed integer overflow: ...".
+std::string SanitizerReport(const std::string& line) {
+  for (const char* start : {"ERROR: ", "WARNING: "}) {
+    const size_t at = line.find(start);
+    if (at == std::string::npos) continue;
+    const std::string rest = line.substr(at + std::strlen(start));
+    const size_t colon = rest.find(": ");
+    if (colon != std::string::npos && colon >= 9 &&
+        rest.compare(colon - 9, 9, "Sanitizer") == 0 && rest.find(' ') > colon)
+      return rest;
+  }
+  const size_t at = line.find(": runtime error: ");
+  if (at != std::string::npos)
+    return "UndefinedBehaviorSanitizer: " + line.substr(at + 2) + " (" + line.substr(0, at) + ")";
+  return "";
+}
+
 class CParent {
  public:
   CParent(const COutput& out, std::string plugin) : out_(out), plugin_(std::move(plugin)) {}
@@ -852,12 +874,14 @@ class CParent {
     std::vector<char*> argv{self, const_cast<char*>(kCheckPluginChild),
                             const_cast<char*>(plugin_.c_str()), const_cast<char*>(from.c_str()),
                             const_cast<char*>(services.c_str()), nullptr};
+    // The child's stderr goes into the same pipe, so that a sanitizer's report arrives in its
+    // place among the checks' lines. The core's and the plugin's log would interleave with the
+    // lines: they are shown only with a log level.
+    const bool show_log = std::getenv("HXF_LOG_LEVEL") != nullptr;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipe_ends[1], STDOUT_FILENO);
-    // The core's and the plugin's log would interleave with the lines: only with a log level.
-    if (std::getenv("HXF_LOG_LEVEL") == nullptr)
-      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, pipe_ends[1], STDERR_FILENO);
     pid_t child = -1;
     const int spawned = posix_spawn(&child, self, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -871,7 +895,10 @@ class CParent {
     int running_index = -1;
     bool ended = false, hung = false;
     std::string buffer;
-    while (!ended) {
+    std::string report;       // the first sanitizer report of this child
+    std::string reported_in;  // the check under way then
+    // Until the child closes its end: after END it may still write (a leak report at exit).
+    for (;;) {
       pollfd wait{pipe_ends[0], POLLIN, 0};
       const int ready = poll(&wait, 1, kChildSilenceSeconds * 1000);
       if (ready < 0 && errno == EINTR) continue;
@@ -887,14 +914,21 @@ class CParent {
       buffer.append(chunk, static_cast<size_t>(got));
       for (size_t end; (end = buffer.find('\n')) != std::string::npos; buffer.erase(0, end + 1)) {
         const std::string line = buffer.substr(0, end);
+        const std::string verdict = line.substr(0, 5);
         if (line == "END") {
           ended = true;
-        } else if (line.rfind("BEGIN ", 0) == 0) {
+        } else if (!ended && line.rfind("BEGIN ", 0) == 0) {
           std::istringstream words(line.substr(6));
           words >> running_index >> running;
-        } else if (!line.empty()) {
+        } else if (!ended && (verdict == "PASS " || verdict == "FAIL " || verdict == "SKIP ")) {
           Line(line);
           running.clear();
+        } else {
+          if (show_log) std::fprintf(stderr, "%s\n", line.c_str());
+          if (report.empty()) {
+            report = SanitizerReport(line);
+            reported_in = running;
+          }
         }
       }
     }
@@ -902,21 +936,32 @@ class CParent {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    if (ended) return -1;
+    const std::string exit_text =
+        WIFSIGNALED(status) ? "the plugin crashed the checking process (signal " +
+                                  std::to_string(WTERMSIG(status)) + ", " +
+                                  strsignal(WTERMSIG(status)) + ")"
+        : WIFEXITED(status) && WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != kChildGaveUp
+            ? "the checking process exited with code " + std::to_string(WEXITSTATUS(status))
+            : "";
     if (running.empty()) {
+      // A sanitizer's report, or an exit that was no success, between or after the checks.
+      if (!report.empty())
+        Report("sanitizer", report + (reported_in.empty() ? "" : " during " + reported_in) +
+                                (exit_text.empty() ? "" : "; " + exit_text));
+      else if (!exit_text.empty() && !hung)
+        Report("process-exit", exit_text + " after its checks");
+      if (ended) return -1;
       // Died between checks (after a FAIL it printed itself, such as a hung unload).
       return running_index >= 0 ? running_index + 1 : -1;
     }
     std::string why;
     if (hung)
       why = "printed nothing for " + std::to_string(kChildSilenceSeconds) + " s; the process was killed";
-    else if (WIFSIGNALED(status))
-      why = "the plugin crashed the checking process (signal " + std::to_string(WTERMSIG(status)) +
-            ", " + strsignal(WTERMSIG(status)) + ")";
+    else if (!exit_text.empty())
+      why = exit_text + " in the middle of the check";
     else
-      why = "the checking process exited with code " + std::to_string(WEXITSTATUS(status)) +
-            " in the middle of the check";
-    Report(running, why);
+      why = "the checking process ended in the middle of the check";
+    Report(running, why + (report.empty() ? "" : ": " + report));
     return running_index + 1;
   }
 

@@ -227,7 +227,7 @@ PY
     start_hxfd
     timeout 45 /usr/bin/python3 "$here/client.py" "$address" many-users >"$work/many.out" 2>"$work/many.err" ||
       fail "the callers failed"
-    grep -qx 'served 1000' "$work/many.out" || fail "not every one of the 1000 callers was served"
+    grep -qx 'answered 1000' "$work/many.out" || fail "not every one of the 1000 callers was answered"
     grep -qx 'callers held 1000' "$work/many.out" || fail "hxfd did not hold 1000 callers at once"
     await_callers 0 15
     ;;

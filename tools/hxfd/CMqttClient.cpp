@@ -131,8 +131,9 @@ void CMqttClient::Lost(int rc) {
   io_fd_ = -1;
   if (stopping_) return;
   retry_at_us_ = Now(event_) + backoff_ms_ * 1000;
-  // The same failure again and again (a broker away for long) is logged once.
-  if (was_connected || static_cast<uint64_t>(rc) != last_reason_)
+  // Each failure while the wait grows; then the same failure again and again (a broker away
+  // for long) only once.
+  if (was_connected || static_cast<uint64_t>(rc) != last_reason_ || backoff_ms_ < kMaxBackoffMs)
     std::fprintf(stderr, "hxfd: mqtt: %s %s: %s; trying again in %llu ms\n",
                  was_connected ? "lost the connection to" : "cannot connect to",
                  Url(settings_.url).c_str(), Reason(rc).c_str(),

@@ -342,6 +342,8 @@ void CMqttFront::Refuse(const Pending& pending, int code, const std::string& wha
 void CMqttFront::Answered(const Answer& answer) {
   const auto found = pending_.find(answer.id);
   if (found == pending_.end()) return;  // answered already: the connection was lost
+  // Without a connection the answer could not go out: Connected answers it, once.
+  if (found->second.asker != Asker::kState && !client_->Connected()) return;
   const Pending pending = std::move(found->second);
   pending_.erase(found);
   const auto device = devices_.find(pending.key);

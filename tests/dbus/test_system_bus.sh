@@ -303,7 +303,7 @@ PY
     expect_config_error '# fine\nplugins = sim\nlog-level = loud\n' \
       '3: log-level "loud" is not one of debug, info, error'
     expect_config_error '\n\nplugins sim\n' '3: expected "key = value", not "plugins sim"'
-    expect_config_error 'plugin = sim\n' '1: unknown key "plugin" (known: plugins, log-level, monitor-group, max-...: see hxfd(1))'
+    expect_config_error 'plugin = sim\n' '1: unknown key "plugin" (known: plugins, log-level, monitor-group, max-..., mqtt, node, mqtt-...: see hxfd(1))'
     expect_config_error 'plugins = sim\n# again\nplugins = upnp\n' '3: duplicate key "plugins" (first on line 1)'
     expect_config_error 'log-level =   # none\n' '1: log-level needs a value'
     expect_config_error '= sim\n' '1: expected "key = value", not "= sim"'

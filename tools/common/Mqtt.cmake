@@ -13,3 +13,13 @@ endif()
 if(NOT HXF_MOSQUITTO_FOUND)
   message(STATUS "hxfd --mqtt: not built (needs libmosquitto-dev: scripts/install-deps.sh mqtt)")
 endif()
+# The payload readers' libFuzzer harness (preset "fuzz"; scripts/fuzz.sh mqtt_payload), made
+# where the library is and put beside the other harnesses.
+if(HXF_BUILD_FUZZ)
+  add_executable(fuzz_mqtt_payload ${PROJECT_SOURCE_DIR}/tests/fuzz/fuzz_mqtt_payload.cpp)
+  target_link_libraries(fuzz_mqtt_payload PRIVATE hxf-tool-mqtt)
+  target_compile_options(fuzz_mqtt_payload PRIVATE -fsanitize=fuzzer ${HXF_WARNINGS})
+  target_link_options(fuzz_mqtt_payload PRIVATE -fsanitize=fuzzer)
+  set_target_properties(fuzz_mqtt_payload PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/fuzz)
+endif()

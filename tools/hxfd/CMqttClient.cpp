@@ -50,6 +50,8 @@ bool CMqttClient::Start(std::string* error) {
     return false;
   }
   mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  // An answer is one small packet: sent at once, not held back for more.
+  mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_connect_v5_callback_set(mosq_, &CMqttClient::OnConnect);
   mosquitto_disconnect_v5_callback_set(mosq_, &CMqttClient::OnDisconnect);
   mosquitto_message_v5_callback_set(mosq_, &CMqttClient::OnMessage);

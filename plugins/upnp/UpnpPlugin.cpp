@@ -25,7 +25,9 @@ constexpr const char* kDimming = "urn:schemas-upnp-org:service:Dimming:1";
 constexpr uint32_t kRescanEveryMs = 1500;  // while an active search runs
 constexpr uint32_t kMx = 1;                // seconds a device may wait before answering
 constexpr uint32_t kListWaitMs = 2000;     // an empty cache is rescanned this long
-constexpr uint32_t kFindWaitMs = 3000;     // a request for an unknown device waits this long
+// A request for an unknown device waits this long: answered "not found" before the time-out
+// consumers usually give (hxf: 3000 ms), which would otherwise answer it first, without why.
+constexpr uint32_t kFindWaitMs = 2500;
 constexpr uint32_t kUnsubscribeMs = 300;   // the loop runs this long on unload for UNSUBSCRIBE
 constexpr auto kDestroyWait = std::chrono::seconds(10);
 

@@ -165,6 +165,24 @@ case "$case_name" in
     grep -q '^\[  PASSED  \] 1 test' "$work/reload.out" || fail "the reload test did not run"
     grep '^round ' "$work/reload.out"
     ;;
+  check-plugin)
+    # hxf check-plugin upnp with the light on the network: every check passes, or is skipped
+    # with its reason. The light answers a search first, so that the checks find it.
+    start_light
+    "${hxf_upnp[@]}" search lights --timeout 10000 >"$work/search.out" 2>"$work/search.err" ||
+      fail "the light was not found"
+    "${in_tv[@]}" "$hxf" check-plugin upnp >"$work/check.out" 2>"$work/check.err"
+    code=$?
+    grep -Evx 'PASS [^ ]+|SKIP [^ ]+: .+' "$work/check.out" >"$work/unexpected.out" &&
+      fail "lines other than PASS or SKIP with a reason (exit code $code)"
+    [ "$code" = 0 ] || fail "exit code $code"
+    for check in exports load-result request-get/lights unload-returns no-threads-left \
+                 library-unmapped three-loads; do
+      grep -qx "PASS $check" "$work/check.out" || fail "no PASS $check"
+    done
+    grep -c '^PASS' "$work/check.out" | sed 's/$/ checks passed/'
+    grep '^SKIP' "$work/check.out"
+    ;;
   *)
     echo "unknown case $case_name"; exit 2 ;;
 esac

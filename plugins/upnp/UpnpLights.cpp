@@ -69,6 +69,10 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
         // The action returned is the one passed in, borrowed: it is released once, below.
         GUPnPServiceProxyAction* finished =
             gupnp_service_proxy_call_action_finish(GUPNP_SERVICE_PROXY(source), result, &error);
+        // The device's SOAP fault (its UPnP error code and text) shows once the result is
+        // read; GUPnP keeps it, so the caller's own reading meets it again.
+        if (finished != nullptr && error == nullptr)
+          gupnp_service_proxy_action_get_result(finished, &error, nullptr);
         // A call cancelled by Teardown answers nothing: the plugin is going away.
         if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
           c->done(error == nullptr ? finished : nullptr, error);
@@ -80,11 +84,14 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
       call);
 }
 
-void Plugin::CallFailed(const std::string& operation, hxf_transaction_h transaction,
-                        const std::string& what, const GError* error, const std::string& udn) {
-  Answer(kLights, transaction,
-         ErrorList(operation, what + ": " + (error != nullptr ? error->message : "no answer")),
-         HXF_ERROR_OPERATION_FAILED);
+void Plugin::CallFailed(const std::string& service, const std::string& operation,
+                        hxf_transaction_h transaction, const std::string& what,
+                        const GError* error, const std::string& udn) {
+  std::string text = what + ": " + (error != nullptr ? error->message : "no answer");
+  // A SOAP fault: the device's own error code (701 for a transition it cannot make...).
+  if (error != nullptr && error->domain == GUPNP_CONTROL_ERROR)
+    text += " (UPnP error " + std::to_string(error->code) + ")";
+  Answer(service, transaction, ErrorList(operation, text), HXF_ERROR_OPERATION_FAILED);
   CheckAlive(udn);
 }
 
@@ -161,7 +168,7 @@ void Plugin::GetLight(const std::string& operation, hxf_transaction_h transactio
   ReadLight(udn, [this, operation, transaction, udn](const std::string& failed, const GError* error,
                                                      bool) {
     if (!failed.empty()) {
-      CallFailed(operation, transaction, failed, error, udn);
+      CallFailed(kLights, operation, transaction, failed, error, udn);
       return;
     }
     const auto found = devices_.find(udn);
@@ -199,7 +206,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
                                         static_cast<guint>(*change.brightness), nullptr),
          [this, transaction, udn](GUPnPServiceProxyAction* action, const GError* error) {
            if (action == nullptr) {
-             CallFailed("set", transaction, "SetLoadLevelTarget failed", error, udn);
+             CallFailed(kLights, "set", transaction, "SetLoadLevelTarget failed", error, udn);
              return;
            }
            GetLight("set", transaction, udn);
@@ -214,7 +221,7 @@ void Plugin::SetLight(hxf_transaction_h transaction, hxf_property_list_h request
                                       static_cast<gboolean>(*change.power), nullptr),
        [this, transaction, udn, level](GUPnPServiceProxyAction* action, const GError* error) {
          if (action == nullptr) {
-           CallFailed("set", transaction, "SetTarget failed", error, udn);
+           CallFailed(kLights, "set", transaction, "SetTarget failed", error, udn);
            return;
          }
          level();

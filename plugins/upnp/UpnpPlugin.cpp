@@ -141,7 +141,7 @@ void Plugin::Run() {
 }
 
 bool Plugin::Setup() {
-  for (const char* name : {kLights, kRootDevices}) {
+  for (const char* name : kServices) {
     hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
         kName, std::string("upnp-") + name, name,
         {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
@@ -180,7 +180,10 @@ void Plugin::Teardown() {
   if (manager_ != nullptr) g_signal_handlers_disconnect_by_data(manager_, this);
   for (GUPnPControlPoint* point : control_points_)
     g_signal_handlers_disconnect_by_data(point, this);
-  for (auto& [udn, device] : devices_) Unsubscribe(&device);
+  for (auto& [udn, device] : devices_) {
+    Unsubscribe(&device);
+    UnsubscribeAudio(&device);
+  }
   if (cancellable_ != nullptr) g_cancellable_cancel(cancellable_);
   for (guint id : sources_) {
     // Source ids belong to their context: g_source_remove would look in the default one.
@@ -324,11 +327,13 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
     device.power = GUPNP_SERVICE_PROXY(power);  // the reference returned is ours
   if (GUPnPServiceInfo* dimming = gupnp_device_info_get_service(info, kDimming))
     device.dimming = GUPNP_SERVICE_PROXY(dimming);
+  FindRenderer(info, device.device_type, &device.renderer);
   Device& added = devices_.emplace(udn, std::move(device)).first->second;
   dlog_print(DLOG_INFO, kTag, "upnp: found %s (%s) at %s%s\n", added.endpoint.name.c_str(),
              udn.c_str(), added.location.c_str(), added.IsLight() ? ", a light" : "");
   Subscribe(&added);
-  for (const char* service : {kLights, kRootDevices}) {
+  SubscribeAudio(&added);
+  for (const char* service : kServices) {
     if (!added.Offers(service)) continue;
     if (searching_.count(service) != 0) Report(service, added, nullptr);
     if (listening_.count(service) != 0) Report(service, added, hxf_tool::kPresenceArrived);
@@ -344,10 +349,11 @@ void Plugin::RemoveRoot(const std::string& root_udn) {
     }
     dlog_print(DLOG_INFO, kTag, "upnp: %s (%s) is gone\n", device.endpoint.name.c_str(),
                device.endpoint.id.c_str());
-    for (const char* service : {kLights, kRootDevices}) {
+    for (const char* service : kServices) {
       if (device.Offers(service) && listening_.count(service) != 0) Report(service, device, hxf_tool::kPresenceLeft);
     }
     Unsubscribe(&device);
+    UnsubscribeAudio(&device);
     Forget(&device);
     it = devices_.erase(it);
   }
@@ -357,6 +363,7 @@ void Plugin::Forget(Device* device) {
   if (device->power != nullptr) g_object_unref(device->power);
   if (device->dimming != nullptr) g_object_unref(device->dimming);
   if (device->info != nullptr) g_object_unref(device->info);
+  ReleaseRenderer(&device->renderer);
   device->power = device->dimming = nullptr;
   device->info = nullptr;
 }
@@ -468,6 +475,8 @@ void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
     GetLight("get", transaction, device->endpoint.id);
   } else if (service == kLights && operation == "set") {
     SetLight(transaction, request.get(), device);
+  } else if (service == kAudio) {
+    AudioRequest(operation, transaction, request.get(), device);
   } else {
     Answer(
         service, transaction,

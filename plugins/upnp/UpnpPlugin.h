@@ -1,5 +1,6 @@
 // The UPnP provider: service "lights" (devices with SwitchPower:1, and Dimming:1 where they
-// have it) and service "upnp" (every root device), found and driven through GUPnP.
+// have it), service "audio" (media renderers, UpnpAudio.h) and service "upnp" (every root
+// device), found and driven through GUPnP.
 //
 // Threads: every GLib, GSSDP, GUPnP and libsoup call runs on the plugin's own thread, which
 // runs its own GMainContext (the thread default there). The core's callbacks copy what they
@@ -20,12 +21,15 @@
 
 #include "CLocks.h"
 #include "PluginKit.h"
+#include "UpnpAudio.h"
 #include "hxf_core.h"
 
 namespace hxf_upnp {
 
 constexpr const char* kLights = "lights";
 constexpr const char* kRootDevices = "upnp";
+constexpr const char* kAudio = "audio";
+constexpr const char* kServices[] = {kLights, kAudio, kRootDevices};
 
 inline std::string Text(const char* text) {
   return text != nullptr ? text : "";
@@ -46,6 +50,7 @@ struct Device {
   GUPnPDeviceInfo* info = nullptr;
   GUPnPServiceProxy* power = nullptr;    // SwitchPower:1, or null
   GUPnPServiceProxy* dimming = nullptr;  // Dimming:1, or null
+  Renderer renderer;                     // a media renderer's services, or nulls
   std::optional<bool> power_on;          // last known, from answers and events
   std::optional<int64_t> brightness;
   bool announced = false;  // its state has been told to watchers once
@@ -55,7 +60,9 @@ struct Device {
 
   bool IsRoot() const { return root_udn == endpoint.id; }
   bool IsLight() const { return power != nullptr; }
+  bool IsRenderer() const { return renderer.transport != nullptr; }
   bool Offers(const std::string& service) const {
+    if (service == kAudio) return IsRenderer();
     return service == kLights ? IsLight() : service == kRootDevices && IsRoot();
   }
 };
@@ -130,10 +137,12 @@ class Plugin {
   static void OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                        gpointer self);
   void NotifyState(Device& device);
-  // A SOAP call of `operation` failed: answers OPERATION_FAILED with `what` and the error,
-  // then checks whether the device is still there.
-  void CallFailed(const std::string& operation, hxf_transaction_h transaction,
-                  const std::string& what, const GError* error, const std::string& udn);
+  // A SOAP call of `operation` on `service` failed: answers OPERATION_FAILED with `what` and
+  // the error (with the device's UPnP error code where it sent one), then checks whether the
+  // device is still there.
+  void CallFailed(const std::string& service, const std::string& operation,
+                  hxf_transaction_h transaction, const std::string& what, const GError* error,
+                  const std::string& udn);
   // A request failed: if the device's description can no longer be fetched, it is gone.
   void CheckAlive(const std::string& udn);
   // Calls `action` (named `name`) on `proxy`, taking over the caller's reference to it;
@@ -141,6 +150,22 @@ class Plugin {
   // error.
   void Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyAction* action,
             std::function<void(GUPnPServiceProxyAction*, const GError*)> done);
+
+  // UpnpAudio.cpp: the "audio" operations on media renderers, and their LastChange events.
+  // `done` gets what failed (empty on success) with the error.
+  using AudioDone = std::function<void(const std::string& failed, const GError*)>;
+  // Runs steps[next...] in turn on the renderer `udn`, each result read into its state.
+  void RunAudio(const std::string& udn, std::shared_ptr<const std::vector<AudioStep>> steps,
+                size_t next, AudioDone done);
+  // Runs `steps`, then reads the whole state back, and tells watchers if it is news.
+  void RunAndTell(const std::string& udn, std::vector<AudioStep> steps, AudioDone done);
+  void AudioRequest(const std::string& operation, hxf_transaction_h transaction,
+                    hxf_property_list_h request, Device* device);
+  void SubscribeAudio(Device* device);
+  void UnsubscribeAudio(Device* device);
+  static void OnLastChange(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
+                           gpointer self);
+  void NotifyAudio(Device& device);
 
   // The core's callbacks: each copies what it needs and posts to the plugin thread.
   static void OnSearch(hxf_service_handler_h, hxf_string name, void* self);

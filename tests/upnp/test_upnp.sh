@@ -1,60 +1,15 @@
 #!/usr/bin/env bash
-# The UPnP plugin against real third-party UPnP devices on a private network: two network
-# namespaces joined by a veth pair (link-local addresses, multicast on), Debian's
-# gupnp-network-light (under Xvfb) and minidlna in the device namespace, the hxf tool with
-# --plugin upnp in the other. Nothing leaves the namespaces; every process is stopped by its
-# PID and the namespaces are removed on every way out.
+# The UPnP plugin against real third-party UPnP devices on a private network (upnp_case.sh):
+# Debian's gupnp-network-light (under Xvfb) and minidlna in the device namespace, the hxf tool
+# with --plugin upnp in the other.
 # Usage: test_upnp.sh HXF_BINARY CASE [RELOAD_TEST_BINARY]   (exit 77: skipped, with the reason)
 set -u
 hxf=$1
 case_name=$2
 reload_test=${3:-}
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-[ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
-for tool in ip Xvfb gupnp-network-light minidlnad; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh upnp)"
-done
-
-id=$$
-dev_ns=hxf-upnp-dev-$id
-tv_ns=hxf-upnp-tv-$id
-dev_if=hxfd$id
-tv_if=hxft$id
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null; done
-  ip netns del "$dev_ns" 2>/dev/null
-  ip netns del "$tv_ns" 2>/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "FAIL [$case_name]: $*"
-  for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -${HXF_TAIL:-30} "$f"; }; done
-  exit 1
-}
-
-ip netns add "$dev_ns" 2>"$work/netns.err" || skip "cannot make a network namespace: $(cat "$work/netns.err")"
-ip netns add "$tv_ns" || skip "cannot make a second network namespace"
-ip link add "$dev_if" type veth peer name "$tv_if" || skip "cannot make a veth pair"
-ip link set "$dev_if" netns "$dev_ns"
-ip link set "$tv_if" netns "$tv_ns"
-for side in "$dev_ns:$dev_if:169.254.77.1" "$tv_ns:$tv_if:169.254.77.2"; do
-  IFS=: read -r ns ifname address <<<"$side"
-  ip -n "$ns" link set lo up
-  ip -n "$ns" link set "$ifname" up multicast on
-  ip -n "$ns" addr add "$address/16" dev "$ifname"
-  ip -n "$ns" route add 224.0.0.0/4 dev "$ifname"
-done
-
-# Command prefixes, not functions: `ip netns exec` and `env` exec the command, so $! of a
-# command started with `&` is the command's own PID.
-in_dev=(ip netns exec "$dev_ns")
-hxf_upnp=(ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if" "$hxf" --plugin upnp)
-# shellcheck source=../support/await.sh
-source "$(dirname "$0")/../support/await.sh"
+needs=(Xvfb gupnp-network-light minidlnad)
+# shellcheck source=upnp_case.sh
+source "$(dirname "$0")/upnp_case.sh"
 
 start_light() {
   # Xvfb picks a free display and writes its number on fd 3.
@@ -160,7 +115,7 @@ case "$case_name" in
   reload)
     # Load, use and unload the plugin five times in one process (a GoogleTest program).
     start_light
-    ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if" HXF_UPNP_TEST_NETWORK=1 HXF_LOG_LEVEL=${HXF_LOG_LEVEL:-warn} "$reload_test" \
+    "${in_tv[@]}" HXF_UPNP_TEST_NETWORK=1 HXF_LOG_LEVEL=${HXF_LOG_LEVEL:-warn} "$reload_test" \
       >"$work/reload.out" 2>"$work/reload.err" || fail "the reload test failed"
     grep -q '^\[  PASSED  \] 1 test' "$work/reload.out" || fail "the reload test did not run"
     grep '^round ' "$work/reload.out"

@@ -1,0 +1,129 @@
+#!/usr/bin/env bash
+# The UPnP plugin's "audio" service against a real media renderer on a private network
+# (upnp_case.sh): Debian's gmediarender in the device namespace, its GStreamer output a fake
+# sink that keeps the clock (nothing is heard), and a local HTTP server there serving a tone
+# the test makes with sox; the hxf tool with --plugin upnp in the other namespace.
+# Usage: test_upnp_audio.sh HXF_BINARY CASE   (exit 77: skipped, with the reason)
+set -u
+hxf=$1
+case_name=$2
+needs=(gmediarender gst-launch-1.0 sox python3)
+# shellcheck source=upnp_case.sh
+source "$(dirname "$0")/upnp_case.sh"
+
+udn=uuid:hxf-test-renderer-$id
+http_port=8765
+tone=http://$dev_address:$http_port/tone.wav
+
+start_renderer() {
+  # fakesink with sync on: the media plays in real time, so it stays PLAYING for a while.
+  "${in_dev[@]}" gmediarender -I "$dev_if" -f "Test renderer" -u "${udn#uuid:}" \
+    --gstout-audiopipe "fakesink sync=true" --logfile "$work/renderer.log" >"$work/renderer.out" 2>&1 &
+  renderer_pid=$!
+  pids+=($renderer_pid)
+}
+
+start_media() {
+  mkdir -p "$work/media"
+  sox -n -r 44100 -c 2 "$work/media/tone.wav" synth 60 sine 440 vol 0.1 || fail "sox made no tone"
+  "${in_dev[@]}" python3 -u -m http.server "$http_port" --bind "$dev_address" \
+    --directory "$work/media" >"$work/http.log" 2>&1 &
+  pids+=($!)
+  await_line "$work/http.log" 10 'Serving HTTP'
+}
+
+# Runs hxf NAME ARGS...: stdout to $work/NAME.out, stderr to $work/NAME.err; sets `code`.
+run() {
+  local name=$1
+  shift
+  "${hxf_upnp[@]}" "$@" >"$work/$name.out" 2>"$work/$name.err"
+  code=$?
+}
+# The file $1 has the exact line $2.
+has_line() { grep -qxF -- "$2" "$1"; }
+
+case "$case_name" in
+  search)
+    start_renderer
+    run search search audio --timeout 4000
+    [ "$code" = 0 ] || fail "search exited with $code"
+    grep -Eq "^$udn +Test renderer +audio +$dev_address +$tv_if/upnp\$" "$work/search.out" ||
+      fail "the renderer is not found as a device of audio"
+    has_line "$work/search.err" "1 device(s) offer audio" || fail "not one device"
+    run json --json devices audio --timeout 4000
+    grep -q '"ui_meta":{.*"model":"gmediarender"' "$work/json.out" || fail "the model is not in the UI meta data"
+    ;;
+  volume)
+    start_renderer
+    run set request audio set volume=30 muted=false
+    [ "$code" = 0 ] || fail "set exited with $code"
+    has_line "$work/set.out" "set on audio: ok" || fail "set did not answer"
+    grep -Eq '^  volume +30$' "$work/set.out" || fail "set did not answer volume 30"
+    grep -Eq '^  muted +false$' "$work/set.out" || fail "set did not answer muted false"
+    run get request audio get device="$udn"
+    [ "$code" = 0 ] || fail "get exited with $code"
+    grep -Eq "^  device_id +$udn\$" "$work/get.out" || fail "get does not name the renderer"
+    grep -Eq '^  volume +30$' "$work/get.out" || fail "get does not read volume 30 back"
+    grep -Eq '^  transport_state +(no_media|stopped)$' "$work/get.out" || fail "get has no transport state"
+    ;;
+  play)
+    start_renderer
+    start_media
+    "${hxf_upnp[@]}" --json watch audio --for 30000 >"$work/watch.out" 2>"$work/watch.err" &
+    pids+=($!)
+    # The watcher hears the renderer's state once the plugin has subscribed.
+    await_line "$work/watch.out" 15 '"event":"notification".*"transport_state":"(no_media|stopped)"'
+    run play request audio play uri="$tone"
+    [ "$code" = 0 ] || fail "play exited with $code"
+    grep -Eq "^  uri +$tone\$" "$work/play.out" || fail "play does not answer the URI"
+    await_line "$work/watch.out" 10 '"event":"notification".*"transport_state":"playing".*"uri":"'"$tone"'"'
+    run pause request audio pause
+    [ "$code" = 0 ] || fail "pause exited with $code"
+    await_line "$work/watch.out" 10 '"event":"notification".*"transport_state":"paused"'
+    run stop request audio stop
+    [ "$code" = 0 ] || fail "stop exited with $code"
+    await_line "$work/watch.out" 10 '"event":"notification".*"transport_state":"stopped"'
+    grep -Eq '^  transport_state +stopped$' "$work/stop.out" || fail "stop does not answer stopped"
+    ;;
+  refuse)
+    start_renderer
+    run volume --log-level debug request audio set volume=150
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    has_line "$work/volume.err" "hxf: set on audio failed: volume 150 is out of range 0..100 (error 4: HXF_ERROR_INVALID_PARAMETER)" ||
+      fail "no refusal"
+    # The state is read once the renderer is found (GetVolume...); no Set... is sent.
+    grep -q 'upnp: SOAP GetVolume to http://169.254.77.1:' "$work/volume.err" || fail "the SOAP calls are not logged at debug level"
+    grep -q 'upnp: SOAP Set' "$work/volume.err" && fail "a refused set still made a SOAP call"
+    run muted request audio set muted=1
+    has_line "$work/muted.err" "hxf: set on audio failed: muted takes a bool (error 4: HXF_ERROR_INVALID_PARAMETER)" ||
+      fail "muted=1 is not refused"
+    run seek request audio seek
+    has_line "$work/seek.err" "hxf: seek on audio failed: seek needs position (seconds) (error 4: HXF_ERROR_INVALID_PARAMETER)" ||
+      fail "seek without a position is not refused"
+    run other request audio rewind
+    has_line "$work/other.err" "hxf: rewind on audio failed: unknown operation rewind (get, set, play, pause, stop or seek) (error 4: HXF_ERROR_INVALID_PARAMETER)" ||
+      fail "an unknown operation is not refused"
+    ;;
+  upnp-error)
+    # Nothing loaded: the renderer itself refuses to pause, with its UPnP error code.
+    start_renderer
+    run pause request audio pause
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    has_line "$work/pause.err" "hxf: pause on audio failed: Pause failed: Transition to PAUSE not allowed; allowed=PLAY (UPnP error 501) (error 2: HXF_ERROR_OPERATION_FAILED)" ||
+      fail "the renderer's error does not reach the consumer with its code"
+    ;;
+  byebye)
+    # SIGTERM: gmediarender says byebye as it ends.
+    start_renderer
+    "${hxf_upnp[@]}" listen audio --for 30000 >"$work/listen.out" 2>"$work/listen.err" &
+    pids+=($!)
+    await_line "$work/listen.out" 15 "^(found|arrived) +$udn +Test renderer +$dev_address\$"
+    start=$(now_ms)
+    kill -TERM "$renderer_pid"
+    await_line "$work/listen.out" 10 "^left +$udn +Test renderer +$dev_address\$"
+    echo "byebye noticed after $(($(now_ms) - start)) ms"
+    ;;
+  *)
+    echo "unknown case $case_name"; exit 2 ;;
+esac
+echo "ok [$case_name]"

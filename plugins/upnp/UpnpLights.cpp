@@ -85,8 +85,8 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
 }
 
 void Plugin::CallFailed(const std::string& service, const std::string& operation,
-                        hxf_transaction_h transaction, const std::string& what,
-                        const GError* error, const std::string& udn) {
+                        hxf_transaction_h transaction, const std::string& what, const GError* error,
+                        const std::string& udn) {
   std::string text = what + ": " + (error != nullptr ? error->message : "no answer");
   // A SOAP fault: the device's own error code (701 for a transition it cannot make...).
   if (error != nullptr && error->domain == GUPNP_CONTROL_ERROR)
@@ -289,9 +289,7 @@ void Plugin::NotifyState(Device& device) {
   Push(state, "device_id", device.endpoint.id);
   if (device.power_on) Push(state, "power", *device.power_on);
   if (device.brightness) Push(state, "brightness", *device.brightness);
-  hxf_core_service_handler_notify(handlers_[kLights], hxf_string_from_cstr(kLights), state, nullptr,
-                                  HXF_ERROR_NONE);
-  hxf_property_list_destroy(state);
+  Notify(kLights, state);
 }
 
 void Plugin::CheckAlive(const std::string& udn) {

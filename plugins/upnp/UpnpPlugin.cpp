@@ -17,8 +17,6 @@ namespace hxf_upnp {
 
 namespace {
 
-using hxf_plugin_kit::View;
-
 constexpr const char* kTag = "HXF_UPNP";
 constexpr const char* kSwitchPower = "urn:schemas-upnp-org:service:SwitchPower:1";
 constexpr const char* kDimming = "urn:schemas-upnp-org:service:Dimming:1";
@@ -58,6 +56,8 @@ void PinLibraries() {
 
 // ---- threads ----
 
+Plugin::Plugin() : Provider(kName, kTag) {}
+
 void Plugin::Start() {
   PinLibraries();
   wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -68,9 +68,7 @@ void Plugin::Stop() {
   Post([this] { Teardown(); });  // the last task: it ends the loop
   thread_.join();
   close(wake_fd_);
-  const hxf_plugin_kit::Handlers handlers(handlers_.begin(), handlers_.end());
-  if (!hxf_plugin_kit::DestroyHandlers(kName, handlers, kDestroyWait))
-    dlog_print(DLOG_ERROR, kTag, "upnp: handlers not destroyed in time\n");
+  DestroyServices(kDestroyWait);
 }
 
 void Plugin::Post(Task task) {
@@ -121,9 +119,7 @@ void Plugin::Run() {
   g_source_set_callback(wake_source_, G_SOURCE_FUNC(&Plugin::RunPosted), this, nullptr);
   g_source_attach(wake_source_, context);
   const bool ready = Setup();
-  hxf_core_plugin_send_load_result(
-      hxf_string_from_cstr(kName),
-      ready ? HXF_PLUGIN_LOAD_RESULT_SUCCESS : HXF_PLUGIN_LOAD_RESULT_FAILED);
+  SendLoadResult(ready);
   if (ready) {
     g_main_loop_run(loop_);  // until Teardown
   } else {
@@ -142,17 +138,9 @@ void Plugin::Run() {
 
 bool Plugin::Setup() {
   for (const char* name : kServices) {
-    hxf_service_handler_h handler = hxf_plugin_kit::CreateHandler(
-        kName, std::string("upnp-") + name, name,
-        {&Plugin::OnSearch, &Plugin::OnSearchStop, &Plugin::OnDeviceList, &Plugin::OnListen,
-         &Plugin::OnListenStop, &Plugin::OnAddDevice, &Plugin::OnSessionCreated,
-         &Plugin::OnRequest},
-        this);
-    if (handler == nullptr) {
-      dlog_print(DLOG_ERROR, kTag, "upnp: cannot create a handler for %s\n", name);
-      return false;
-    }
-    handlers_[name] = handler;
+    const Service* service = AddService(name);
+    if (service == nullptr) return false;
+    handlers_[name] = service->handler;
   }
   cancellable_ = g_cancellable_new();
   manager_ = gupnp_context_manager_create_full(GSSDP_UDA_VERSION_1_0, G_SOCKET_FAMILY_IPV4, 0);
@@ -335,8 +323,9 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
   SubscribeAudio(&added);
   for (const char* service : kServices) {
     if (!added.Offers(service)) continue;
-    if (searching_.count(service) != 0) Report(service, added, nullptr);
-    if (listening_.count(service) != 0) Report(service, added, hxf_tool::kPresenceArrived);
+    const Activity& activity = FindService(service)->record;
+    if (activity.searching) Report(service, added, nullptr);
+    if (activity.listening) Report(service, added, hxf_tool::kPresenceArrived);
   }
 }
 
@@ -350,7 +339,8 @@ void Plugin::RemoveRoot(const std::string& root_udn) {
     dlog_print(DLOG_INFO, kTag, "upnp: %s (%s) is gone\n", device.endpoint.name.c_str(),
                device.endpoint.id.c_str());
     for (const char* service : kServices) {
-      if (device.Offers(service) && listening_.count(service) != 0) Report(service, device, hxf_tool::kPresenceLeft);
+      if (device.Offers(service) && FindService(service)->record.listening)
+        Report(service, device, hxf_tool::kPresenceLeft);
     }
     Unsubscribe(&device);
     UnsubscribeAudio(&device);
@@ -375,63 +365,54 @@ void Plugin::Rescan() {
 
 void Plugin::Report(const std::string& service, const Device& device, const char* presence) {
   AssertPluginThread();
-  hxf_plugin_kit::ReportFound(kName, handlers_[service], service, device.endpoint, presence);
+  ReportDevice(*FindService(service), device.endpoint, presence);
 }
 
-void Plugin::Search(const std::string& service) {
-  const bool already = searching_.count(service) != 0;
-  searching_.insert(service);
+void Plugin::OnSearch(Service& service) {
+  const bool already = service.record.searching;
+  service.record.searching = true;
   for (const auto& [udn, device] : devices_) {
-    if (device.Offers(service)) Report(service, device, nullptr);  // what is known, at once
+    if (device.Offers(service.name)) Report(service.name, device, nullptr);  // known, at once
   }
   Rescan();
-  if (!already) After(kRescanEveryMs, [this, service] { RescanWhileSearching(service); });
+  if (!already) After(kRescanEveryMs, [this, &service] { RescanWhileSearching(service); });
 }
 
-void Plugin::RescanWhileSearching(const std::string& service) {
-  if (searching_.count(service) == 0) return;  // the core's search timer ended it
+void Plugin::RescanWhileSearching(Service& service) {
+  if (!service.record.searching) return;  // the core's search timer ended it
   Rescan();
-  After(kRescanEveryMs, [this, service] { RescanWhileSearching(service); });
+  After(kRescanEveryMs, [this, &service] { RescanWhileSearching(service); });
 }
 
-void Plugin::SearchStop(const std::string& service) {
-  searching_.erase(service);
-}
-
-void Plugin::Listen(const std::string& service) {
-  listening_.insert(service);
+void Plugin::OnListen(Service& service) {
+  service.record.listening = true;
   for (const auto& [udn, device] : devices_) {
-    if (device.Offers(service)) Report(service, device, nullptr);
+    if (device.Offers(service.name)) Report(service.name, device, nullptr);
   }
   Rescan();
 }
 
-void Plugin::DeviceList(const std::string& service, bool rescanned) {
-  hxf_endpoint_list_h list = hxf_endpoint_list_create();
+void Plugin::ListDevices(Service& service, bool rescanned) {
+  std::vector<const hxf_plugin_kit::EndpointInfo*> devices;
   for (const auto& [udn, device] : devices_) {
-    if (!device.Offers(service)) continue;
-    hxf_endpoint_h endpoint = hxf_plugin_kit::MakeEndpoint(kName, service, device.endpoint);
-    hxf_endpoint_list_push_endpoint(list, endpoint, HXF_ERROR_NONE);
-    hxf_endpoint_destroy(endpoint);
+    if (device.Offers(service.name)) devices.push_back(&device.endpoint);
   }
-  if (!hxf_endpoint_list_empty(list)) {
-    hxf_core_service_handler_report_device_list(handlers_[service], list);
-  } else if (!rescanned) {
-    // Nothing known yet: look, then answer from what came. An empty list cannot be
-    // reported: the consumer's request then times out.
+  if (!ReportDeviceList(service, devices) && !rescanned) {
+    // Nothing known yet: look, then answer from what came.
     Rescan();
-    After(kListWaitMs, [this, service] { DeviceList(service, true); });
+    After(kListWaitMs, [this, &service] { ListDevices(service, true); });
   }
-  hxf_endpoint_list_destroy(list);
 }
 
 // ---- requests ----
 
 void Plugin::Answer(const std::string& service, hxf_transaction_h transaction,
                     hxf_property_list_h result, hxf_error_e error) {
-  hxf_core_service_handler_send_request_result(handlers_[service], View(service), result,
-                                               transaction, error);
-  hxf_property_list_destroy(result);
+  SendResult(*FindService(service), transaction, result, error);
+}
+
+void Plugin::Notify(const std::string& service, hxf_property_list_h state) {
+  SendNotification(*FindService(service), state);
 }
 
 Device* Plugin::Target(const std::string& service, const std::string& device_id) {
@@ -478,11 +459,8 @@ void Plugin::Request(const std::string& service, hxf_transaction_h transaction,
   } else if (service == kAudio) {
     AudioRequest(operation, transaction, request.get(), device);
   } else {
-    Answer(
-        service, transaction,
-        hxf_plugin_kit::ErrorList(operation, "unknown operation " + operation + " (" +
-                                                 (service == kLights ? "get or set" : "get") + ")"),
-        HXF_ERROR_INVALID_PARAMETER);
+    RefuseOperation(*FindService(service), transaction, operation,
+                    service == kLights ? "get or set" : "get");
   }
 }
 
@@ -496,50 +474,6 @@ void Plugin::RetryPending() {
       pending_.push_back(std::move(pending));
     }
   }
-}
-
-// ---- the core's callbacks (its threads): copy, post, return ----
-
-void Plugin::OnSearch(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
-    plugin->Search(service);
-  });
-}
-
-void Plugin::OnSearchStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
-    plugin->SearchStop(service);
-  });
-}
-
-void Plugin::OnDeviceList(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
-    plugin->DeviceList(service, false);
-  });
-}
-
-void Plugin::OnListen(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
-    plugin->Listen(service);
-  });
-}
-
-void Plugin::OnListenStop(hxf_service_handler_h, hxf_string name, void* self) {
-  Self(self)->Post([plugin = Self(self), service = hxf_plugin_kit::CopyService(name)] {
-    plugin->listening_.erase(service);
-  });
-}
-
-void Plugin::OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
-                       hxf_property_list_h properties, void* self) {
-  Plugin* plugin = Self(self);
-  // The list is borrowed for this call only: keep a copy for the plugin thread.
-  List request(hxf_property_list_copy(properties), &hxf_property_list_destroy);
-  plugin->Post([plugin, handler, transaction, request] {
-    for (const auto& [name, candidate] : plugin->handlers_) {
-      if (candidate == handler) plugin->Request(name, transaction, request);
-    }
-  });
 }
 
 }  // namespace hxf_upnp

@@ -3,9 +3,9 @@
 // device), found and driven through GUPnP.
 //
 // Threads: every GLib, GSSDP, GUPnP and libsoup call runs on the plugin's own thread, which
-// runs its own GMainContext (the thread default there). The core's callbacks copy what they
-// need and post a task to that thread (Post); answers go back through the core's
-// hxf_core_service_handler_* functions, which any thread may call.
+// runs its own GMainContext (the thread default there). The core's callbacks are the plugin
+// kit's (Provider): they copy what they need and post a task to that thread (Post); answers
+// go back through the core's hxf_core_service_handler_* functions, which any thread may call.
 #pragma once
 
 #include <libgupnp/gupnp.h>
@@ -67,19 +67,26 @@ struct Device {
   }
 };
 
-class Plugin {
+// What the plugin keeps per service: whether a search or a listen runs.
+struct Activity {
+  bool searching = false;
+  bool listening = false;
+};
+
+class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
  public:
   static constexpr const char* kName = "upnp";
 
+  Plugin();
   // Starts the plugin thread, which sets everything up and reports the load result.
   void Start();
   // Returns once no plugin code runs any more and every handler is destroyed.
   void Stop();
 
  private:
-  using Task = std::function<void()>;
-  using List = std::shared_ptr<void>;  // an owned property list
-  struct Pending {                     // a request for a device not found yet
+  friend class hxf_plugin_kit::Provider<Plugin, Activity>;
+  using List = hxf_plugin_kit::List;
+  struct Pending {  // a request for a device not found yet
     std::string service;
     hxf_transaction_h transaction;
     List request;
@@ -112,14 +119,23 @@ class Plugin {
   void Forget(Device* device);
   void Report(const std::string& service, const Device& device, const char* presence);
 
-  void Search(const std::string& service);
-  void RescanWhileSearching(const std::string& service);
-  void SearchStop(const std::string& service);
-  void Listen(const std::string& service);
-  void DeviceList(const std::string& service, bool rescanned);
+  // The kit's hooks.
+  void OnSearch(Service& service);
+  void OnSearchStop(Service& service) { service.record.searching = false; }
+  void OnListen(Service& service);
+  void OnListenStop(Service& service) { service.record.listening = false; }
+  void OnDeviceList(Service& service) { ListDevices(service, false); }
+  void OnRequest(Service& service, hxf_transaction_h transaction, const List& request) {
+    Request(service.name, transaction, request);
+  }
+
+  void RescanWhileSearching(Service& service);
+  void ListDevices(Service& service, bool rescanned);
   void Request(const std::string& service, hxf_transaction_h transaction, const List& request);
+  // The kit's SendResult and SendNotification for the service named `service`.
   void Answer(const std::string& service, hxf_transaction_h transaction, hxf_property_list_h result,
               hxf_error_e error);
+  void Notify(const std::string& service, hxf_property_list_h state);
   Device* Target(const std::string& service, const std::string& device_id);
   void RetryPending();
 
@@ -157,7 +173,7 @@ class Plugin {
   // Runs steps[next...] in turn on the renderer `udn`, each result read into its state.
   void RunAudio(const std::string& udn, std::shared_ptr<const std::vector<AudioStep>> steps,
                 size_t next, AudioDone done);
-  // Runs `steps`, then reads the whole state back, and tells watchers if it is news.
+  // Runs `steps`, then reads the whole state back, and tells watchers what is news.
   void RunAndTell(const std::string& udn, std::vector<AudioStep> steps, AudioDone done);
   void AudioRequest(const std::string& operation, hxf_transaction_h transaction,
                     hxf_property_list_h request, Device* device);
@@ -165,18 +181,8 @@ class Plugin {
   void UnsubscribeAudio(Device* device);
   static void OnLastChange(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                            gpointer self);
+  // Tells watchers the renderer's state, unless they have been told it already.
   void NotifyAudio(Device& device);
-
-  // The core's callbacks: each copies what it needs and posts to the plugin thread.
-  static void OnSearch(hxf_service_handler_h, hxf_string name, void* self);
-  static void OnSearchStop(hxf_service_handler_h, hxf_string name, void* self);
-  static void OnDeviceList(hxf_service_handler_h, hxf_string name, void* self);
-  static void OnListen(hxf_service_handler_h, hxf_string name, void* self);
-  static void OnListenStop(hxf_service_handler_h, hxf_string name, void* self);
-  static void OnRequest(hxf_service_handler_h handler, hxf_transaction_h transaction,
-                        hxf_property_list_h properties, void* self);
-  static void OnSessionCreated(hxf_service_handler_h, hxf_service_session_h, void*) {}
-  static void OnAddDevice(hxf_service_handler_h, hxf_endpoint_h, void*) {}
 
   std::thread thread_;
   HXFramework::CMutex post_mutex_;  // for Post from any thread
@@ -185,15 +191,15 @@ class Plugin {
   std::thread::id plugin_thread_;  // set by Run before its first task
   int wake_fd_ = -1;  // an eventfd: made by Start, closed by Stop after the thread has ended
 
-  // Plugin thread only (the handlers are read by Stop after the thread has ended).
+  // Plugin thread only.
   GMainLoop* loop_ = nullptr;
   GSource* wake_source_ = nullptr;
   GCancellable* cancellable_ = nullptr;
   GUPnPContextManager* manager_ = nullptr;
   std::vector<GUPnPControlPoint*> control_points_;
   std::map<std::string, Device> devices_;  // by UDN
+  // Each service's handler (the kit's Service::handler), for code that calls the core itself.
   std::map<std::string, hxf_service_handler_h> handlers_;
-  std::set<std::string> searching_, listening_;
   std::vector<Pending> pending_;
   std::set<guint> sources_;  // timers still to run
 };

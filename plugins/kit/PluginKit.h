@@ -257,8 +257,9 @@ struct NoRecord {};
 //     kit's: it does nothing, and OnRequest refuses every operation.
 // A name that is neither a service of the plugin nor "S@PROVIDER" of one (a device added to
 // another service, say) is refused alike by every plugin: a log line, and nothing else happens.
-// The plugin calls AddService (from its thread, before it reports its load result),
-// DestroyServices (from Stop, once its thread has ended) and the helpers below from its thread.
+// The plugin calls AddService and the helpers below where its hooks run (a service may be
+// added before the load result is reported or later, once the plugin learns of it), and
+// DestroyServices from Stop, once its own thread has ended.
 template <typename Plugin, typename Record = NoRecord>
 class Provider {
  public:

@@ -38,7 +38,10 @@ CMqttClient::CMqttClient(sd_event* event, MqttSettings settings, Handlers handle
 
 CMqttClient::~CMqttClient() {
   io_.reset();
-  if (mosq_ != nullptr) mosquitto_destroy(mosq_);
+  if (mosq_ != nullptr) {
+    mosquitto_destroy(mosq_);
+    mosquitto_lib_cleanup();  // one front per process: its Start made the one mosquitto_lib_init
+  }
 }
 
 bool CMqttClient::Start(std::string* error) {

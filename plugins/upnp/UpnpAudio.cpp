@@ -254,8 +254,9 @@ std::string CheckRequest(const std::string& operation, hxf_property_list_h reque
   return "";
 }
 
-hxf_property_list_h StateList(const std::string& name, const Device& device) {
-  const AudioState& state = device.renderer.state;
+// A list named `name`: the device's id and `state` (the whole state, or what watchers are told).
+hxf_property_list_h StateList(const std::string& name, const Device& device,
+                              const AudioState& state) {
   hxf_property_list_h list = hxf_property_list_create(hxf_plugin_kit::View(name));
   Push(list, audio::kDeviceId, device.endpoint.id);
   if (state.volume) Push(list, audio::kVolume, *state.volume);
@@ -268,7 +269,7 @@ hxf_property_list_h StateList(const std::string& name, const Device& device) {
   return list;
 }
 
-// What watchers are told of: the state but its running clock.
+// What watchers are told of: the state but its running clock, which only answers carry.
 AudioState Notified(AudioState state) {
   state.position.reset();
   return state;
@@ -415,18 +416,11 @@ void Plugin::RunAudio(const std::string& udn, std::shared_ptr<const std::vector<
 }
 
 void Plugin::RunAndTell(const std::string& udn, std::vector<AudioStep> steps, AudioDone done) {
-  const auto found = devices_.find(udn);
-  const AudioState before = found != devices_.end() ? found->second.renderer.state : AudioState{};
   AppendReads(&steps);
   RunAudio(udn, std::make_shared<const std::vector<AudioStep>>(std::move(steps)), 0,
-           [this, udn, before, done](const std::string& failed, const GError* error) {
-             const auto again = devices_.find(udn);
-             if (again != devices_.end()) {
-               Renderer& renderer = again->second.renderer;
-               if (!renderer.announced ||
-                   Notified(renderer.state) != Notified(before))
-                 NotifyAudio(again->second);
-             }
+           [this, udn, done](const std::string& failed, const GError* error) {
+             const auto found = devices_.find(udn);
+             if (found != devices_.end()) NotifyAudio(found->second);
              done(failed, error);
            });
 }
@@ -498,8 +492,9 @@ void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transa
                  CallFailed(kAudio, operation, transaction, failed, error, udn);
                  return;
                }
-               Answer(kAudio, transaction, StateList(operation, devices_.at(udn)),
-                      HXF_ERROR_NONE);
+               const Device& answered = devices_.at(udn);
+               Answer(kAudio, transaction,
+                      StateList(operation, answered, answered.renderer.state), HXF_ERROR_NONE);
              });
 }
 
@@ -543,16 +538,18 @@ void Plugin::OnLastChange(GUPnPServiceProxy* proxy, const char*, GValue* value, 
     if (!problem.empty())
       dlog_print(DLOG_WARN, kTag, "upnp: LastChange of %s %s: %s\n", udn.c_str(),
                  read ? "partly refused" : "refused", problem.c_str());
-    const bool news = Notified(next) != Notified(renderer.state);
     renderer.state = next;
-    if (news) plugin->NotifyAudio(device);
+    plugin->NotifyAudio(device);
     return;
   }
 }
 
 void Plugin::NotifyAudio(Device& device) {
-  device.renderer.announced = true;
-  hxf_property_list_h state = StateList(audio::kState, device);
+  Renderer& renderer = device.renderer;
+  const AudioState told = Notified(renderer.state);
+  if (renderer.told == told) return;  // nothing new
+  renderer.told = told;
+  hxf_property_list_h state = StateList(audio::kState, device, told);
   hxf_core_service_handler_notify(handlers_[kAudio], hxf_string_from_cstr(kAudio), state, nullptr,
                                   HXF_ERROR_NONE);
   hxf_property_list_destroy(state);

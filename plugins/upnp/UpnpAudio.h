@@ -35,7 +35,8 @@ struct Renderer {
   GUPnPServiceProxy* rendering = nullptr;  // RenderingControl
   GUPnPServiceProxy* transport = nullptr;  // AVTransport
   AudioState state;
-  bool announced = false;  // its state has been told to watchers once
+  // What watchers were told last (without the position), once they have been told.
+  std::optional<AudioState> told;
 };
 // Fills `renderer` when the device of `device_type` is a MediaRenderer with both services.
 void FindRenderer(GUPnPDeviceInfo* info, const std::string& device_type, Renderer* renderer);

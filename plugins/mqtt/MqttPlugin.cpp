@@ -312,12 +312,20 @@ void Plugin::OnConnected(int rc) {
   backoff_ = std::chrono::milliseconds(1000);
   dlog_print(DLOG_INFO, kTag, "mqtt: connected to %s:%d as node %s\n", config_.url.host.c_str(),
              config_.url.port, config_.node.c_str());
+  // Not from inside libmosquitto's callback, which holds its own locks: publishing there takes
+  // them in the order opposite to mosquitto_loop_misc's (ThreadSanitizer's lock-order report;
+  // only this thread takes them, but one order is kept all the same).
+  Post([this] { Subscribe(); });
+}
+
+void Plugin::Subscribe() {
+  if (!connected_) return;
   const std::string status = config_.prefix + "/+/status";
   const std::string device = config_.prefix + "/+/+/+/" + hxf_tool::kMqttDeviceLeaf;
   const std::string state = config_.prefix + "/+/+/+/" + hxf_tool::kMqttStateLeaf;
   char* topics[] = {const_cast<char*>(status.c_str()), const_cast<char*>(device.c_str()),
                     const_cast<char*>(state.c_str()), const_cast<char*>(reply_topic_.c_str())};
-  rc = mosquitto_subscribe_multiple(mosq_, nullptr, 4, topics, 1, 0, nullptr);
+  int rc = mosquitto_subscribe_multiple(mosq_, nullptr, 4, topics, 1, 0, nullptr);
   // The broker sends the retained topics of a subscription before what is published after
   // it: the probe's return on the reply topic says that they have all come.
   const std::string mark = kSyncMark + std::to_string(connection_);

@@ -101,6 +101,8 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, ServiceRecord> {
   void Finish();
 
   void OnConnected(int rc);
+  // Subscribes to the other nodes' topics and sends the probe that ends their retained ones.
+  void Subscribe();
   void OnDisconnected(int rc);
   void OnMessage(const mosquitto_message* message, const mosquitto_property* properties);
   void OnSynced(uint64_t connection);

@@ -50,6 +50,14 @@ expect_code() { [ "$code" = "$1" ] || fail "exit code $code, expected $1"; }
 # stdout is exactly the lines given.
 expect_out() { diff <(printf '%s\n' "$@") "$work/hxf.out" >"$work/diff.log" || fail "stdout differs"; }
 expect_err() { grep -q -- "$1" "$work/hxf.err" || fail "stderr lacks: $1"; }
+# Stops the hxf started in the background with Ctrl-C: it ends as interrupted (130), and a
+# sanitizer's report would have ended it otherwise.
+interrupt() {
+  kill -INT "$1"
+  wait "$1"
+  local stopped=$?
+  [ "$stopped" = 130 ] || fail "hxf ended with $stopped, not 130, when interrupted"
+}
 # Starts hxf in the background with its output in $work/NAME.out and .err; its PID in $bg.
 start_hxf() {
   local name=$1
@@ -134,8 +142,7 @@ case $case_name in
     run request lights set device=den/lamp-1 brightness=40 power=false
     expect_code 0
     await_line "$work/watch.out" 30 '^  power +false$'
-    kill -INT "$watch_pid"
-    wait "$watch_pid"
+    interrupt "$watch_pid"
     diff <(printf '%s\n' "notification from lights (state)" "  device_id   den/lamp-1" \
       "  brightness  40" "  power       false") "$work/watch.out" >"$work/diff.log" ||
       fail "watch printed other lines"
@@ -152,8 +159,7 @@ case $case_name in
     # It comes back: so do they.
     start_node
     await_line "$work/listen.out" 30 'arrived.*den/lamp-1'
-    kill -INT "$listen_pid"
-    wait "$listen_pid"
+    interrupt "$listen_pid"
     run devices lights
     expect_code 0
     expect_out "${table[@]}"
@@ -169,8 +175,7 @@ case $case_name in
     await_line "$work/listen.out" 30 'left.*den/mute-1'
     pub -r -t hxf/den/lights/spot-1/device -m "$(device_json spot-1 'Spot' 192.168.1.24)"
     await_line "$work/listen.out" 30 'arrived.*den/spot-1'
-    kill -INT "$listen_pid"
-    wait "$listen_pid"
+    interrupt "$listen_pid"
     ;;
   bad-payloads)
     # Each refused with a log line; the good devices stay.

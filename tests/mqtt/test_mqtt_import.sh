@@ -212,6 +212,28 @@ case $case_name in
       "$work/request.err" || fail "no broken-connection error"
     [ "$(grep -c 'failed' "$work/request.err")" = 1 ] || fail "answered more than once"
     ;;
+  credentials)
+    # A broker that knows only its users: the plugin gives HXF_MQTT_USER and the first line of
+    # HXF_MQTT_PASSWORD_FILE; without them it is refused, says so, and offers nothing.
+    mosquitto_passwd -b -c "$work/passwd" tv tv-secret >/dev/null || fail "mosquitto_passwd"
+    mosquitto_passwd -b "$work/passwd" den den-secret >/dev/null
+    secure_port=$(free_port)
+    write_broker_conf "$work/secure.conf" "$secure_port" "allow_anonymous false" "password_file $work/passwd"
+    start_broker "$work/secure.conf" secure
+    port=$secure_port
+    pub -u den -P den-secret -r -t hxf/den/status -m online
+    pub -u den -P den-secret -r -t hxf/den/lights/lamp-1/device -m "$(device_json lamp-1 'Desk lamp' 192.168.1.21)"
+    printf 'tv-secret\n' >"$work/password"
+    export HXF_MQTT_URL="mqtt://127.0.0.1:$secure_port" HXF_MQTT_USER=tv HXF_MQTT_PASSWORD_FILE="$work/password"
+    run devices lights
+    expect_code 0
+    expect_out "DEVICE      NAME       SERVICE  ADDRESS       INTERFACE" \
+      "den/lamp-1  Desk lamp  lights   192.168.1.21  wlan0/wifi"
+    unset HXF_MQTT_USER HXF_MQTT_PASSWORD_FILE
+    run devices lights --timeout 300
+    expect_code 1
+    expect_err "mqtt: the broker refused the connection: Not authorized"
+    ;;
   no-broker)
     # No broker at the URL: the plugin loads, keeps trying, and offers nothing meanwhile.
     kill -9 "$broker_pid"

@@ -150,6 +150,42 @@ print("heard strip-1" if "strip-1" in heard else "silence")
 PY
     grep -qx 'heard strip-1' "$work/notes.out" || fail "the session did not hear the second provider"
     ;;
+  a-session-hears-each-notification-once-beside-a-provider-without-the-convention)
+    # The fixture threadleft offers lights without "lights@threadleft": the session's requests
+    # still reach the simulator through lights@sim, and its notifications come once each (the
+    # simulator's lamp drifts: every notification carries a new level).
+    cat >"$work/live.json" <<'JSON'
+{ "devices": [ {"id": "lamp-1", "service": "lights", "properties": [
+    {"name": "level", "type": "double", "value": 0.0, "min": 0, "max": 100,
+     "drift": {"step": 1, "every_ms": 100}}]} ] }
+JSON
+    HXF_SIM_CONFIG="$work/live.json" start_hxfd sim threadleft
+    "$python" - "$address" >"$work/notes.out" 2>"$work/notes.err" <<'PY' || fail "python failed"
+import sys, dbus, dbus.mainloop.glib
+from gi.repository import GLib
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.bus.BusConnection(sys.argv[1])
+broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
+path = broker.Subscribe("lights")
+loop = GLib.MainLoop()
+levels = []
+def on_note(operation, properties, error):
+    levels.append(float(properties.get("level", -1)))
+    if len(levels) >= 8:
+        loop.quit()
+bus.add_signal_receiver(on_note, "Notification", "org.hxf.Session1", None, path)
+GLib.timeout_add(5000, loop.quit)
+loop.run()
+print("levels " + " ".join("%g" % level for level in levels))
+PY
+    read -r -a heard <<<"$(sed -n 's/^levels //p' "$work/notes.out")"
+    [ "${#heard[@]}" -ge 8 ] || fail "fewer than 8 notifications in 5 s"
+    for ((i = 1; i < ${#heard[@]}; ++i)); do
+      [ "${heard[i]}" != "${heard[i - 1]}" ] || fail "a notification came twice: ${heard[*]}"
+    done
+    get lamp-1 >"$work/lamp.out" 2>"$work/lamp.err" || fail "lamp-1 refused"
+    grep -q '"device_id" s "lamp-1"' "$work/lamp.out" || fail "lamp-1 not answered"
+    ;;
   *)
     fail "unknown case"
     ;;

@@ -151,9 +151,11 @@ PY
     grep -qx 'heard strip-1' "$work/notes.out" || fail "the session did not hear the second provider"
     ;;
   a-session-hears-each-notification-once-beside-a-provider-without-the-convention)
-    # The fixture threadleft offers lights without "lights@threadleft": the session's requests
-    # still reach the simulator through lights@sim, and its notifications come once each (the
-    # simulator's lamp drifts: every notification carries a new level).
+    # The fixture threadleft offers lights without "lights@threadleft", loaded after the
+    # simulator: the session's requests still reach the simulator through lights@sim, and its
+    # notifications come once each (the simulator's lamp drifts: every notification carries a
+    # new level). Loaded before the simulator, the session's own "lights" lands on the
+    # simulator's handler too and hears it twice: not covered yet.
     cat >"$work/live.json" <<'JSON'
 { "devices": [ {"id": "lamp-1", "service": "lights", "properties": [
     {"name": "level", "type": "double", "value": 0.0, "min": 0, "max": 100,

@@ -145,7 +145,15 @@ void CMqttClient::Lost(int rc) {
                  static_cast<unsigned long long>(backoff_ms_));
   last_reason_ = static_cast<uint64_t>(rc);
   backoff_ms_ = std::min(backoff_ms_ * 2, kMaxBackoffMs);
-  if (was_connected && handlers_.disconnected) handlers_.disconnected();
+  if (was_connected && handlers_.disconnected) deferred_.push_back(handlers_.disconnected);
+}
+
+void CMqttClient::Drain() {
+  while (!deferred_.empty()) {
+    const std::function<void()> handler = std::move(deferred_.front());
+    deferred_.pop_front();
+    handler();
+  }
 }
 
 void CMqttClient::Flush() {
@@ -188,6 +196,7 @@ int CMqttClient::OnIo(sd_event_source*, int, uint32_t revents, void* self) {
   // libmosquitto closed the socket and called OnDisconnect, or the attempt failed before it
   // had a connection to lose.
   if (rc != MOSQ_ERR_SUCCESS && client->socket_open_) client->Lost(rc);
+  client->Drain();
   return 0;
 }
 
@@ -196,6 +205,7 @@ int CMqttClient::OnTick(sd_event_source* source, uint64_t, void* self) {
   if (client->socket_open_) {
     const int rc = mosquitto_loop_misc(client->mosq_);  // pings, and a broker that went quiet
     if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN && client->socket_open_) client->Lost(rc);
+    client->Drain();
   } else if (client->retry_at_us_ != 0 && Now(client->event_) >= client->retry_at_us_) {
     client->Connect();
   }
@@ -215,14 +225,14 @@ void CMqttClient::OnConnect(mosquitto*, void* self, int rc, int, const mosquitto
     // Refused (credentials, authorisation): libmosquitto leaves the socket to us.
     std::fprintf(stderr, "hxfd: mqtt: %s refused the connection: %s\n",
                  Url(client->settings_.url).c_str(), mosquitto_reason_string(rc));
-    mosquitto_disconnect(client->mosq_);
+    client->deferred_.push_back([client] { mosquitto_disconnect(client->mosq_); });
     return;
   }
   client->connected_ = true;
   client->backoff_ms_ = 1000;
   client->last_reason_ = UINT64_MAX - 1;
   std::fprintf(stderr, "hxfd: mqtt: connected to %s\n", Url(client->settings_.url).c_str());
-  if (client->handlers_.connected) client->handlers_.connected();
+  if (client->handlers_.connected) client->deferred_.push_back(client->handlers_.connected);
 }
 
 void CMqttClient::OnDisconnect(mosquitto*, void* self, int rc, const mosquitto_property*) {
@@ -252,7 +262,8 @@ void CMqttClient::OnMessage(mosquitto*, void* self, const mosquitto_message* mes
     copy.correlation.assign(static_cast<const char*>(correlation), length);
     free(correlation);
   }
-  if (client->handlers_.message) client->handlers_.message(copy);
+  if (client->handlers_.message)
+    client->deferred_.push_back([client, copy = std::move(copy)] { client->handlers_.message(copy); });
 }
 
 }  // namespace hxfd

@@ -8,6 +8,7 @@
 #include <systemd/sd-event.h>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 
@@ -65,6 +66,9 @@ class CMqttClient {
   void Watch();        // the IO source on the current socket
   void Lost(int rc);   // the connection is gone: retry later
   void Flush();        // sends what libmosquitto queued
+  // Runs the handlers the callbacks deferred. libmosquitto calls back holding a lock of its
+  // own, which its publish takes after others: a handler that publishes runs here, after it.
+  void Drain();
   static int OnIo(sd_event_source*, int fd, uint32_t revents, void* self);
   static int OnTick(sd_event_source*, uint64_t, void* self);
   static int OnPost(sd_event_source*, void* self);
@@ -76,6 +80,7 @@ class CMqttClient {
   sd_event* event_;
   const MqttSettings settings_;
   const Handlers handlers_;
+  std::deque<std::function<void()>> deferred_;
   mosquitto* mosq_ = nullptr;
   hxf_tool::EventSource io_, tick_, post_;
   int io_fd_ = -1;

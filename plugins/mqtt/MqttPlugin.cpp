@@ -220,6 +220,7 @@ void Plugin::Run() {
 }
 
 void Plugin::Finish() {
+  finished_ = true;
   FailAll("the MQTT import plugin was unloaded while the request ran");
   if (connected_) {
     connected_ = false;  // a clean stop: no line about a lost connection
@@ -341,9 +342,15 @@ void Plugin::Subscribe() {
 }
 
 void Plugin::OnDisconnected(int rc) {
-  if (connected_)
-    dlog_print(DLOG_WARN, kTag, "mqtt: the connection to the MQTT broker was lost: %s\n",
-               mosquitto_strerror(rc));
+  if (finished_) return;  // the plugin's own disconnection
+  const char* why = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
+  if (connected_) {
+    dlog_print(DLOG_WARN, kTag, "mqtt: the connection to the MQTT broker was lost: %s\n", why);
+  } else {
+    // Refused before the broker's answer: a TLS handshake, say.
+    dlog_print(DLOG_WARN, kTag, "mqtt: cannot connect to %s:%d: %s\n", config_.url.host.c_str(),
+               config_.url.port, why);
+  }
   connected_ = false;
   FailAll("the connection to the MQTT broker was lost while the request ran");
   ScheduleReconnect();

@@ -234,6 +234,32 @@ case $case_name in
     expect_code 1
     expect_err "mqtt: the broker refused the connection: Not authorized"
     ;;
+  tls)
+    # A TLS listener that wants a client certificate from the test's own CA: the plugin
+    # connects with HXF_MQTT_CAFILE, HXF_MQTT_CERT and HXF_MQTT_KEY; without a certificate it
+    # is refused, says so, and offers nothing.
+    command -v openssl >/dev/null || skip "openssl is missing (scripts/install-deps.sh mqtt)"
+    make_test_ca "$work" tv
+    chmod 644 "$work"/*.key  # the broker reads them as the user it drops to
+    # Its plain listener is the remote node's.
+    port=$(free_port)
+    tls_port=$(free_port)
+    write_broker_conf "$work/tls.conf" "$port" "listener $tls_port 127.0.0.1" "cafile $work/ca.crt" \
+      "certfile $work/server.crt" "keyfile $work/server.key" "require_certificate true"
+    start_broker "$work/tls.conf" tls
+    pub -r -t hxf/den/status -m online
+    pub -r -t hxf/den/lights/lamp-1/device -m "$(device_json lamp-1 'Desk lamp' 192.168.1.21)"
+    export HXF_MQTT_URL="mqtts://127.0.0.1:$tls_port" HXF_MQTT_CAFILE="$work/ca.crt"
+    export HXF_MQTT_CERT="$work/client.crt" HXF_MQTT_KEY="$work/client.key"
+    run devices lights
+    expect_code 0
+    expect_out "DEVICE      NAME       SERVICE  ADDRESS       INTERFACE" \
+      "den/lamp-1  Desk lamp  lights   192.168.1.21  wlan0/wifi"
+    unset HXF_MQTT_CERT HXF_MQTT_KEY
+    run --log-level info devices lights --timeout 300
+    expect_code 1
+    expect_err "mqtt: cannot connect to 127.0.0.1:$tls_port"
+    ;;
   no-broker)
     # No broker at the URL: the plugin loads, keeps trying, and offers nothing meanwhile.
     kill -9 "$broker_pid"

@@ -33,3 +33,16 @@ start_broker() {
   pids+=("$broker_pid")
   await_line "$work/$2.log" 10 'mosquitto version .* running'
 }
+# make_test_ca DIR CLIENT: a CA of the test's own (DIR/ca.crt), a certificate it signs for a broker
+# on 127.0.0.1 (DIR/server.crt, .key) and one for the client CLIENT (DIR/client.crt, .key).
+make_test_ca() {
+  (
+    cd "$1" || exit 1
+    openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=test-ca -keyout ca.key -out ca.crt
+    openssl req -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout server.key -out server.csr
+    printf 'subjectAltName=IP:127.0.0.1\n' >server.ext
+    openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 1 -extfile server.ext -out server.crt
+    openssl req -newkey rsa:2048 -nodes -subj "/CN=$2" -keyout client.key -out client.csr
+    openssl x509 -req -in client.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 1 -out client.crt
+  ) >"$work/openssl.log" 2>&1 || fail "openssl could not make the certificates"
+}

@@ -7,6 +7,8 @@
 #   - the docs target builds without a warning (Doxygen fails on any), the man page renders;
 #   - both examples build against the prefix, through pkg-config and through find_package,
 #     and run together: the consumer gets its greeting from the example plugin;
+#   - the C++ example on the plugin kit (examples/kit) builds through find_package and
+#     hxf::plugin-kit, exports its entry points only, and the installed hxf loads it by path;
 #   - the installed hxf tool finds the simulator's devices.
 #   - the installed D-Bus service file starts the installed hxfd when a caller names it.
 #   - hxfd's system-bus files are there (bus policy, activation, systemd unit, sysusers.d, the
@@ -140,5 +142,16 @@ cmake --build "$work/cm" >/dev/null
 cmake --install "$work/cm" >/dev/null
 "$work/cm/hxf-example-consumer" cmake | tee "$work/cm.out"
 grep -qx "greeter-1 says: hello, cmake" "$work/cm.out" || fail "no greeting (find_package)"
+
+echo "--- a C++ plugin on the installed plugin kit (find_package, hxf::plugin-kit)" >&2
+cmake -S examples/kit -B "$work/kit" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/kit" >/dev/null
+kit_plugin=$work/kit/libhxf-plugin-counters.so
+kit_exports=$(nm -D --defined-only "$kit_plugin" | awk '$2 != "A" {print $3}' | sort | tr '\n' ' ')
+[ "$kit_exports" = 'CreatePlugin@@HXF_PLUGIN DestroyPlugin@@HXF_PLUGIN ' ] ||
+  fail "the kit's example exports more than its entry points: $kit_exports"
+"$prefix/bin/hxf" --plugin "$kit_plugin" request counters add device=counter-1 amount=3 |
+  tee "$work/kit.out"
+grep -q '^  count  *3$' "$work/kit.out" || fail "the kit's example did not count"
 
 echo "install check passed" >&2

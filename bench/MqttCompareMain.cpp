@@ -51,9 +51,22 @@ struct Sizes {
 } g_sizes;
 
 int g_port = 0;
+// The children, stopped on every way out: the parent-death signal does not reach one that
+// changed its user.
+std::vector<pid_t> g_children;
+
+void StopChildren() {
+  // The last started first: hxfd, then the broker.
+  for (auto pid = g_children.rbegin(); pid != g_children.rend(); ++pid) {
+    kill(*pid, SIGTERM);
+    waitpid(*pid, nullptr, 0);
+  }
+  g_children.clear();
+}
 
 [[noreturn]] void Fail(const std::string& what) {
   std::fprintf(stderr, "mqtt_compare: %s\n", what.c_str());
+  StopChildren();
   std::exit(1);
 }
 
@@ -85,6 +98,7 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& log) {
     execvp(args[0], args.data());
     _exit(127);
   }
+  g_children.push_back(pid);
   return pid;
 }
 
@@ -297,9 +311,11 @@ int main(int argc, char** argv) {
   const std::string work = folder;
   g_port = FreePort();
   std::ofstream(work + "/broker.conf") << "listener " << g_port << " 127.0.0.1\n"
-                                       << "allow_anonymous true\npersistence false\nset_tcp_nodelay true\n";
+                                       << "allow_anonymous true\npersistence false\nset_tcp_nodelay true\n"
+                                       // Run as root, Mosquitto would change its user.
+                                       << (getuid() == 0 ? "user root\n" : "");
   mosquitto_lib_init();
-  const pid_t broker = Spawn({mosquitto_path, "-c", work + "/broker.conf"}, work + "/broker.log");
+  Spawn({mosquitto_path, "-c", work + "/broker.conf"}, work + "/broker.log");
   // The broker is up once a client gets in.
   {
     const auto deadline = Clock::now() + std::chrono::seconds(10);
@@ -311,8 +327,7 @@ int main(int argc, char** argv) {
     mosquitto_disconnect(probe);
     mosquitto_destroy(probe);
   }
-  const pid_t daemon =
-      Spawn({hxfd, "--config", "/dev/null", "--node", "bench", "--mqtt",
+  Spawn({hxfd, "--config", "/dev/null", "--node", "bench", "--mqtt",
              "mqtt://127.0.0.1:" + std::to_string(g_port)},
             work + "/hxfd.log");
   {
@@ -345,10 +360,7 @@ int main(int argc, char** argv) {
       }
     }
   }
-  kill(daemon, SIGTERM);
-  waitpid(daemon, nullptr, 0);
-  kill(broker, SIGTERM);
-  waitpid(broker, nullptr, 0);
+  StopChildren();
   std::system(("rm -rf " + work).c_str());
 
   const double floor_median = Median(floor.round_trip_us), front_median = Median(front.round_trip_us);

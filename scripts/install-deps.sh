@@ -17,6 +17,9 @@
 #   dbus        + sd-bus (hxfd), and the real D-Bus parts its tests use: dbus-daemon, busctl,
 #                 gdbus, python3-dbus, the stock system-bus configuration, runuser (callers
 #                 as nobody) and systemd-analyze (the system unit)
+#   mqtt        + libmosquitto (hxfd's MQTT front) and the real MQTT parts its tests use:
+#                 Mosquitto, mosquitto_sub/_pub, python3-paho-mqtt and openssl (a test CA);
+#                 the Mosquitto service is kept from starting like minidlna
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
@@ -32,6 +35,8 @@ for group in "$@"; do
       gstreamer1.0-plugins-good sox python3) ;;
     dbus) packages+=(pkg-config libsystemd-dev dbus-daemon systemd libglib2.0-bin python3-dbus
       python3-gi dbus-system-bus-common util-linux) ;;
+    mqtt) packages+=(pkg-config libmosquitto-dev mosquitto mosquitto-clients python3-paho-mqtt
+      openssl) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done

@@ -7,7 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(dev)
-groups=(tests upnp dbus)  # upnp, dbus: the UPnP plugin and hxfd, and the real peers of their tests
+groups=(tests upnp dbus mqtt)  # upnp, dbus, mqtt: the UPnP plugin, hxfd and its MQTT front,
+# and the real peers of their tests
 for preset in "${presets[@]}"; do
   case "$preset" in asan | tsan) groups+=(sanitizers) ;; install) groups+=(install) ;; esac
 done

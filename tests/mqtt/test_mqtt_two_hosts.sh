@@ -134,4 +134,6 @@ case $case_name in
     fail "unknown case"
     ;;
 esac
+# hxfd runs until the end: a sanitizer's report in its output is a failure too.
+! grep -q 'Sanitizer' "$work/hxfd.err" || fail "hxfd's sanitizer report"
 echo "PASS [$case_name]"

@@ -427,18 +427,22 @@ void Plugin::OnSynced(uint64_t connection) {
   }
 }
 
-void Plugin::OnStatus(const Message& message) {
-  auto found = nodes_.find(message.node);
-  if (found == nodes_.end()) {
-    if (!message.online) return;
-    if (nodes_.size() >= kMaxNodes) {
-      dlog_print(DLOG_WARN, kTag, "mqtt: node %s ignored: %zu nodes known already\n",
-                 message.node.c_str(), kMaxNodes);
-      return;
-    }
-    found = nodes_.emplace(message.node, Node()).first;
+Plugin::Node* Plugin::Admit(const std::string& node_id) {
+  auto found = nodes_.find(node_id);
+  if (found != nodes_.end()) return &found->second;
+  if (nodes_.size() >= kMaxNodes) {
+    dlog_print(DLOG_WARN, kTag, "mqtt: node %s ignored: %zu nodes known already\n",
+               node_id.c_str(), kMaxNodes);
+    return nullptr;
   }
-  Node& node = found->second;
+  return &nodes_.emplace(node_id, Node()).first->second;
+}
+
+void Plugin::OnStatus(const Message& message) {
+  if (!message.online && nodes_.count(message.node) == 0) return;
+  Node* admitted = Admit(message.node);
+  if (admitted == nullptr) return;
+  Node& node = *admitted;
   node.seen = connection_;
   if (node.online == message.online) return;
   if (!message.online) {
@@ -452,16 +456,9 @@ void Plugin::OnStatus(const Message& message) {
 }
 
 void Plugin::OnDevice(Message message) {
-  auto found = nodes_.find(message.node);
-  if (found == nodes_.end()) {
-    if (nodes_.size() >= kMaxNodes) {
-      dlog_print(DLOG_WARN, kTag, "mqtt: node %s ignored: %zu nodes known already\n",
-                 message.node.c_str(), kMaxNodes);
-      return;
-    }
-    found = nodes_.emplace(message.node, Node()).first;
-  }
-  Node& node = found->second;
+  Node* admitted = Admit(message.node);
+  if (admitted == nullptr) return;
+  Node& node = *admitted;
   const auto key = std::make_pair(message.service, message.device);
   auto device = node.devices.find(key);
   if (device == node.devices.end()) {

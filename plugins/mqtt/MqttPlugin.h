@@ -107,6 +107,8 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, ServiceRecord> {
   void OnMessage(const mosquitto_message* message, const mosquitto_property* properties);
   void OnSynced(uint64_t connection);
   void OnAnswer(const std::string& correlation, const std::string& payload);
+  // The node of that id, made if it is new and the node limit allows; null (logged) if not.
+  Node* Admit(const std::string& node_id);
   void OnStatus(const Message& message);
   void OnDevice(Message message);
   void OnDeparture(const Message& message);

@@ -492,9 +492,14 @@ void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transa
                  CallFailed(kAudio, operation, transaction, failed, error, udn);
                  return;
                }
-               const Device& answered = devices_.at(udn);
+               const auto answered = devices_.find(udn);
+               if (answered == devices_.end()) {
+                 CallFailed(kAudio, operation, transaction, "the device is gone", nullptr, udn);
+                 return;
+               }
                Answer(kAudio, transaction,
-                      StateList(operation, answered, answered.renderer.state), HXF_ERROR_NONE);
+                      StateList(operation, answered->second, answered->second.renderer.state),
+                      HXF_ERROR_NONE);
              });
 }
 

@@ -87,7 +87,7 @@ void Plugin::Call(GUPnPServiceProxy* proxy, const char* name, GUPnPServiceProxyA
 void Plugin::CallFailed(const std::string& service, const std::string& operation,
                         hxf_transaction_h transaction, const std::string& what, const GError* error,
                         const std::string& udn) {
-  std::string text = what + ": " + (error != nullptr ? error->message : "no answer");
+  std::string text = error != nullptr ? what + ": " + error->message : what;
   // A SOAP fault: the device's own error code (701 for a transition it cannot make...).
   if (error != nullptr && error->domain == GUPNP_CONTROL_ERROR)
     text += " (UPnP error " + std::to_string(error->code) + ")";
@@ -143,7 +143,12 @@ void Plugin::ReadLight(const std::string& udn, ReadDone done) {
            read->done("", nullptr, read->changed);
          });
   };
-  Call(devices_.at(udn).power, "GetStatus", gupnp_service_proxy_action_new("GetStatus", nullptr),
+  const auto device = devices_.find(udn);
+  if (device == devices_.end()) {  // a byebye (or a failed probe) came while a call was out
+    read->done("the device is gone", nullptr, false);
+    return;
+  }
+  Call(device->second.power, "GetStatus", gupnp_service_proxy_action_new("GetStatus", nullptr),
        [this, read, level](GUPnPServiceProxyAction* action, const GError* error) {
          gboolean on = FALSE;
          GError* read_error = nullptr;

@@ -78,6 +78,51 @@ case "$case_name" in
     "${hxf_upnp[@]}" request lights set power=false >"$work/off.out" 2>"$work/off.err" || fail "set power=false failed"
     grep -q '^  power  *false$' "$work/off.out" || fail "power is not off"
     ;;
+  set-while-the-light-leaves)
+    # A set whose SOAP call is out when the light says byebye: the answer that comes after
+    # the light left is told as the device being gone (it aborted the plugin's process once:
+    # map::at). hxfd holds the plugin, so the light can be stopped once it is known.
+    start_light
+    # shellcheck source=../support/private_bus.sh
+    source "$(dirname "$0")/../support/private_bus.sh"
+    write_bus_conf "$work/bus.conf" "$work/bus"
+    dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
+      2>"$work/daemon.err" &
+    pids+=($!)
+    await_line "$work/address" 10 '^unix:'
+    bus=$(head -1 "$work/address")
+    "${in_tv[@]}" "$(dirname "$hxf")/../hxfd/hxfd" --address "$bus" --plugin upnp --log-level debug \
+      --config /dev/null >"$work/hxfd.out" 2>"$work/hxfd.err" &
+    hxfd_pid=$!
+    pids+=($hxfd_pid)
+    await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'
+    "${in_tv[@]}" "$hxf" --bus "$bus" --json search lights --timeout 10000 >"$work/search.out" \
+      2>"$work/search.err" || fail "the light was not found"
+    udn=$(grep -o '"device_id":"uuid:[^"]*"' "$work/search.out" | head -1 | cut -d'"' -f4)
+    [ -n "$udn" ] || fail "no device id in the search"
+    kill -STOP "$light_pid"
+    "${in_tv[@]}" "$hxf" --bus "$bus" request lights set device="$udn" power=true \
+      >"$work/set.out" 2>"$work/set.err" &
+    set_pid=$!
+    pids+=($set_pid)
+    await_line "$work/hxfd.err" 15 'upnp: SOAP SetTarget to '
+    # The light is stopped, so the byebye is the test's: one SSDP NOTIFY from the light's side.
+    "${in_dev[@]}" python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(sys.argv[2]))
+msg = ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\n"
+       "NTS: ssdp:byebye\r\nUSN: %s::upnp:rootdevice\r\n\r\n" % sys.argv[1])
+for _ in range(3): s.sendto(msg.encode(), ("239.255.255.250", 1900))
+' "$udn" "$dev_address" || fail "cannot send the byebye"
+    await_line "$work/hxfd.err" 10 "upnp: Hall light \\($udn\\) is gone"
+    kill -CONT "$light_pid"
+    wait "$set_pid"
+    code=$?
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    grep -qxF 'hxf: set on lights failed: the device is gone (error 2: HXF_ERROR_OPERATION_FAILED)' "$work/set.err" || fail "no answer naming the departure"
+    kill -0 "$hxfd_pid" 2>/dev/null || fail "hxfd is gone"
+    ;;
   refuse)
     start_light
     "${hxf_upnp[@]}" --log-level debug request lights set brightness=150 >"$work/refuse.out" 2>"$work/refuse.err"

@@ -554,10 +554,7 @@ void Plugin::NotifyAudio(Device& device) {
   const AudioState told = Notified(renderer.state);
   if (renderer.told == told) return;  // nothing new
   renderer.told = told;
-  hxf_property_list_h state = StateList(audio::kState, device, told);
-  hxf_core_service_handler_notify(handlers_[kAudio], hxf_string_from_cstr(kAudio), state, nullptr,
-                                  HXF_ERROR_NONE);
-  hxf_property_list_destroy(state);
+  Notify(kAudio, StateList(audio::kState, device, told));
 }
 
 }  // namespace hxf_upnp

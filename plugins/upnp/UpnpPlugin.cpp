@@ -138,9 +138,7 @@ void Plugin::Run() {
 
 bool Plugin::Setup() {
   for (const char* name : kServices) {
-    const Service* service = AddService(name);
-    if (service == nullptr) return false;
-    handlers_[name] = service->handler;
+    if (AddService(name) == nullptr) return false;
   }
   cancellable_ = g_cancellable_new();
   manager_ = gupnp_context_manager_create_full(GSSDP_UDA_VERSION_1_0, G_SOCKET_FAMILY_IPV4, 0);

@@ -198,8 +198,6 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
   GUPnPContextManager* manager_ = nullptr;
   std::vector<GUPnPControlPoint*> control_points_;
   std::map<std::string, Device> devices_;  // by UDN
-  // Each service's handler (the kit's Service::handler), for code that calls the core itself.
-  std::map<std::string, hxf_service_handler_h> handlers_;
   std::vector<Pending> pending_;
   std::set<guint> sources_;  // timers still to run
 };

@@ -178,6 +178,9 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
   void AudioRequest(const std::string& operation, hxf_transaction_h transaction,
                     hxf_property_list_h request, Device* device);
   void SubscribeAudio(Device* device);
+  // Reads the renderer's state and tells watchers; then again after kRereadEveryMs, `rereads`
+  // times at most, while no event has come from it.
+  void ReadAudio(const std::string& udn, int rereads);
   void UnsubscribeAudio(Device* device);
   static void OnLastChange(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                            gpointer self);

@@ -512,23 +512,11 @@ void Plugin::SubscribeAudio(Device* device) {
                                    this);
     gupnp_service_proxy_set_subscribed(proxy, TRUE);
   }
-  // GUPnP drops the events that come before the answer to its SUBSCRIBE, and a renderer sends
-  // its first one at once: the state is read now, and again until an event shows that GENA
-  // reaches the plugin, so a change made meanwhile is not missed.
-  ReadAudio(device->endpoint.id, kRereads);
 }
 
-void Plugin::ReadAudio(const std::string& udn, int rereads) {
+void Plugin::ReadAudio(const std::string& udn) {
   RunAndTell(udn, {}, [this, udn](const std::string& failed, const GError* error) {
-    if (failed.empty()) return;
-    dlog_print(DLOG_WARN, kTag, "upnp: cannot read the state of %s: %s: %s\n", udn.c_str(),
-               failed.c_str(), error != nullptr ? error->message : "no answer");
-    CheckAlive(udn);
-  });
-  if (rereads == 0) return;
-  After(kRereadEveryMs, [this, udn, rereads] {
-    const auto found = devices_.find(udn);
-    if (found != devices_.end() && !found->second.renderer.evented) ReadAudio(udn, rereads - 1);
+    if (!failed.empty()) StateReadFailed(udn, failed, error);
   });
 }
 
@@ -553,7 +541,7 @@ void Plugin::OnLastChange(GUPnPServiceProxy* proxy, const char*, GValue* value, 
       dlog_print(DLOG_WARN, kTag, "upnp: LastChange of %s %s: %s\n", udn.c_str(),
                  read ? "partly refused" : "refused", problem.c_str());
     renderer.state = next;
-    renderer.evented = true;
+    device.evented = true;
     plugin->NotifyAudio(device);
     return;
   }

@@ -37,12 +37,7 @@ struct Renderer {
   AudioState state;
   // What watchers were told last (without the position), once they have been told.
   std::optional<AudioState> told;
-  // An event has come since subscribing: GENA reaches the plugin, no more reads are needed.
-  bool evented = false;
 };
-// Until a renderer's first event comes, its state is read again this often, this many times.
-constexpr uint32_t kRereadEveryMs = 1000;
-constexpr int kRereads = 5;
 // Fills `renderer` when the device of `device_type` is a MediaRenderer with both services.
 void FindRenderer(GUPnPDeviceInfo* info, const std::string& device_type, Renderer* renderer);
 void ReleaseRenderer(Renderer* renderer);

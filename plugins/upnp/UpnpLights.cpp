@@ -245,15 +245,13 @@ void Plugin::Subscribe(Device* device) {
                                    &Plugin::OnNotify, this);
     gupnp_service_proxy_set_subscribed(device->dimming, TRUE);
   }
-  // GUPnP drops a NOTIFY that comes before the answer to its SUBSCRIBE, and the device's
-  // first event often does: the state is read once, and told to watchers if it is news.
-  const std::string udn = device->endpoint.id;
+}
+
+void Plugin::ReadLightState(const std::string& udn) {
   ReadLight(udn, [this, udn](const std::string& failed, const GError* error, bool changed) {
     const auto found = devices_.find(udn);
     if (!failed.empty()) {
-      dlog_print(DLOG_WARN, kTag, "upnp: cannot read the state of %s: %s: %s\n", udn.c_str(),
-                 failed.c_str(), error != nullptr ? error->message : "no answer");
-      CheckAlive(udn);
+      StateReadFailed(udn, failed, error);
     } else if (found != devices_.end() && (changed || !found->second.announced)) {
       NotifyState(found->second);
     }
@@ -281,6 +279,7 @@ void Plugin::OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* va
     } else {
       continue;
     }
+    device.evented = true;
     // Each service sends its first event on its own: watchers hear of the light once
     // both are known (or once the plugin's own read has them).
     if (device.StateKnown()) plugin->NotifyState(device);

@@ -26,6 +26,9 @@ constexpr uint32_t kListWaitMs = 2000;     // an empty cache is rescanned this l
 // A request for an unknown device waits this long: answered "not found" before the time-out
 // consumers usually give (hxf: 3000 ms), which would otherwise answer it first, without why.
 constexpr uint32_t kFindWaitMs = 2500;
+// Until a device's first event comes, its state is read again this often, this many times.
+constexpr uint32_t kRereadEveryMs = 1000;
+constexpr int kRereads = 5;
 constexpr uint32_t kUnsubscribeMs = 300;   // the loop runs this long on unload for UNSUBSCRIBE
 constexpr auto kDestroyWait = std::chrono::seconds(10);
 
@@ -319,12 +322,28 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
              udn.c_str(), added.location.c_str(), added.IsLight() ? ", a light" : "");
   Subscribe(&added);
   SubscribeAudio(&added);
+  ReadUntilEvented(udn, kRereads);
   for (const char* service : kServices) {
     if (!added.Offers(service)) continue;
     const Activity& activity = FindService(service)->record;
     if (activity.searching) Report(service, added, nullptr);
     if (activity.listening) Report(service, added, hxf_tool::kPresenceArrived);
   }
+}
+
+void Plugin::ReadUntilEvented(const std::string& udn, int rereads) {
+  const auto found = devices_.find(udn);
+  if (found == devices_.end() || found->second.evented) return;
+  if (found->second.IsLight()) ReadLightState(udn);
+  if (found->second.IsRenderer()) ReadAudio(udn);
+  if (rereads > 0) After(kRereadEveryMs, [this, udn, rereads] { ReadUntilEvented(udn, rereads - 1); });
+}
+
+void Plugin::StateReadFailed(const std::string& udn, const std::string& failed,
+                             const GError* error) {
+  dlog_print(DLOG_WARN, kTag, "upnp: cannot read the state of %s: %s: %s\n", udn.c_str(),
+             failed.c_str(), error != nullptr ? error->message : "no answer");
+  CheckAlive(udn);
 }
 
 void Plugin::RemoveRoot(const std::string& root_udn) {

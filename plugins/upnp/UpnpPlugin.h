@@ -54,6 +54,8 @@ struct Device {
   std::optional<bool> power_on;          // last known, from answers and events
   std::optional<int64_t> brightness;
   bool announced = false;  // its state has been told to watchers once
+  // An event has come since subscribing: GENA reaches the plugin, no more reads are needed.
+  bool evented = false;
 
   // Power known, and the level too where it can be dimmed: the state watchers are told.
   bool StateKnown() const { return power_on && (dimming == nullptr || brightness); }
@@ -149,6 +151,15 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
                 const std::string& udn);
   void SetLight(hxf_transaction_h transaction, hxf_property_list_h request, Device* device);
   void Subscribe(Device* device);
+  // Reads the light's state and tells watchers what is news.
+  void ReadLightState(const std::string& udn);
+  // GUPnP drops the events that come before the answer to its SUBSCRIBE, and a device sends
+  // its first one at once: once subscribed, the state is read now and again after
+  // kRereadEveryMs, `rereads` times at most, until an event shows that GENA reaches the
+  // plugin, so a change made meanwhile is not missed.
+  void ReadUntilEvented(const std::string& udn, int rereads);
+  // A read of the state failed: logged, and the device checked.
+  void StateReadFailed(const std::string& udn, const std::string& failed, const GError* error);
   void Unsubscribe(Device* device);
   static void OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                        gpointer self);
@@ -178,9 +189,8 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
   void AudioRequest(const std::string& operation, hxf_transaction_h transaction,
                     hxf_property_list_h request, Device* device);
   void SubscribeAudio(Device* device);
-  // Reads the renderer's state and tells watchers; then again after kRereadEveryMs, `rereads`
-  // times at most, while no event has come from it.
-  void ReadAudio(const std::string& udn, int rereads);
+  // Reads the renderer's state and tells watchers what is news.
+  void ReadAudio(const std::string& udn);
   void UnsubscribeAudio(Device* device);
   static void OnLastChange(GUPnPServiceProxy* proxy, const char* variable, GValue* value,
                            gpointer self);

@@ -39,8 +39,18 @@ bool TooDeep(const xmlNode* node, int depth) {
   return false;
 }
 
+// The parser stops at a document type declaration, before its internal subset is read: a
+// renderer's XML has none, and entities declared there would be substituted by libxml2's
+// tree readers (xmlGetProp, xmlNodeGetContent) even without XML_PARSE_NOENT.
+void RefuseDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
+  *static_cast<bool*>(parser->_private) = true;
+  xmlStopParser(parser);
+}
+
 // `text` as an XML document, or null with the reason: never fetched from the network, no
-// entity substituted, at most kMaxEventBytes and kMaxXmlDepth.
+// document type declaration (so no entity but XML's own), at most kMaxEventBytes and
+// kMaxXmlDepth.
 using Doc = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
 Doc ParseXml(const std::string& text, std::string* problem) {
   Doc doc(nullptr, &xmlFreeDoc);
@@ -49,9 +59,21 @@ Doc ParseXml(const std::string& text, std::string* problem) {
                std::to_string(kMaxEventBytes) + ")";
     return doc;
   }
-  doc.reset(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr,
-                          XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
-  if (doc == nullptr || xmlDocGetRootElement(doc.get()) == nullptr) {
+  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> parser(xmlNewParserCtxt(),
+                                                                          &xmlFreeParserCtxt);
+  if (parser == nullptr) {
+    *problem = "no memory to read the XML";
+    return doc;
+  }
+  bool doctype = false;
+  parser->_private = &doctype;
+  parser->sax->internalSubset = &RefuseDoctype;  // the context's own copy of the handlers
+  doc.reset(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr,
+                              nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+  if (doctype) {
+    *problem = "the XML has a document type declaration";
+    doc.reset();
+  } else if (doc == nullptr || xmlDocGetRootElement(doc.get()) == nullptr) {
     *problem = "not XML";
     doc.reset();
   } else if (TooDeep(xmlDocGetRootElement(doc.get()), 1)) {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "AudioVocabulary.h"
+#include "AudioRequest.h"
 #include "UpnpPlugin.h"
 #include "hxf_host_platform.h"
 
@@ -24,7 +24,6 @@ constexpr const char* kMediaRenderer = "urn:schemas-upnp-org:device:MediaRendere
 // GUPnP matches a service of this version or a later one.
 constexpr const char* kRenderingControl = "urn:schemas-upnp-org:service:RenderingControl:1";
 constexpr const char* kAVTransport = "urn:schemas-upnp-org:service:AVTransport:1";
-constexpr int64_t kMaxSeconds = 99 * 3600 + 59 * 60 + 59;  // "99:59:59", the longest Seek here
 
 // A step's reader: the action's outputs, read as text, each applied as the state variable
 // it is paired with ({output, variable}). A SOAP fault is the reader's error.
@@ -89,69 +88,10 @@ void AppendReads(std::vector<AudioStep>* steps) {
       {"RelTime", "RelativeTimePosition"}}));
 }
 
-// What a request may name besides device_id, per operation.
-struct Asked {
-  std::optional<int64_t> volume, position;
-  std::optional<bool> muted;
-  std::optional<std::string> uri;
-};
-
-std::string CheckRequest(const std::string& operation, hxf_property_list_h request,
-                         Asked* asked) {
-  const bool set = operation == audio::kSet;
-  const bool play = operation == audio::kPlay;
-  const bool seek = operation == audio::kSeek;
-  const std::string takes = set ? "volume, muted" : play ? "uri" : seek ? "position" : "none";
-  for (hxf_property_h p = hxf_property_list_get_first(request); p != nullptr;
-       p = hxf_property_list_get_next(request, p)) {
-    const std::string name = hxf_property_get_name(p);
-    Value value;
-    if (name == audio::kDeviceId) continue;
-    if (!hxf_plugin_kit::ReadProperty(p, &value)) return "unreadable value for " + name;
-    if (set && name == audio::kVolume) {
-      if (!std::holds_alternative<int64_t>(value)) return "volume takes an int";
-      const int64_t volume = std::get<int64_t>(value);
-      if (volume < audio::kMinVolume || volume > audio::kMaxVolume)
-        return "volume " + std::to_string(volume) + " is out of range 0..100";
-      asked->volume = volume;
-    } else if (set && name == audio::kMuted) {
-      if (!std::holds_alternative<bool>(value)) return "muted takes a bool";
-      asked->muted = std::get<bool>(value);
-    } else if (play && name == audio::kUri) {
-      if (!std::holds_alternative<std::string>(value)) return "uri takes a text";
-      const std::string& uri = std::get<std::string>(value);
-      if (uri.empty() || uri.size() > audio::kMaxUriLength)
-        return "uri must have 1 to 2048 bytes";
-      asked->uri = uri;
-    } else if (seek && name == audio::kPosition) {
-      if (!std::holds_alternative<int64_t>(value)) return "position takes an int (seconds)";
-      const int64_t position = std::get<int64_t>(value);
-      if (position < 0 || position > kMaxSeconds)
-        return "position " + std::to_string(position) + " is out of range 0.." +
-               std::to_string(kMaxSeconds);
-      asked->position = position;
-    } else {
-      return "unknown property " + name + " for " + operation + " (" + takes + ")";
-    }
-  }
-  if (set && !asked->volume && !asked->muted) return "nothing to set (volume, muted)";
-  if (seek && !asked->position) return "seek needs position (seconds)";
-  return "";
-}
-
 // A list named `name`: the device's id and `state` (the whole state, or what watchers are told).
 hxf_property_list_h StateList(const std::string& name, const Device& device,
                               const AudioState& state) {
-  hxf_property_list_h list = hxf_property_list_create(hxf_plugin_kit::View(name));
-  Push(list, audio::kDeviceId, device.endpoint.id);
-  if (state.volume) Push(list, audio::kVolume, *state.volume);
-  if (state.muted) Push(list, audio::kMuted, *state.muted);
-  if (state.transport_state) Push(list, audio::kTransportState, *state.transport_state);
-  if (state.uri) Push(list, audio::kUri, *state.uri);
-  if (state.title) Push(list, audio::kTitle, *state.title);
-  if (state.position) Push(list, audio::kPosition, *state.position);
-  if (state.duration) Push(list, audio::kDuration, *state.duration);
-  return list;
+  return audio::StateList(name, device.endpoint.id, state);
 }
 
 // What watchers are told of: the state but its running clock, which only answers carry.
@@ -231,17 +171,8 @@ void Plugin::RunAndTell(const std::string& udn, std::vector<AudioStep> steps, Au
 
 void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transaction,
                           hxf_property_list_h request, Device* device) {
-  bool known = false;
-  for (const char* name : audio::kOperations) known = known || operation == name;
-  if (!known) {
-    Answer(kAudio, transaction,
-           ErrorList(operation, "unknown operation " + operation + " (" + audio::kOperationList +
-                                    ")"),
-           HXF_ERROR_INVALID_PARAMETER);
-    return;
-  }
-  Asked asked;
-  const std::string problem = CheckRequest(operation, request, &asked);
+  audio::Request asked;
+  const std::string problem = audio::CheckRequest(operation, request, &asked);
   if (!problem.empty()) {  // refused before any SOAP call
     Answer(kAudio, transaction, ErrorList(operation, problem), HXF_ERROR_INVALID_PARAMETER);
     return;

@@ -8,7 +8,7 @@ seconds=${1:-30}
 shift $(($# > 0 ? 1 : 0))
 # Every harness, tests/fuzz/fuzz_NAME.cpp; one the build does not make (sd-bus missing, or
 # not written yet) is skipped with a line saying so.
-harnesses=(api common cli bus_values plugin_info sim_config hxfd mqtt_payload mqtt_import)
+harnesses=(api common cli bus_values plugin_info sim_config hxfd mqtt_payload mqtt_import upnp_audio)
 [ $# -gt 0 ] && harnesses=("$@")
 scripts/install-deps.sh sanitizers
 cmake --preset fuzz >/dev/null

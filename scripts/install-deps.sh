@@ -4,7 +4,8 @@
 #   (no group)  the main job: compiler, CMake, Ninja, CLI11 and nlohmann-json
 #   tests       + GoogleTest, Google Benchmark, tmux and python3 (the tool's tests), Asio and
 #                 sd-bus (the anchors of the comparison benchmark)
-#   sanitizers  + clang and its sanitizer runtimes (the asan, tsan and fuzz presets)
+#   sanitizers  + clang and its sanitizer runtimes (the asan, tsan and fuzz presets), and
+#                 libxml2 (the fuzzer of the UPnP plugin's readers, which needs no GUPnP)
 #   docs        + Doxygen, graphviz and man (the docs target)
 #   install     + docs, pkg-config, make and file (scripts/check-install.sh)
 #   upnp        + GUPnP and GSSDP 1.6 (the UPnP plugin), and the real devices its tests run:
@@ -27,7 +28,7 @@ for group in "$@"; do
   case "$group" in
     tests) packages+=(libgtest-dev libbenchmark-dev tmux python3 libasio-dev pkg-config
       libsystemd-dev) ;;
-    sanitizers) packages+=(clang libclang-rt-14-dev) ;;
+    sanitizers) packages+=(clang libclang-rt-14-dev libxml2-dev) ;;
     docs) packages+=(doxygen graphviz man-db) ;;
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
     upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb

@@ -236,10 +236,12 @@ void Plugin::Finish() {
 void Plugin::Connect() {
   reconnect_at_ = Clock::time_point::max();
   ++connection_;
-  const int rc = connection_ == 1 ? mosquitto_connect_bind_v5(mosq_, config_.url.host.c_str(),
-                                                              config_.url.port, kKeepAliveSeconds,
-                                                              nullptr, nullptr)
-                                  : mosquitto_reconnect(mosq_);
+  // Without waiting for the TCP connection: a broker that never answers (packets dropped)
+  // would hold the plugin thread, and its unload, for the kernel's whole connect time-out.
+  // The CONNECT goes once the socket is writable; a failure shows in the loop.
+  const int rc = connection_ == 1 ? mosquitto_connect_async(mosq_, config_.url.host.c_str(),
+                                                            config_.url.port, kKeepAliveSeconds)
+                                  : mosquitto_reconnect_async(mosq_);
   if (rc != MOSQ_ERR_SUCCESS) {
     dlog_print(DLOG_WARN, kTag, "mqtt: cannot connect to %s:%d: %s\n", config_.url.host.c_str(),
                config_.url.port, rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc));

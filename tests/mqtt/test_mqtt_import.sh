@@ -272,6 +272,31 @@ case $case_name in
     expect_code 1
     expect_err "mqtt URL 'http://x': it must start with mqtt:// or mqtts://"
     ;;
+  unanswered-broker)
+    # A broker whose address takes packets and never answers (a host gone, a firewall that
+    # drops): the plugin loads and hxf ends on its own time-out, the connection still trying.
+    # Two namespaces of the test's own; the one with the address drops what is sent to it.
+    [ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
+    ns=hxf-mqtt-$$
+    ip netns add "$ns-a" 2>"$work/netns.err" || skip "cannot make a network namespace: $(cat "$work/netns.err")"
+    trap 'ip netns del "$ns-a"; ip netns del "$ns-b" 2>/dev/null; cleanup' EXIT
+    ip netns add "$ns-b" || skip "cannot make a second network namespace"
+    ip -n "$ns-a" link add veth0 type veth peer name veth1 netns "$ns-b" || skip "cannot make a veth pair"
+    ip -n "$ns-a" addr add 169.254.88.2/16 dev veth0
+    ip -n "$ns-a" link set veth0 up
+    ip -n "$ns-b" link set veth1 up
+    mac=$(ip -n "$ns-b" -o link show veth1 | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2)
+    ip -n "$ns-a" neigh add 169.254.88.1 lladdr "$mac" dev veth0 nud permanent
+    start=$(now_ms)
+    HXF_MQTT_URL=mqtt://169.254.88.1:1883 timeout 30 ip netns exec "$ns-a" "$hxf" --plugin mqtt \
+      --log-level info devices lights --timeout 500 >"$work/hxf.out" 2>"$work/hxf.err"
+    code=$?
+    took=$(($(now_ms) - start))
+    expect_code 1
+    expect_err "mqtt: no MQTT broker at 169.254.88.1:1883 yet; trying on"
+    echo "hxf ended after $took ms with the broker unanswered"
+    [ "$took" -lt 15000 ] || fail "hxf took $took ms: the connection held the plugin"
+    ;;
   *)
     fail "unknown case"
     ;;

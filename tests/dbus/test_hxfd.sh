@@ -240,12 +240,28 @@ PY
     listen_pid=$!
     pids+=($listen_pid)
     await_line "$work/listen.out" 10 '^found  ceiling-1 '
+    # And a request that hxfd holds (the radio never answers): it is told once, in one line,
+    # that the broker left (it once also said "hxfd did not answer in time").
+    "$hxf" --bus "$address" monitor --service audio --type request --for 60000 \
+      >"$work/monitor.out" 2>"$work/monitor.err" &
+    pids+=($!)
+    await_line "$work/monitor.err" 10 '^monitoring the broker, service audio, type request for 60000 ms$'
+    "$hxf" --bus "$address" request audio get device=radio-1 --timeout 20000 \
+      >"$work/request.out" 2>"$work/request.err" &
+    request_pid=$!
+    pids+=($request_pid)
+    await_line "$work/monitor.out" 10 'radio-1'
     kill -TERM "$hxfd_pid"
     wait "$listen_pid"
     code=$?
     [ "$code" = 1 ] || fail "the listen exited with $code when hxfd left, not 1"
     grep -qx 'hxf: the broker left the bus (error 2: HXF_ERROR_OPERATION_FAILED)' "$work/listen.err" ||
       fail "the listen did not say the broker left"
+    wait "$request_pid"
+    code=$?
+    [ "$code" = 1 ] || fail "the request exited with $code when hxfd left, not 1"
+    diff <(echo 'hxf: the broker left the bus (error 2: HXF_ERROR_OPERATION_FAILED)') \
+      "$work/request.err" >"$work/request-diff.log" || fail "the request did not say once that the broker left"
     # No hxfd now: a command says so and fails.
     "$hxf" --bus "$address" search lights >"$work/none.out" 2>"$work/none.err" && fail "a search without hxfd succeeded"
     grep -qxF "hxf: hxfd is not running on the bus $address (start it: hxfd --address $address &)" "$work/none.err" ||

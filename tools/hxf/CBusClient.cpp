@@ -147,6 +147,12 @@ int CBusClient::CodeOf(int r, const sd_bus_error* error) const {
   const sd_bus_error& e = error != nullptr ? *error : none;
   if (sd_bus_error_is_set(&e) && std::strncmp(e.name, "org.hxf.Error.", 14) == 0)
     return ErrorCode(e.name);
+  // hxfd left with the call unanswered: the broker-gone event says so, once.
+  if (sd_bus_error_has_name(&e, SD_BUS_ERROR_NO_REPLY) && e.message != nullptr &&
+      std::strstr(e.message, "disconnected") != nullptr) {
+    events_.Push(Event{Event::kBrokerGone});
+    return HXF_ERROR_OPERATION_FAILED;
+  }
   out_.Log("hxf: D-Bus: " + BusProblem(r, e));
   return HXF_ERROR_OPERATION_FAILED;
 }

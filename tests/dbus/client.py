@@ -180,8 +180,9 @@ def many_users(address):
                                                      dbus.UInt32(5000), timeout=20)
                         answered += "brightness" in answer
                     except dbus.DBusException as e:
-                        # hxfd's own deadline answers a request the core never answered (a
-                        # sanitizer build loses about one in a thousand here: RELIABILITY.md).
+                        # hxfd's own deadline answers a request the core answers too late (a
+                        # sanitizer build on a saturated CPU, about one in a thousand here:
+                        # RELIABILITY.md).
                         if e.get_dbus_name() != "org.hxf.Error.TimedOut":
                             raise RuntimeError("caller %d of 250, after %.1f s: %s" % (
                                 index + 1, time.monotonic() - started, e)) from e

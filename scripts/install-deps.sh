@@ -11,7 +11,9 @@
 #   upnp        + GUPnP and GSSDP 1.6 (the UPnP plugin), and the real devices its tests run:
 #                 gupnp-tools (gupnp-network-light), minidlna, xvfb, iproute2 (namespaces),
 #                 gmediarender (a media renderer) with GStreamer's tools and plugins, sox (the
-#                 tone it plays) and python3 (the HTTP server that serves it).
+#                 tone it plays) and python3 (the HTTP server that serves it), rygel and
+#                 rygel-playbin (a second renderer; without its recommends: no user session
+#                 bus, no codecs beyond base and good).
 #                 Installing minidlna must not start the system's media server, which would
 #                 announce itself on the machine's real network: services are kept from
 #                 starting during the install (policy-rc.d).
@@ -33,7 +35,7 @@ for group in "$@"; do
     install) packages+=(doxygen graphviz man-db pkg-config make file) ;;
     upnp) packages+=(pkg-config libgupnp-1.6-dev libgssdp-1.6-dev gupnp-tools minidlna xvfb
       iproute2 gmediarender gstreamer1.0-tools gstreamer1.0-plugins-base
-      gstreamer1.0-plugins-good sox python3) ;;
+      gstreamer1.0-plugins-good sox python3 rygel rygel-playbin) ;;
     dbus) packages+=(pkg-config libsystemd-dev dbus-daemon systemd libglib2.0-bin python3-dbus
       python3-gi dbus-system-bus-common util-linux) ;;
     mqtt) packages+=(pkg-config libmosquitto-dev mosquitto mosquitto-clients python3-paho-mqtt

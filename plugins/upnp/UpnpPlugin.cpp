@@ -325,8 +325,9 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
   ReadUntilEvented(udn, kRereads);
   for (const char* service : kServices) {
     if (!added.Offers(service)) continue;
-    const Activity& activity = FindService(service)->record;
-    if (activity.searching) Report(service, added, nullptr);
+    Activity& activity = FindService(service)->record;
+    if (activity.searching && activity.reported.insert(udn).second)
+      Report(service, added, nullptr);
     if (activity.listening) Report(service, added, hxf_tool::kPresenceArrived);
   }
 }
@@ -389,7 +390,9 @@ void Plugin::OnSearch(Service& service) {
   const bool already = service.record.searching;
   service.record.searching = true;
   for (const auto& [udn, device] : devices_) {
-    if (device.Offers(service.name)) Report(service.name, device, nullptr);  // known, at once
+    if (!device.Offers(service.name)) continue;
+    Report(service.name, device, nullptr);  // known, at once (to a searcher that joins too)
+    service.record.reported.insert(udn);
   }
   Rescan();
   if (!already) After(kRescanEveryMs, [this, &service] { RescanWhileSearching(service); });

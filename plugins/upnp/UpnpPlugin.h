@@ -69,10 +69,13 @@ struct Device {
   }
 };
 
-// What the plugin keeps per service: whether a search or a listen runs.
+// What the plugin keeps per service: whether a search or a listen runs, and the devices the
+// search under way has reported (a device that says byebye and comes back while it runs, as
+// rygel does as it starts, is reported once).
 struct Activity {
   bool searching = false;
   bool listening = false;
+  std::set<std::string> reported;
 };
 
 class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
@@ -123,7 +126,10 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
 
   // The kit's hooks.
   void OnSearch(Service& service);
-  void OnSearchStop(Service& service) { service.record.searching = false; }
+  void OnSearchStop(Service& service) {
+    service.record.searching = false;
+    service.record.reported.clear();
+  }
   void OnListen(Service& service);
   void OnListenStop(Service& service) { service.record.listening = false; }
   void OnDeviceList(Service& service) { ListDevices(service, false); }

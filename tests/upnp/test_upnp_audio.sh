@@ -1,21 +1,108 @@
 #!/usr/bin/env bash
 # The UPnP plugin's "audio" service against a real media renderer on a private network
-# (upnp_case.sh): Debian's gmediarender in the device namespace, its GStreamer output a fake
-# sink that keeps the clock (nothing is heard), and a local HTTP server there serving a tone
-# the test makes with sox; the hxf tool with --plugin upnp in the other namespace.
-# Usage: test_upnp_audio.sh HXF_BINARY CASE   (exit 77: skipped, with the reason)
+# (upnp_case.sh): a renderer in the device namespace, its GStreamer output a fake sink that
+# keeps the clock (nothing is heard), and a local HTTP server there serving a tone the test
+# makes with sox; the hxf tool with --plugin upnp in the other namespace.
+# Usage: test_upnp_audio.sh HXF_BINARY CASE [RENDERER]   (exit 77: skipped, with the reason)
+# RENDERER: gmediarender (the default, Debian's) or rygel (its playbin renderer, headless: a
+# private configuration and XDG folders, no session bus, no other plugin).
 set -u
 hxf=$1
 case_name=$2
-needs=(gmediarender gst-launch-1.0 sox python3)
+renderer=${3:-gmediarender}
+case "$renderer" in
+  gmediarender) needs=(gmediarender gst-launch-1.0 sox python3) ;;
+  rygel) needs=(rygel sox python3) ;;
+  *) echo "unknown renderer $renderer"; exit 2 ;;
+esac
+here=$(cd "$(dirname "$0")" && pwd)
+if [ "$renderer" = rygel ]; then
+  playbin=""
+  for f in /usr/lib/*/rygel-2.8/plugins/librygel-playbin.so /usr/lib*/rygel-2.8/plugins/librygel-playbin.so; do
+    [ -e "$f" ] && playbin=$f
+  done
+  rygel_template=$(dirname "$(command -v rygel 2>/dev/null || echo /usr/bin/rygel)")/../share/rygel/xml/MediaRenderer2.xml
+  for missing in "$playbin:rygel's playbin plugin (rygel-playbin)" "$([ -e "$rygel_template" ] && echo x):rygel's MediaRenderer2.xml"; do
+    [ -n "${missing%%:*}" ] || { echo "SKIP [$case_name]: ${missing#*:} is missing (scripts/install-deps.sh upnp)"; exit 77; }
+  done
+fi
 # shellcheck source=upnp_case.sh
 source "$(dirname "$0")/upnp_case.sh"
 
 udn=uuid:hxf-test-renderer-$id
 http_port=8765
 tone=http://$dev_address:$http_port/tone.wav
+# What differs per renderer: its model name, how it refuses a pause while nothing plays, and
+# whether it refuses media of a type it cannot play (an empty text: no such case).
+case "$renderer" in
+  gmediarender)
+    model=gmediarender
+    pause_refused="Pause failed: Transition to PAUSE not allowed; allowed=PLAY (UPnP error 501)"
+    mime_refused=""
+    ;;
+  rygel)
+    model=Rygel
+    pause_refused="Pause failed: Transition not available (UPnP error 701)"
+    mime_refused="SetAVTransportURI failed: Illegal MIME-type (UPnP error 714)"
+    ;;
+esac
 
-start_renderer() {
+start_renderer() { "start_$renderer"; }
+
+# rygel with its playbin plugin alone, its configuration and state in $work/rygel (it reads
+# $XDG_CONFIG_HOME/rygel.conf; its -c option is not honoured by the version in Debian 12),
+# without the caller's environment: no display, no session bus (it runs without one), no
+# dconf. It keeps the UDN of the description it finds in its configuration folder. As it
+# starts it says byebye for that UDN before its first alive: the case goes on once the TV
+# side heard an alive, so that no byebye of its start takes the renderer away later.
+start_rygel() {
+  local config=$work/rygel/config
+  mkdir -p "$config/Rygel" "$work/rygel/cache" "$work/rygel/data" "$work/rygel/runtime"
+  chmod 700 "$work/rygel/runtime"
+  sed "s|<UDN></UDN>|<UDN>$udn</UDN>|" "$rygel_template" >"$config/Rygel/Playbin.xml"
+  cat >"$config/rygel.conf" <<CONF
+[general]
+ipv6=false
+enable-transcoding=false
+media-engine=librygel-media-engine-gst.so
+interface=$dev_if
+port=0
+[Playbin]
+enabled=true
+title=Test renderer
+audio-sink=fakesink sync=true
+video-sink=fakesink sync=true
+[MediaExport]
+enabled=false
+[Tracker]
+enabled=false
+[Tracker3]
+enabled=false
+[LMS]
+enabled=false
+[GstLaunch]
+enabled=false
+[MPRIS]
+enabled=false
+[External]
+enabled=false
+[Ruih]
+enabled=false
+CONF
+  : >"$work/ssdp.log"
+  "${in_tv[@]}" python3 -u "$here/ssdp_watch.py" 169.254.77.2 60 >>"$work/ssdp.log" 2>&1 &
+  pids+=($!)
+  await_line "$work/ssdp.log" 5 '^listening$'
+  "${in_dev[@]}" env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$work/rygel" \
+    XDG_CONFIG_HOME="$config" XDG_CACHE_HOME="$work/rygel/cache" \
+    XDG_DATA_HOME="$work/rygel/data" XDG_RUNTIME_DIR="$work/rygel/runtime" \
+    GSETTINGS_BACKEND=memory rygel >>"$work/renderer.out" 2>&1 &
+  renderer_pid=$!
+  pids+=($renderer_pid)
+  await_line "$work/ssdp.log" 15 "^ssdp:alive $udn(::|\$)"
+}
+
+start_gmediarender() {
   # fakesink with sync on: the media plays in real time, so it stays PLAYING for a while.
   "${in_dev[@]}" gmediarender -I "$dev_if" -f "Test renderer" -u "${udn#uuid:}" \
     --gstout-audiopipe "fakesink sync=true" --logfile "$work/renderer.log" >"$work/renderer.out" 2>&1 &
@@ -51,7 +138,7 @@ case "$case_name" in
       fail "the renderer is not found as a device of audio"
     has_line "$work/search.err" "1 device(s) offer audio" || fail "not one device"
     run json --json devices audio --timeout 4000
-    grep -q '"ui_meta":{.*"model":"gmediarender"' "$work/json.out" || fail "the model is not in the UI meta data"
+    grep -q '"ui_meta":{.*"model":"'"$model"'"' "$work/json.out" || fail "the model is not in the UI meta data"
     ;;
   volume)
     start_renderer
@@ -109,11 +196,48 @@ case "$case_name" in
     start_renderer
     run pause request audio pause
     [ "$code" = 1 ] || fail "exit code $code, expected 1"
-    has_line "$work/pause.err" "hxf: pause on audio failed: Pause failed: Transition to PAUSE not allowed; allowed=PLAY (UPnP error 501) (error 2: HXF_ERROR_OPERATION_FAILED)" ||
+    has_line "$work/pause.err" "hxf: pause on audio failed: $pause_refused (error 2: HXF_ERROR_OPERATION_FAILED)" ||
       fail "the renderer's error does not reach the consumer with its code"
     ;;
+  illegal-mime)
+    # A URI of a type the renderer cannot play: refused when it is set, with its UPnP code.
+    [ -n "$mime_refused" ] || skip "$renderer takes a URI of any type"
+    start_renderer
+    start_media
+    printf 'not audio\n' >"$work/media/notes.txt"
+    run play request audio play uri="http://$dev_address:$http_port/notes.txt"
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    has_line "$work/play.err" "hxf: play on audio failed: $mime_refused (error 2: HXF_ERROR_OPERATION_FAILED)" ||
+      fail "the renderer's refusal does not reach the consumer with its code"
+    run get request audio get
+    grep -Eq '^  transport_state +no_media$' "$work/get.out" || fail "the refused URI was loaded"
+    ;;
+  search-restart)
+    # The renderer restarts while a search runs and says byebye before its alive as it starts
+    # again (rygel does): it is still one device of the search.
+    [ "$renderer" = rygel ] || skip "$renderer says no byebye as it starts"
+    start_renderer
+    "${hxf_upnp[@]}" --log-level debug search audio --timeout 9000 >"$work/search.out" 2>"$work/search.err" &
+    search_pid=$!
+    pids+=($search_pid)
+    found="upnp: found Test renderer ($udn)"
+    await_line "$work/search.err" 10 "upnp: found Test renderer \\($udn\\)"
+    kill -TERM "$renderer_pid"
+    await_line "$work/search.err" 10 "upnp: Test renderer \\($udn\\) is gone"
+    start_renderer
+    deadline=$(($(now_ms) + 5000))
+    until [ "$(grep -cF "$found" "$work/search.err")" -ge 2 ]; do
+      [ "$(now_ms)" -lt "$deadline" ] || fail "the search did not see the renderer come back"
+      sleep 0.05
+    done
+    wait "$search_pid"
+    code=$?
+    [ "$code" = 0 ] || fail "search exited with $code"
+    [ "$(grep -c "^$udn " "$work/search.out")" = 1 ] || fail "the renderer is not listed once"
+    has_line "$work/search.err" "1 device(s) offer audio" || fail "not one device"
+    ;;
   byebye)
-    # SIGTERM: gmediarender says byebye as it ends.
+    # SIGTERM: the renderer says byebye as it ends.
     start_renderer
     "${hxf_upnp[@]}" listen audio --for 30000 >"$work/listen.out" 2>"$work/listen.err" &
     pids+=($!)

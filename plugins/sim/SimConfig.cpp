@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "AudioRequest.h"
 #include "SimModel.h"
 
 namespace hxf_sim {
@@ -282,7 +283,9 @@ Value ReadValue(const Member& member, const std::string& type, const std::string
 const std::vector<std::string> kTopKeys = {"search_latency_ms", "devices"};
 const std::vector<std::string> kDeviceKeys = {
     "id",      "service",  "name",        "interface_name",  "interface_type",  "address",
-    "ui_meta", "response", "response_ms", "arrive_after_ms", "depart_after_ms", "properties"};
+    "ui_meta", "response", "response_ms", "arrive_after_ms", "depart_after_ms", "properties",
+    "speaker"};
+const std::vector<std::string> kSpeakerKeys = {"volume", "muted", "media_duration", "uri"};
 const std::vector<std::string> kPropertyKeys = {"name", "type",      "value", "min",
                                                 "max",  "read_only", "drift"};
 const std::vector<std::string> kDriftKeys = {"step", "every_ms"};
@@ -336,6 +339,45 @@ Property ReadProperty(const Node& node, const std::string& at) {
   return property;
 }
 
+// A whole number within min..max of the key `key` of `object`, or `fallback` without it.
+int64_t Whole(const Node& object, const char* key, int64_t min, int64_t max, int64_t fallback,
+              const std::string& where) {
+  const Member* member = object.Find(key);
+  if (member == nullptr) return fallback;
+  const json& value = member->value.scalar;
+  if (!value.is_number_integer() || (value.is_number_unsigned() && value.get<uint64_t>() > INT64_MAX) ||
+      value.get<int64_t>() < min || value.get<int64_t>() > max)
+    throw ConfigError{member->value.line, where + ": \"" + key + "\" must be a whole number " +
+                                              std::to_string(min) + ".." + std::to_string(max) +
+                                              ", not " + member->value.Dump()};
+  return value.get<int64_t>();
+}
+
+// A speaker's settings: {"volume": 25, "muted": false, "media_duration": 180, "uri": "..."},
+// each optional; a uri makes it start with that media loaded, stopped.
+Speaker ReadSpeaker(const Node& node, const std::string& where) {
+  namespace audio = hxf_tool::audio;
+  const std::string at = where + ".speaker";
+  if (!node.is_object) throw ConfigError{node.line, at + ": must be an object"};
+  CheckKeys(node, kSpeakerKeys, at);
+  Speaker speaker;
+  speaker.volume = Whole(node, "volume", audio::kMinVolume, audio::kMaxVolume, speaker.volume, at);
+  if (const Member* muted = node.Find("muted")) {
+    if (!muted->value.scalar.is_boolean())
+      throw ConfigError{muted->value.line, at + ": \"muted\" must be true or false"};
+    speaker.muted = muted->value.scalar.get<bool>();
+  }
+  speaker.media_duration =
+      Whole(node, "media_duration", 1, audio::kMaxPosition, speaker.media_duration, at);
+  if (node.Find("uri") != nullptr) {
+    speaker.uri = Text(node, "uri", at);
+    if (speaker.uri.empty() || speaker.uri.size() > audio::kMaxUriLength)
+      throw ConfigError{node.Find("uri")->value.line, at + ": \"uri\" must have 1 to 2048 bytes"};
+    speaker.transport = Speaker::Transport::kStopped;
+  }
+  return speaker;
+}
+
 Device ReadDevice(const Node& node, size_t index) {
   std::string where = "devices[" + std::to_string(index) + "]";
   if (!node.is_object) throw ConfigError{node.line, where + ": a device must be an object"};
@@ -366,6 +408,18 @@ Device ReadDevice(const Node& node, size_t index) {
   device.response_ms = Millis(node, "response_ms", where);
   device.arrive_after_ms = Millis(node, "arrive_after_ms", where);
   device.depart_after_ms = Millis(node, "depart_after_ms", where);
+  const Member* speaker = node.Find("speaker");
+  if (device.service == kAudioService) {
+    // Its properties are the audio service's words, as every provider of audio has them.
+    if (const Member* properties = node.Find("properties"))
+      throw ConfigError{properties->line,
+                        where + ": a device of the service audio is a speaker: no \"properties\" "
+                                "(its settings go in \"speaker\")"};
+    device.speaker = speaker != nullptr ? ReadSpeaker(speaker->value, where) : Speaker{};
+  } else if (speaker != nullptr) {
+    throw ConfigError{speaker->line,
+                      where + ": \"speaker\" is for a device of the service audio only"};
+  }
   if (const Member* properties = node.Find("properties")) {
     if (!properties->value.is_array)
       throw ConfigError{properties->value.line, where + ": \"properties\" must be an array"};

@@ -69,6 +69,14 @@ Device MakeDevice(const char* id, const char* service, const char* name, const c
   return device;
 }
 
+Device MakeSpeaker(const char* id, const char* name, const char* address, const char* icon,
+                   int64_t volume) {
+  Device device = MakeDevice(id, kAudioService, name, address, icon, {});
+  device.speaker.emplace();
+  device.speaker->volume = volume;
+  return device;
+}
+
 }  // namespace
 
 Model DefaultModel() {
@@ -84,17 +92,14 @@ Model DefaultModel() {
   porch.arrive_after_ms = 1500;  // comes online while someone listens...
   porch.depart_after_ms = 4000;  // ...and drops off again
   model.devices.push_back(porch);
-  model.devices.push_back(
-      MakeDevice("speaker-1", "audio", "Living room speaker", "192.168.1.31", "speaker",
-                 {Bool("power", true), Int("volume", 25, 0, 100), Bool("muted", false)}));
-  Device soundbar =
-      MakeDevice("soundbar-1", "audio", "Soundbar", "192.168.1.32", "soundbar",
-                 {Bool("power", true), Int("volume", 40, 0, 100), Text("input", "hdmi")});
+  // Speakers: the audio service's words only, as a media renderer has them (no power, no input).
+  model.devices.push_back(MakeSpeaker("speaker-1", "Living room speaker", "192.168.1.31",
+                                      "speaker", 25));
+  Device soundbar = MakeSpeaker("soundbar-1", "Soundbar", "192.168.1.32", "soundbar", 40);
   soundbar.response = Response::kSlow;
   soundbar.response_ms = 1200;
   model.devices.push_back(soundbar);
-  Device sleepy = MakeDevice("radio-1", "audio", "Old radio", "192.168.1.33", "radio",
-                             {Bool("power", false), Int("volume", 10, 0, 100)});
+  Device sleepy = MakeSpeaker("radio-1", "Old radio", "192.168.1.33", "radio", 10);
   sleepy.response = Response::kNever;  // never answers: requests to it time out
   model.devices.push_back(sleepy);
   Property measured = Real("temperature", 20.5, 10.0, 30.0);

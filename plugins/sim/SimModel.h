@@ -1,6 +1,7 @@
 // The simulated home: services, devices and their typed properties with ranges.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,11 +32,46 @@ struct Property {
 
 enum class Response { kNormal, kSlow, kNever };
 
+// What a speaker tells of itself: the "audio" service's properties (AudioVocabulary.h), each
+// present or not, as hxf_tool::audio::StateList reads them.
+struct SpeakerState {
+  std::optional<int64_t> volume;
+  std::optional<bool> muted;
+  std::optional<std::string> transport_state, uri, title;
+  std::optional<int64_t> position, duration;  // seconds
+
+  bool operator==(const SpeakerState& other) const {
+    return volume == other.volume && muted == other.muted &&
+           transport_state == other.transport_state && uri == other.uri &&
+           title == other.title && position == other.position && duration == other.duration;
+  }
+  bool operator!=(const SpeakerState& other) const { return !(*this == other); }
+};
+
+// A device of the "audio" service: instead of free properties it has the service's words
+// (SimSpeaker.h carries out its operations). Media is named by its URI and never fetched:
+// every media loaded lasts `media_duration` seconds and says no title.
+struct Speaker {
+  enum class Transport { kNoMedia, kStopped, kPlaying, kPaused };
+  using Clock = std::chrono::steady_clock;
+
+  int64_t volume = 25;           // 0..100
+  bool muted = false;
+  int64_t media_duration = 180;  // seconds, 1..hxf_tool::audio::kMaxPosition
+  std::string uri;               // the media loaded; empty while there is none
+  Transport transport = Transport::kNoMedia;
+  int64_t position = 0;          // seconds; while playing, where it was at `since`
+  Clock::time_point since;       // while playing: when it was at `position`
+  uint64_t generation = 0;       // bumped by every change of what plays and where
+  std::optional<SpeakerState> told;  // what subscribers were told last
+};
+
 // A device as consumers see it (id, name, interface, address, UI meta data as JSON text),
 // the service it offers and how it behaves.
 struct Device : hxf_plugin_kit::EndpointInfo {
   std::string service;
   std::vector<Property> properties;
+  std::optional<Speaker> speaker;  // every device of the service "audio", and only those
   Response response = Response::kNormal;
   uint32_t response_ms = 0;      // delay of a slow device's answers
   uint32_t arrive_after_ms = 0;  // 0: present from the start; else appears while listening
@@ -51,6 +87,9 @@ struct Model {
   // The ids of the devices of `service`, in the model's order (those that arrive later too).
   std::vector<std::string> Ids(const std::string& service) const;
 };
+
+// The service whose devices are speakers.
+inline constexpr const char* kAudioService = "audio";
 
 // The embedded default home: three services, eight devices.
 Model DefaultModel();

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 
+#include "SimSpeaker.h"
 #include "hxf_host_platform.h"
 
 namespace hxf_sim {
@@ -54,6 +55,10 @@ void Plugin::Setup() {
     }
   }
   StartDrifts();
+  const auto now = Speaker::Clock::now();
+  for (Device& device : model_.devices) {
+    if (device.speaker) device.speaker->told = Notified(StateOf(*device.speaker, now));
+  }
   dlog_print(DLOG_INFO, kTag, "sim: %zu devices in %zu services\n", model_.devices.size(),
              ServiceCount());
   SendLoadResult(true);
@@ -136,6 +141,10 @@ void Plugin::OnAddDevice(Service& service, hxf_plugin_kit::EndpointInfo endpoint
   Device device;
   static_cast<hxf_plugin_kit::EndpointInfo&>(device) = std::move(endpoint);
   device.service = service.name;
+  if (device.service == kAudioService) {
+    device.speaker.emplace();
+    device.speaker->told = Notified(StateOf(*device.speaker, Speaker::Clock::now()));
+  }
   dlog_print(DLOG_INFO, kTag, "sim: device %s added to %s\n", device.id.c_str(),
              device.service.c_str());
   model_.devices.push_back(std::move(device));
@@ -162,6 +171,16 @@ void Plugin::OnRequest(Service& service, hxf_transaction_h transaction, const Li
            HXF_ERROR_INVALID_PARAMETER);
     return;
   }
+  if (device->speaker) {
+    // The audio words are checked here, as a renderer's plugin checks them before anything is
+    // sent: a bad request is refused at once, also by a slow or silent speaker.
+    hxf_tool::audio::Request asked;
+    const std::string problem = hxf_tool::audio::CheckRequest(operation, request.get(), &asked);
+    if (!problem.empty()) {
+      Refuse(service, transaction, operation, problem, HXF_ERROR_INVALID_PARAMETER);
+      return;
+    }
+  }
   if (device->response == Response::kNever)
     return;  // an unresponsive device: the request times out
   auto respond = [this, &service, transaction, request, id = device->id] {
@@ -181,6 +200,8 @@ void Plugin::Respond(Service& service, hxf_transaction_h transaction, hxf_proper
   if (device == nullptr) {
     Refuse(service, transaction, operation, "device " + id + " is gone",
            HXF_ERROR_OPERATION_FAILED);
+  } else if (device->speaker) {
+    Audio(service, transaction, request, device);
   } else if (operation == "get") {
     SendResult(service, transaction, DeviceState("get", *device), HXF_ERROR_NONE);
   } else if (operation == "set") {
@@ -237,6 +258,51 @@ void Plugin::NotifyState(const Device& device) {
   // Everyone subscribed hears the new state.
   if (const Service* service = FindService(device.service))
     SendNotification(*service, DeviceState("state", device));
+}
+
+// ---- speakers ----
+
+void Plugin::Audio(Service& service, hxf_transaction_h transaction, hxf_property_list_h request,
+                   Device* device) {
+  const std::string operation = hxf_property_list_get_name(request);
+  hxf_tool::audio::Request asked;
+  hxf_tool::audio::CheckRequest(operation, request, &asked);  // passed when it came
+  Speaker& speaker = *device->speaker;
+  const auto now = Speaker::Clock::now();
+  const uint64_t moved = speaker.generation;
+  const std::string problem = Operate(&speaker, operation, asked, now);
+  if (!problem.empty()) {
+    Refuse(service, transaction, operation, problem, HXF_ERROR_OPERATION_FAILED);
+    return;
+  }
+  SendResult(service, transaction,
+             hxf_tool::audio::StateList(operation, device->id, StateOf(speaker, now)),
+             HXF_ERROR_NONE);
+  if (speaker.generation != moved) ScheduleEndOfMedia(*device);
+  NotifySpeaker(*device);
+}
+
+void Plugin::NotifySpeaker(Device& device) {
+  Speaker& speaker = *device.speaker;
+  SpeakerState told = Notified(StateOf(speaker, Speaker::Clock::now()));
+  if (speaker.told == told) return;  // nothing new
+  speaker.told = told;
+  if (const Service* service = FindService(device.service))
+    SendNotification(*service, hxf_tool::audio::StateList(hxf_tool::audio::kState, device.id, told));
+}
+
+void Plugin::ScheduleEndOfMedia(const Device& device) {
+  const Speaker& speaker = *device.speaker;
+  if (speaker.transport != Speaker::Transport::kPlaying) return;
+  worker_.Post(
+      [this, service = device.service, id = device.id, generation = speaker.generation] {
+        Device* playing = model_.Find(service, id);
+        if (playing == nullptr || !playing->speaker || playing->speaker->generation != generation)
+          return;  // moved meanwhile: that move scheduled its own end
+        EndOfMedia(&*playing->speaker);
+        NotifySpeaker(*playing);
+      },
+      MillisToEnd(speaker, Speaker::Clock::now()));
 }
 
 // ---- devices living on their own ----

@@ -54,6 +54,13 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
   void Set(Service& service, hxf_transaction_h transaction, hxf_property_list_h request,
            Device* device);
   void NotifyState(const Device& device);
+  // A speaker's request, checked when it came (SimSpeaker.h carries it out).
+  void Audio(Service& service, hxf_transaction_h transaction, hxf_property_list_h request,
+             Device* device);
+  // Tells subscribers a speaker's state when it differs from what they were told last.
+  void NotifySpeaker(Device& device);
+  // While the speaker plays: its media's end, when nothing moved it meanwhile.
+  void ScheduleEndOfMedia(const Device& device);
   void StartDrifts();
   void ScheduleDrift(const std::string& service, const std::string& id, const std::string& name,
                      uint32_t every_ms);

@@ -29,9 +29,8 @@ fi
 # shellcheck source=upnp_case.sh
 source "$(dirname "$0")/upnp_case.sh"
 
-udn=uuid:hxf-test-renderer-$id
-http_port=8765
-tone=http://$dev_address:$http_port/tone.wav
+# shellcheck source=audio_media.sh
+source "$(dirname "$0")/audio_media.sh"
 # What differs per renderer: its model name, how it refuses a pause while nothing plays, and
 # whether it refuses media of a type it cannot play (an empty text: no such case).
 case "$renderer" in
@@ -100,23 +99,6 @@ CONF
   renderer_pid=$!
   pids+=($renderer_pid)
   await_line "$work/ssdp.log" 15 "^ssdp:alive $udn(::|\$)"
-}
-
-start_gmediarender() {
-  # fakesink with sync on: the media plays in real time, so it stays PLAYING for a while.
-  "${in_dev[@]}" gmediarender -I "$dev_if" -f "Test renderer" -u "${udn#uuid:}" \
-    --gstout-audiopipe "fakesink sync=true" --logfile "$work/renderer.log" >"$work/renderer.out" 2>&1 &
-  renderer_pid=$!
-  pids+=($renderer_pid)
-}
-
-start_media() {
-  mkdir -p "$work/media"
-  sox -n -r 44100 -c 2 "$work/media/tone.wav" synth 60 sine 440 vol 0.1 || fail "sox made no tone"
-  "${in_dev[@]}" python3 -u -m http.server "$http_port" --bind "$dev_address" \
-    --directory "$work/media" >"$work/http.log" 2>&1 &
-  pids+=($!)
-  await_line "$work/http.log" 10 'Serving HTTP'
 }
 
 # Runs hxf NAME ARGS...: stdout to $work/NAME.out, stderr to $work/NAME.err; sets `code`.

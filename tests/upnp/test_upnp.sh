@@ -7,7 +7,7 @@ set -u
 hxf=$1
 case_name=$2
 reload_test=${3:-}
-needs=(Xvfb gupnp-network-light minidlnad)
+needs=(Xvfb gupnp-network-light minidlnad python3)
 # shellcheck source=upnp_case.sh
 source "$(dirname "$0")/upnp_case.sh"
 
@@ -16,10 +16,14 @@ start_light() {
   "${in_dev[@]}" Xvfb -displayfd 3 -nolisten tcp 3>"$work/display" >"$work/xvfb.log" 2>&1 &
   pids+=($!)
   await_line "$work/display" 10 '^[0-9]+$'
+  watch_ssdp
   "${in_dev[@]}" env DISPLAY=":$(cat "$work/display")" gupnp-network-light --no-v6 -i "$dev_if" \
     -n "Hall light" >"$work/light.log" 2>&1 &
   light_pid=$!
   pids+=($light_pid)
+  # As it starts, the light says byebye and then alive: a request made in between would meet
+  # the light leaving and coming back (its answer: the device is gone).
+  await_line "$work/ssdp.log" 15 '^ssdp:alive uuid:'
 }
 
 start_minidlna() {

@@ -53,3 +53,12 @@ in_tv=(ip netns exec "$tv_ns" env HXF_UPNP_IFACE="$tv_if")
 hxf_upnp=("${in_tv[@]}" "$hxf" --plugin upnp)
 # shellcheck source=../support/await.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../support/await.sh"
+# watch_ssdp: the SSDP announcements heard on the TV side, one "NTS USN" line each, in
+# $work/ssdp.log from now on (ssdp_watch.py; it only listens).
+watch_ssdp() {
+  : >"$work/ssdp.log"
+  "${in_tv[@]}" python3 -u "$(dirname "${BASH_SOURCE[0]}")/ssdp_watch.py" 169.254.77.2 120 \
+    >>"$work/ssdp.log" 2>&1 &
+  pids+=($!)
+  await_line "$work/ssdp.log" 5 '^listening$'
+}

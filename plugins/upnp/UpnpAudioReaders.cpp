@@ -48,6 +48,24 @@ void RefuseDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*
   xmlStopParser(parser);
 }
 
+// While it lives, libxml2's errors that no parser option silences (an input its declared
+// encoding cannot convert, "encoding error : input conversion failed") are dropped instead of
+// written to stderr: the handler is the calling thread's own, and is given back.
+void DropError(void*, const char*, ...) {}
+class QuietErrors {
+ public:
+  QuietErrors() : handler_(xmlGenericError), context_(xmlGenericErrorContext) {
+    xmlSetGenericErrorFunc(nullptr, &DropError);
+  }
+  ~QuietErrors() { xmlSetGenericErrorFunc(context_, handler_); }
+  QuietErrors(const QuietErrors&) = delete;
+  QuietErrors& operator=(const QuietErrors&) = delete;
+
+ private:
+  xmlGenericErrorFunc handler_;
+  void* context_;
+};
+
 // `text` as an XML document, or null with the reason: never fetched from the network, no
 // document type declaration (so no entity but XML's own), at most kMaxEventBytes and
 // kMaxXmlDepth.
@@ -65,6 +83,7 @@ Doc ParseXml(const std::string& text, std::string* problem) {
     *problem = "no memory to read the XML";
     return doc;
   }
+  const QuietErrors quiet;
   bool doctype = false;
   parser->_private = &doctype;
   parser->sax->internalSubset = &RefuseDoctype;  // the context's own copy of the handlers

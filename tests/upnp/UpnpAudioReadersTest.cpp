@@ -2,6 +2,7 @@
 // alone: no GUPnP, no network. The LastChange events are gmediarender's own, captured from
 // its GENA NOTIFYs (tests/fuzz/corpus/upnp_audio, also the fuzzer's seeds).
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 
 #include <cstdint>
 #include <fstream>
@@ -297,6 +298,21 @@ TEST(UpnpAudioReaders, TextThatIsNotXmlIsRefused) {
     EXPECT_EQ(Apply(bad, &state), "FAILED: not XML") << bad;
     EXPECT_EQ(state, AudioState{});
   }
+}
+
+TEST(UpnpAudioReaders, TextItsEncodingCannotConvertIsRefusedWithoutAWordOnStderr) {
+  const xmlGenericErrorFunc handler = xmlGenericError;
+  testing::internal::CaptureStderr();
+  AudioState state;
+  const std::string problem =
+      Apply("<?xml version=\"1.0\" encoding=\"EUC-JP\"?><Event>\xff\xff</Event>", &state);
+  const std::string title = TitleOf("<?xml version=\"1.0\" encoding=\"EUC-JP\"?><d><title>\xff\xff"
+                                    "</title></d>").value_or("none");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(problem, "FAILED: not XML");
+  EXPECT_EQ(title, "none");
+  EXPECT_EQ(state, AudioState{});
+  EXPECT_EQ(xmlGenericError, handler);  // the thread's handler is given back
 }
 
 TEST(UpnpAudioReaders, ARootOtherThanEventIsRefused) {

@@ -32,17 +32,20 @@ source "$(dirname "$0")/upnp_case.sh"
 # shellcheck source=audio_media.sh
 source "$(dirname "$0")/audio_media.sh"
 # What differs per renderer: its model name, how it refuses a pause while nothing plays, and
-# whether it refuses media of a type it cannot play (an empty text: no such case).
+# whether it refuses media of a type it cannot play and a seek past the end (an empty text: it
+# does not).
 case "$renderer" in
   gmediarender)
     model=gmediarender
     pause_refused="Pause failed: Transition to PAUSE not allowed; allowed=PLAY (UPnP error 501)"
     mime_refused=""
+    seek_refused=""  # it takes a seek past the end, and answers that position
     ;;
   rygel)
     model=Rygel
     pause_refused="Pause failed: Transition not available (UPnP error 701)"
     mime_refused="SetAVTransportURI failed: Illegal MIME-type (UPnP error 714)"
+    seek_refused="Seek failed: Illegal seek target (UPnP error 711)"
     ;;
 esac
 
@@ -99,6 +102,19 @@ CONF
   renderer_pid=$!
   pids+=($renderer_pid)
   await_line "$work/ssdp.log" 15 "^ssdp:alive $udn(::|\$)"
+}
+
+# The tone again, from a server that answers byte ranges (python's http.server does not, and
+# a renderer seeks in media over HTTP by asking for the part from there on): ranged_tone.
+ranged_port=8766
+ranged_tone=http://$dev_address:$ranged_port/tone.wav
+start_ranged_media() {
+  mkdir -p "$work/ranged"
+  sox -n -r 44100 -c 2 "$work/ranged/tone.wav" synth 60 sine 440 vol 0.1 || fail "sox made no tone"
+  "${in_dev[@]}" python3 -u "$here/range_http.py" "$dev_address" "$ranged_port" "$work/ranged" \
+    >"$work/ranged_http.log" 2>&1 &
+  pids+=($!)
+  await_line "$work/ranged_http.log" 10 '^Serving HTTP'
 }
 
 # Runs hxf NAME ARGS...: stdout to $work/NAME.out, stderr to $work/NAME.err; sets `code`.
@@ -217,6 +233,27 @@ case "$case_name" in
     [ "$code" = 0 ] || fail "search exited with $code"
     [ "$(grep -c "^$udn " "$work/search.out")" = 1 ] || fail "the renderer is not listed once"
     has_line "$work/search.err" "1 device(s) offer audio" || fail "not one device"
+    ;;
+  seek)
+    # While it plays, and past the end of the media (60 s): refused by the renderer, if it does.
+    start_renderer
+    start_ranged_media
+    "${hxf_upnp[@]}" --json watch audio --for 30000 >"$work/watch.out" 2>"$work/watch.err" &
+    pids+=($!)
+    await_line "$work/watch.out" 15 '"event":"notification".*"transport_state":"(no_media|stopped)"'
+    run play request audio play uri="$ranged_tone"
+    [ "$code" = 0 ] || fail "play exited with $code"
+    await_line "$work/watch.out" 10 '"event":"notification".*"transport_state":"playing"'
+    run seek request audio seek position=30
+    [ "$code" = 0 ] || fail "seek exited with $code"
+    grep -Eq '^  position +3[0-5]$' "$work/seek.out" || fail "seek does not answer position 30"
+    grep -Eq '^  transport_state +playing$' "$work/seek.out" || fail "the renderer stopped playing"
+    await_line "$work/ranged_http.log" 10 '"GET /tone.wav HTTP/1.1" 206 '  # it asked for a range
+    [ -n "$seek_refused" ] || { echo "ok [$case_name] ($renderer takes a seek past the end)"; exit 0; }
+    run past request audio seek position=70
+    [ "$code" = 1 ] || fail "exit code $code, expected 1"
+    has_line "$work/past.err" "hxf: seek on audio failed: $seek_refused (error 2: HXF_ERROR_OPERATION_FAILED)" ||
+      fail "the renderer's refusal does not reach the consumer with its code"
     ;;
   byebye)
     # SIGTERM: the renderer says byebye as it ends.

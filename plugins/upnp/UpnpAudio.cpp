@@ -26,10 +26,12 @@ constexpr const char* kRenderingControl = "urn:schemas-upnp-org:service:Renderin
 constexpr const char* kAVTransport = "urn:schemas-upnp-org:service:AVTransport:1";
 
 // A step's reader: the action's outputs, read as text, each applied as the state variable
-// it is paired with ({output, variable}). A SOAP fault is the reader's error.
+// it is paired with ({output, variable}) to the renderer's state and to the sequence's
+// reading. A SOAP fault is the reader's error.
 using Outputs = std::vector<std::pair<const char*, const char*>>;
-std::function<bool(GUPnPServiceProxyAction*, AudioState*, GError**)> ReadOutputs(Outputs outputs) {
-  return [outputs](GUPnPServiceProxyAction* action, AudioState* state, GError** error) {
+decltype(AudioStep::read) ReadOutputs(Outputs outputs) {
+  return [outputs](GUPnPServiceProxyAction* action, AudioState* state, AudioState* reading,
+                   GError** error) {
     GList* names = nullptr;
     GList* types = nullptr;
     for (const auto& [output, variable] : outputs) {
@@ -44,7 +46,9 @@ std::function<bool(GUPnPServiceProxyAction*, AudioState*, GError**)> ReadOutputs
          item = item->next, ++index) {
       const char* text = g_value_get_string(static_cast<GValue*>(item->data));
       std::string problem;
-      if (text != nullptr && !ApplyVariable(outputs[index].second, text, state, &problem))
+      if (text == nullptr) continue;
+      ApplyVariable(outputs[index].second, text, reading, &problem);
+      if (!ApplyVariable(outputs[index].second, text, state, &problem))
         dlog_print(DLOG_WARN, kTag, "upnp: refused from the renderer: %s\n", problem.c_str());
     }
     g_list_free_full(values, [](gpointer value) {
@@ -124,7 +128,7 @@ void ReleaseRenderer(Renderer* renderer) {
 }
 
 void Plugin::RunAudio(const std::string& udn, std::shared_ptr<const std::vector<AudioStep>> steps,
-                      size_t next, AudioDone done) {
+                      size_t next, std::shared_ptr<AudioState> read, AudioDone done) {
   const auto found = devices_.find(udn);
   if (found == devices_.end()) {
     done("the device is gone", nullptr);
@@ -137,7 +141,8 @@ void Plugin::RunAudio(const std::string& udn, std::shared_ptr<const std::vector<
   const AudioStep& step = (*steps)[next];
   const Renderer& renderer = found->second.renderer;
   Call(step.transport ? renderer.transport : renderer.rendering, step.name, step.make(),
-       [this, udn, steps, next, done](GUPnPServiceProxyAction* action, const GError* error) {
+       [this, udn, steps, next, read, done](GUPnPServiceProxyAction* action,
+                                            const GError* error) {
          const AudioStep& current = (*steps)[next];
          const std::string failed = std::string(current.name) + " failed";
          if (action == nullptr) {
@@ -150,18 +155,21 @@ void Plugin::RunAudio(const std::string& udn, std::shared_ptr<const std::vector<
            return;
          }
          GError* read_error = nullptr;
-         if (current.read && !current.read(action, &again->second.renderer.state, &read_error)) {
+         if (current.read &&
+             !current.read(action, &again->second.renderer.state, read.get(), &read_error)) {
            done(failed, read_error);
            g_clear_error(&read_error);
            return;
          }
-         RunAudio(udn, steps, next + 1, done);
+         RunAudio(udn, steps, next + 1, read, done);
        });
 }
 
-void Plugin::RunAndTell(const std::string& udn, std::vector<AudioStep> steps, AudioDone done) {
+void Plugin::RunAndTell(const std::string& udn, std::vector<AudioStep> steps,
+                        std::shared_ptr<AudioState> read, AudioDone done) {
   AppendReads(&steps);
   RunAudio(udn, std::make_shared<const std::vector<AudioStep>>(std::move(steps)), 0,
+           std::move(read),
            [this, udn, done](const std::string& failed, const GError* error) {
              const auto found = devices_.find(udn);
              if (found != devices_.end()) NotifyAudio(found->second);
@@ -221,8 +229,11 @@ void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transa
     }));
   }
   const std::string udn = device->endpoint.id;
-  RunAndTell(udn, std::move(steps),
-             [this, operation, transaction, udn](const std::string& failed, const GError* error) {
+  // The answer: the state as this request's own reads found it after its actions.
+  auto read = std::make_shared<AudioState>(device->renderer.state);
+  RunAndTell(udn, std::move(steps), read,
+             [this, operation, transaction, udn, read](const std::string& failed,
+                                                       const GError* error) {
                if (!failed.empty()) {
                  CallFailed(kAudio, operation, transaction, failed, error, udn);
                  return;
@@ -233,7 +244,7 @@ void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transa
                  return;
                }
                Answer(kAudio, transaction,
-                      StateList(operation, answered->second, answered->second.renderer.state),
+                      StateList(operation, answered->second, *read),
                       HXF_ERROR_NONE);
              });
 }
@@ -250,9 +261,10 @@ void Plugin::SubscribeAudio(Device* device) {
 }
 
 void Plugin::ReadAudio(const std::string& udn) {
-  RunAndTell(udn, {}, [this, udn](const std::string& failed, const GError* error) {
-    if (!failed.empty()) StateReadFailed(udn, failed, error);
-  });
+  RunAndTell(udn, {}, std::make_shared<AudioState>(),
+             [this, udn](const std::string& failed, const GError* error) {
+               if (!failed.empty()) StateReadFailed(udn, failed, error);
+             });
 }
 
 void Plugin::UnsubscribeAudio(Device* device) {

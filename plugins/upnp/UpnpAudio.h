@@ -28,13 +28,14 @@ void FindRenderer(GUPnPDeviceInfo* info, const std::string& device_type, Rendere
 void ReleaseRenderer(Renderer* renderer);
 
 // One SOAP action of a sequence on a renderer: on its AVTransport (`transport`) or its
-// RenderingControl, made when its turn comes, and its result read into the state (null:
-// nothing to read but the success).
+// RenderingControl, made when its turn comes, and its result read into the renderer's state
+// and into what the sequence itself read (null: nothing to read but the success).
 struct AudioStep {
   bool transport;
   const char* name;
   std::function<GUPnPServiceProxyAction*()> make;
-  std::function<bool(GUPnPServiceProxyAction*, AudioState*, GError**)> read;
+  std::function<bool(GUPnPServiceProxyAction*, AudioState* state, AudioState* read, GError**)>
+      read;
 };
 
 }  // namespace hxf_upnp

@@ -187,11 +187,15 @@ class Plugin : public hxf_plugin_kit::Provider<Plugin, Activity> {
   // UpnpAudio.cpp: the "audio" operations on media renderers, and their LastChange events.
   // `done` gets what failed (empty on success) with the error.
   using AudioDone = std::function<void(const std::string& failed, const GError*)>;
-  // Runs steps[next...] in turn on the renderer `udn`, each result read into its state.
+  // Runs steps[next...] in turn on the renderer `udn`, each result read into its state and
+  // into `read`: what this sequence itself read, which events that come meanwhile (one may
+  // be older than the read: a renderer's first event after a subscription) do not change.
   void RunAudio(const std::string& udn, std::shared_ptr<const std::vector<AudioStep>> steps,
-                size_t next, AudioDone done);
-  // Runs `steps`, then reads the whole state back, and tells watchers what is news.
-  void RunAndTell(const std::string& udn, std::vector<AudioStep> steps, AudioDone done);
+                size_t next, std::shared_ptr<AudioState> read, AudioDone done);
+  // Runs `steps`, then reads the whole state back (also into `read`), and tells watchers
+  // what is news.
+  void RunAndTell(const std::string& udn, std::vector<AudioStep> steps,
+                  std::shared_ptr<AudioState> read, AudioDone done);
   void AudioRequest(const std::string& operation, hxf_transaction_h transaction,
                     hxf_property_list_h request, Device* device);
   void SubscribeAudio(Device* device);

@@ -91,10 +91,7 @@ enabled=false
 [Ruih]
 enabled=false
 CONF
-  : >"$work/ssdp.log"
-  "${in_tv[@]}" python3 -u "$here/ssdp_watch.py" 169.254.77.2 60 >>"$work/ssdp.log" 2>&1 &
-  pids+=($!)
-  await_line "$work/ssdp.log" 5 '^listening$'
+  watch_ssdp
   "${in_dev[@]}" env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$work/rygel" \
     XDG_CONFIG_HOME="$config" XDG_CACHE_HOME="$work/rygel/cache" \
     XDG_DATA_HOME="$work/rygel/data" XDG_RUNTIME_DIR="$work/rygel/runtime" \

@@ -22,11 +22,7 @@ source "$here/../support/bus_case.sh"
 source "$here/../support/await.sh"
 
 source "$here/../support/private_bus.sh"
-write_bus_conf "$work/bus.conf" "$work/bus"
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>"$work/daemon.err" &
-pids+=($!)
-await_line "$work/address" 10 '^unix:'
-address=unix:path=$work/bus
+start_private_bus
 "$hxfd" --address "$address" >"$work/hxfd.out" 2>"$work/hxfd.err" &
 hxfd_pid=$!
 pids+=($hxfd_pid)

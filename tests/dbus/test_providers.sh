@@ -24,11 +24,7 @@ source "$here/../support/bus_case.sh"
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
 source "$here/../support/private_bus.sh"
-write_bus_conf "$work/bus.conf" "$work/bus"
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>"$work/daemon.err" &
-pids+=($!)
-await_line "$work/address" 10 '^unix:'
-address=unix:path=$work/bus
+start_private_bus
 hxfd_pid=""
 
 # start_hxfd PLUGIN...: hxfd with these plugins, in this order (the one before is stopped).

@@ -146,11 +146,7 @@ EXPECTED
   bus-both-ways)
     command -v dbus-daemon >/dev/null || skip "dbus-daemon is missing (scripts/install-deps.sh dbus)"
     source "$here/../support/private_bus.sh"
-    write_bus_conf "$work/bus.conf" "$work/bus"
-    dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>"$work/daemon.err" &
-    pids+=($!)
-    await_line "$work/address" 10 '^unix:'
-    address=unix:path=$work/bus
+    start_private_bus
     start_broker "$work/broker.conf" broker
     start_hxfd --mqtt "$url" --address "$address"
     await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'

@@ -10,34 +10,19 @@
 
 #include "EventLog.h"
 #include "Eventually.h"
-#include "LogCapture.h"
+#include "SimShared.h"
 #include "Str.h"
 #include "hxf_core.h"
 
 using HXFramework::Test::EventLog;
 using HXFramework::Test::Eventually;
-using HXFramework::Test::LogCapture;
+using HXFramework::Test::RefusedAs;
+using HXFramework::Test::Render;
 using HXFramework::Test::Str;
 
 namespace {
 
 constexpr const char* kUri = "http://169.254.77.1:8765/tone.wav";
-
-std::string Render(hxf_property_list_h list) {
-  if (list == nullptr) return "null";
-  std::string text = hxf_property_list_get_name(list);
-  for (hxf_property_h p = hxf_property_list_get_first(list); p != nullptr;
-       p = hxf_property_list_get_next(list, p)) {
-    text += std::string(" ") + hxf_property_get_name(p) + "=";
-    int64_t i = 0;
-    bool b = false;
-    const char* s = nullptr;
-    if (hxf_property_get_int(p, &i) == HXF_ERROR_NONE) text += std::to_string(i);
-    if (hxf_property_get_bool(p, &b) == HXF_ERROR_NONE) text += b ? "true" : "false";
-    if (hxf_property_get_string(p, &s, nullptr) == HXF_ERROR_NONE) text += s;
-  }
-  return text;
-}
 
 // Writes `content` as the simulator's configuration for the next load (empty: the default
 // home).
@@ -281,55 +266,28 @@ TEST_F(SimAudio, APausedSpeakersMediaDoesNotEnd) {
   EXPECT_TRUE(events_.WaitPrefix(stopped, 1));
 }
 
-namespace {
-
-// Loads the simulator with `content`; true when the load fails with "sim: bad configuration
-// PATH:" + `refusal` in the log.
-bool SpeakerRefusedAs(const std::string& content, const std::string& refusal) {
-  Configure(content);
-  LogCapture capture;
-  hxf_core_initialize();
-  EventLog loaded;
-  hxf_core_plugin_load(
-      Str("sim"),
-      [](hxf_string, hxf_plugin_load_result_e result, void* ud) {
-        static_cast<EventLog*>(ud)->Add("loaded " + std::to_string(result));
-      },
-      &loaded);
-  const bool failed = loaded.WaitCount("loaded 1", 1);
-  Configure("");
-  hxf_core_plugin_unload_all();
-  hxf_core_finalize();
-  const std::string line =
-      "sim: bad configuration " + ::testing::TempDir() + "sim-audio.json:" + refusal + "\n";
-  EXPECT_TRUE(capture.Contains(line)) << capture.Find("bad configuration").text;
-  return failed && capture.Contains(line);
-}
-
-}  // namespace
-
 TEST(SimAudioConfig, ASpeakersSettingsAreCheckedAtTheirLine) {
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\",\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\",\n"
                         "\"properties\": []}]}\n",
                         "2: devices[0] (\"a\"): a device of the service audio is a speaker: no "
                         "\"properties\" (its settings go in \"speaker\")"));
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"lights\",\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"lights\",\n"
                         "\"speaker\": {}}]}\n",
                         "2: devices[0] (\"a\"): \"speaker\" is for a device of the service audio "
                         "only"));
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
                         "\"volume\": 101}}]}\n",
                         "2: devices[0] (\"a\").speaker: \"volume\" must be a whole number 0..100, "
                         "not 101"));
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
                         "\"media_duration\": 0}}]}\n",
                         "2: devices[0] (\"a\").speaker: \"media_duration\" must be a whole "
                         "number 1..359999, not 0"));
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
                         "\"volum\": 10}}]}\n",
                         "2: devices[0] (\"a\").speaker: unknown key \"volum\" (did you mean "
                         "\"volume\"?)"));
-  EXPECT_TRUE(SpeakerRefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
+  EXPECT_TRUE(RefusedAs("{\"devices\": [{\"id\": \"a\", \"service\": \"audio\", \"speaker\": {\n"
                         "\"uri\": \"\"}}]}\n",
                         "2: devices[0] (\"a\").speaker: \"uri\" must have 1 to 2048 bytes"));
 }

@@ -20,3 +20,13 @@ write_bus_conf() {
 </busconfig>
 CONF
 }
+# start_private_bus: a dbus-daemon of the test's own on $work/bus (write_bus_conf), its PID in
+# `pids`, its address in `address` once it listens. Needs work, pids and await_line.
+start_private_bus() {
+  write_bus_conf "$work/bus.conf" "$work/bus"
+  dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
+    2>"$work/daemon.err" &
+  pids+=($!)
+  await_line "$work/address" 10 '^unix:'
+  address=unix:path=$work/bus
+}

@@ -23,12 +23,7 @@ source "$here/../support/private_bus.sh"
 
 # Starts a private bus and hxfd on it; extra arguments are hxfd's environment (VAR=VALUE).
 start_hxfd() {
-  write_bus_conf "$work/bus.conf" "$work/bus"
-  dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
-    2>"$work/daemon.err" &
-  pids+=($!)
-  await_line "$work/address" 10 '^unix:'
-  address=unix:path=$work/bus
+  start_private_bus
   env "$@" "$hxfd" --address "$address" >"$work/hxfd.out" 2>"$work/hxfd.err" &
   pids+=($!)
   await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'

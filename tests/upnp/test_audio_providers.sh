@@ -19,12 +19,7 @@ source "$here/audio_media.sh"
 source "$here/../support/private_bus.sh"
 
 start_hxfd() {
-  write_bus_conf "$work/bus.conf" "$work/bus"
-  dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
-    2>"$work/daemon.err" &
-  pids+=($!)
-  await_line "$work/address" 10 '^unix:'
-  address=unix:path=$work/bus
+  start_private_bus
   "${in_tv[@]}" "$hxfd" --address "$address" --plugin sim --plugin upnp >"$work/hxfd.out" 2>"$work/hxfd.err" &
   pids+=($!)
   await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'

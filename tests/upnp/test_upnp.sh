@@ -89,23 +89,18 @@ case "$case_name" in
     start_light
     # shellcheck source=../support/private_bus.sh
     source "$(dirname "$0")/../support/private_bus.sh"
-    write_bus_conf "$work/bus.conf" "$work/bus"
-    dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
-      2>"$work/daemon.err" &
-    pids+=($!)
-    await_line "$work/address" 10 '^unix:'
-    bus=$(head -1 "$work/address")
-    "${in_tv[@]}" "$(dirname "$hxf")/../hxfd/hxfd" --address "$bus" --plugin upnp --log-level debug \
+    start_private_bus
+    "${in_tv[@]}" "$(dirname "$hxf")/../hxfd/hxfd" --address "$address" --plugin upnp --log-level debug \
       --config /dev/null >"$work/hxfd.out" 2>"$work/hxfd.err" &
     hxfd_pid=$!
     pids+=($hxfd_pid)
     await_line "$work/hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'
-    "${in_tv[@]}" "$hxf" --bus "$bus" --json search lights --timeout 10000 >"$work/search.out" \
+    "${in_tv[@]}" "$hxf" --bus "$address" --json search lights --timeout 10000 >"$work/search.out" \
       2>"$work/search.err" || fail "the light was not found"
     udn=$(grep -o '"device_id":"uuid:[^"]*"' "$work/search.out" | head -1 | cut -d'"' -f4)
     [ -n "$udn" ] || fail "no device id in the search"
     kill -STOP "$light_pid"
-    "${in_tv[@]}" "$hxf" --bus "$bus" request lights set device="$udn" power=true \
+    "${in_tv[@]}" "$hxf" --bus "$address" request lights set device="$udn" power=true \
       >"$work/set.out" 2>"$work/set.err" &
     set_pid=$!
     pids+=($set_pid)

@@ -114,6 +114,14 @@ start_ranged_media() {
   await_line "$work/ranged_http.log" 10 '^Serving HTTP'
 }
 
+# A watcher of audio in the background (JSON lines in $work/watch.out), once it has heard the
+# renderer's state: the plugin has subscribed and read it, so a change from now on reaches it.
+watch_renderer() {
+  "${hxf_upnp[@]}" --json watch audio --for 30000 >"$work/watch.out" 2>"$work/watch.err" &
+  pids+=($!)
+  await_line "$work/watch.out" 15 '"event":"notification".*"transport_state":"(no_media|stopped)"'
+}
+
 # Runs hxf NAME ARGS...: stdout to $work/NAME.out, stderr to $work/NAME.err; sets `code`.
 run() {
   local name=$1
@@ -151,10 +159,7 @@ case "$case_name" in
   play)
     start_renderer
     start_media
-    "${hxf_upnp[@]}" --json watch audio --for 30000 >"$work/watch.out" 2>"$work/watch.err" &
-    pids+=($!)
-    # The watcher hears the renderer's state once the plugin has subscribed.
-    await_line "$work/watch.out" 15 '"event":"notification".*"transport_state":"(no_media|stopped)"'
+    watch_renderer
     run play request audio play uri="$tone"
     [ "$code" = 0 ] || fail "play exited with $code"
     grep -Eq "^  uri +$tone\$" "$work/play.out" || fail "play does not answer the URI"
@@ -235,9 +240,7 @@ case "$case_name" in
     # While it plays, and past the end of the media (60 s): refused by the renderer, if it does.
     start_renderer
     start_ranged_media
-    "${hxf_upnp[@]}" --json watch audio --for 30000 >"$work/watch.out" 2>"$work/watch.err" &
-    pids+=($!)
-    await_line "$work/watch.out" 15 '"event":"notification".*"transport_state":"(no_media|stopped)"'
+    watch_renderer
     run play request audio play uri="$ranged_tone"
     [ "$code" = 0 ] || fail "play exited with $code"
     await_line "$work/watch.out" 10 '"event":"notification".*"transport_state":"playing"'

@@ -143,17 +143,26 @@ TEST(MqttDiscovery, AThermostatIsAClimateWithCurrentAndTargetTemperature) {
   ExpectHomeAssistantAccepts(configs);
 }
 
-TEST(MqttDiscovery, ASpeakerIsSwitchesANumberAndASensor) {
+TEST(MqttDiscovery, ASpeakerIsANumberASwitchAndSensorsForWhatASetDoesNotTake) {
   const auto configs = DiscoveryConfigs(
       kNames, Sim("audio", "soundbar-1", "Soundbar"),
-      {{"device_id", "soundbar-1"}, {"power", true}, {"volume", 40}, {"muted", false}, {"input", "hdmi"}});
-  ASSERT_EQ(configs.size(), 4u);
-  EXPECT_EQ(configs[0].topic, "homeassistant/switch/den/audio_soundbar-1_power/config");
-  EXPECT_EQ(configs[1].topic, "homeassistant/number/den/audio_soundbar-1_volume/config");
-  EXPECT_EQ(configs[1].payload,
+      {{"device_id", "soundbar-1"}, {"volume", 40}, {"muted", false},
+       {"transport_state", "playing"}, {"uri", "http://h/a.wav"}, {"position", 12},
+       {"duration", 180}, {"input", "hdmi"}});
+  ASSERT_EQ(configs.size(), 7u);
+  EXPECT_EQ(configs[0].topic, "homeassistant/number/den/audio_soundbar-1_volume/config");
+  EXPECT_EQ(configs[0].payload,
             R"({"name":"volume","unique_id":"hxf_den_audio_soundbar-1_volume","availability_topic":"hxf/den/status","payload_available":"online","payload_not_available":"offline","device":{"identifiers":["hxf_den_audio_soundbar-1"],"name":"Soundbar","model":"audio","manufacturer":"sim"},"state_topic":"hxf/den/audio/soundbar-1/state","value_template":"{{ value_json.volume }}","command_topic":"hxf/den/audio/soundbar-1/ha/set/volume","min":0,"max":100,"step":1})");
-  EXPECT_EQ(configs[2].topic, "homeassistant/switch/den/audio_soundbar-1_muted/config");
-  EXPECT_EQ(configs[3].topic, "homeassistant/sensor/den/audio_soundbar-1_input/config");
+  EXPECT_EQ(configs[1].topic, "homeassistant/switch/den/audio_soundbar-1_muted/config");
+  EXPECT_EQ(configs[2].topic, "homeassistant/sensor/den/audio_soundbar-1_transport_state/config");
+  EXPECT_EQ(configs[3].topic, "homeassistant/sensor/den/audio_soundbar-1_uri/config");
+  // Read only, in seconds: a sensor of a duration, no command topic.
+  EXPECT_EQ(configs[4].topic, "homeassistant/sensor/den/audio_soundbar-1_position/config");
+  EXPECT_EQ(configs[4].payload,
+            R"({"name":"position","unique_id":"hxf_den_audio_soundbar-1_position","availability_topic":"hxf/den/status","payload_available":"online","payload_not_available":"offline","device":{"identifiers":["hxf_den_audio_soundbar-1"],"name":"Soundbar","model":"audio","manufacturer":"sim"},"state_topic":"hxf/den/audio/soundbar-1/state","value_template":"{{ value_json.position }}","device_class":"duration","unit_of_measurement":"s"})");
+  EXPECT_EQ(configs[5].topic, "homeassistant/sensor/den/audio_soundbar-1_duration/config");
+  // A property that is none of the audio words is mapped by its type, as on any device.
+  EXPECT_EQ(configs[6].topic, "homeassistant/sensor/den/audio_soundbar-1_input/config");
   ExpectHomeAssistantAccepts(configs);
 }
 

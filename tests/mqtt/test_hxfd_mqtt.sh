@@ -225,6 +225,11 @@ EXPECTED
     grep -q '"current_temperature_template":"{{ value_json.temperature }}"' "$work/climate.out" || fail "no current temperature"
     sub 'homeassistant/number/den/audio_speaker-1_volume/config' 1 >/dev/null || fail "no volume number"
     sub 'homeassistant/switch/den/audio_speaker-1_muted/config' 1 >/dev/null || fail "no muted switch"
+    # What a set does not take is read only: the position a sensor of seconds, not a number.
+    sub 'homeassistant/sensor/den/audio_speaker-1_position/config' 1 >"$work/position.out" || fail "no position sensor"
+    grep -q '"device_class":"duration","unit_of_measurement":"s"' "$work/position.out" || fail "the position is not in seconds"
+    grep -q 'command_topic' "$work/position.out" && fail "the position takes commands"
+    sub 'homeassistant/number/den/audio_speaker-1_position/config' 1 1 >/dev/null && fail "the position is a number"
     # Home Assistant's commands: a JSON light, a number, a climate mode.
     mosquitto_pub -p "$port" -t hxf/den/lights/lamp-1/ha/light/set -m '{"state":"OFF"}'
     mosquitto_pub -p "$port" -t hxf/den/audio/speaker-1/ha/set/volume -m '31'

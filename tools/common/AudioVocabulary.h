@@ -5,9 +5,12 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 namespace hxf_tool {
 namespace audio {
+
+inline constexpr const char* kService = "audio";
 
 // Operations (the request's list name). Each answers the device's state after it, under the
 // operation's name; "state" is the name of the notifications.
@@ -34,6 +37,20 @@ inline constexpr const char* kDuration = "duration";              // int, second
 inline constexpr int64_t kMinVolume = 0;
 inline constexpr int64_t kMaxVolume = 100;
 inline constexpr size_t kMaxUriLength = 2048;
+inline constexpr const char* kProperties[] = {kVolume,   kMuted,    kTransportState, kUri,
+                                              kTitle,    kPosition, kDuration};
+
+// One of the properties above.
+inline bool IsWord(const std::string& name) {
+  for (const char* word : kProperties) {
+    if (name == word) return true;
+  }
+  return false;
+}
+// Taken by "set"; the others are read only.
+inline bool Settable(const std::string& name) { return name == kVolume || name == kMuted; }
+// A time in whole seconds.
+inline bool InSeconds(const std::string& name) { return name == kPosition || name == kDuration; }
 
 // The transport states a consumer sees, with the UPnP AVTransport state each stands for.
 struct TransportState {

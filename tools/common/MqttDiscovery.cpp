@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "AudioVocabulary.h"
+
 namespace hxf_tool {
 
 namespace {
@@ -153,12 +155,22 @@ std::vector<Retained> DiscoveryConfigs(const DiscoveryNames& names, const Device
     builder.Add("climate", object, config, &configs);
     covered.insert(covered.end(), {kTemperature, kTargetTemperature});
   }
+  // A speaker's words say which of its properties a set takes: the others are sensors (the
+  // position and the duration in seconds), never numbers whose commands would be refused.
+  const bool speaker = device.service == audio::kService;
   for (const PropertyValue& p : state) {
     if (std::find(covered.begin(), covered.end(), p.name) != covered.end()) continue;
     if (!TemplateName(p.name)) continue;
     Ordered config = builder.Base(p.name, &object);
     config["state_topic"] = state_topic;
-    if (p.value.is_boolean()) {
+    if (speaker && audio::IsWord(p.name) && !audio::Settable(p.name)) {
+      config["value_template"] = "{{ value_json." + p.name + " }}";
+      if (audio::InSeconds(p.name)) {
+        config["device_class"] = "duration";
+        config["unit_of_measurement"] = "s";
+      }
+      builder.Add("sensor", object, config, &configs);
+    } else if (p.value.is_boolean()) {
       config["value_template"] = "{{ 'ON' if value_json." + p.name + " else 'OFF' }}";
       config["command_topic"] = builder.SetTopic(p.name);
       config["payload_on"] = kOn;

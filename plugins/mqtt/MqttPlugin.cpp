@@ -102,6 +102,27 @@ bool ReadConfig(Config* config, std::string* problem) {
     }
     config->timeout = std::chrono::milliseconds(std::stoul(timeout));
   }
+  const std::string services = Env("HXF_MQTT_SERVICES");
+  if (!services.empty()) {
+    const size_t longest = hxf_tool::MqttLimits{}.name_bytes;
+    std::set<std::string> seen;
+    for (size_t start = 0;;) {
+      const size_t comma = services.find(',', start);
+      const std::string name = services.substr(start, comma - start);
+      if (name.empty() || name.size() > longest) {
+        *problem = "HXF_MQTT_SERVICES " + services.substr(0, 64) + ": names of 1 to " +
+                   std::to_string(longest) + " characters, separated by commas";
+        return false;
+      }
+      if (seen.insert(name).second) config->services.push_back(name);
+      if (comma == std::string::npos) break;
+      start = comma + 1;
+    }
+    if (config->services.size() > kMaxServices) {
+      *problem = "HXF_MQTT_SERVICES: at most " + std::to_string(kMaxServices) + " services";
+      return false;
+    }
+  }
   return true;
 }
 
@@ -157,6 +178,8 @@ void Plugin::Run() {
     SendLoadResult(false);
     return;
   }
+  // Offered at once, so that a listen started before any node exports one hears of it later.
+  for (const std::string& name : config_.services) ServiceFor(name);
   mosquitto_lib_init();
   std::random_device random;
   char id[32];

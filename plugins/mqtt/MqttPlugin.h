@@ -41,6 +41,7 @@ struct Config {
   std::string prefix = hxf_tool::kMqttDefaultPrefix;
   std::string node;                    // this host's node, whose topics are skipped
   std::chrono::milliseconds timeout{12000};  // a request's answer, at most
+  std::vector<std::string> services;   // offered from the load on, before any node exports them
 };
 // False with the reason when the environment does not make a configuration.
 bool ReadConfig(Config* config, std::string* problem);

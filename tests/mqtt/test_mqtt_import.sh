@@ -177,6 +177,21 @@ case $case_name in
     await_line "$work/listen.out" 30 'arrived.*den/spot-1'
     interrupt "$listen_pid"
     ;;
+  listen-before-export)
+    # No node exports blinds yet: offered from the load on (HXF_MQTT_SERVICES), a listen of it
+    # hears the first one that comes.
+    export HXF_MQTT_SERVICES=blinds,lights
+    start_hxf listen listen blinds --for 20000
+    listen_pid=$bg
+    await_line "$work/listen.err" 30 '^listening to blinds for 20000 ms$'
+    pub -r -t hxf/den/blinds/shade-1/device -m "$(device_json shade-1 'Shade' 192.168.1.25 | sed 's/"service":"lights"/"service":"blinds"/')"
+    await_line "$work/listen.out" 30 '^(found|arrived) +den/shade-1 +Shade '
+    interrupt "$listen_pid"
+    export HXF_MQTT_SERVICES=blinds,,lights
+    run devices lights
+    expect_code 1
+    expect_err "mqtt: HXF_MQTT_SERVICES blinds,,lights: names of 1 to 255 characters, separated by commas"
+    ;;
   bad-payloads)
     # Each refused with a log line; the good devices stay.
     pub -r -t hxf/den/lights/bad-1/device -m 'not json'

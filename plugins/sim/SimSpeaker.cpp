@@ -18,7 +18,7 @@ int64_t PositionAt(const Speaker& speaker, Speaker::Clock::time_point now) {
 }
 
 std::string NotNow(const std::string& operation, const Speaker& speaker) {
-  return "cannot " + operation + " while " + TransportName(speaker.transport);
+  return audio::NotNow(operation, TransportName(speaker.transport));
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ std::string Operate(Speaker* speaker, const std::string& operation,
       speaker->uri = *asked.uri;
       move(Transport::kPlaying, 0);
     } else if (speaker->transport == Transport::kNoMedia) {
-      return NotNow(operation, *speaker) + " (play takes uri)";
+      return audio::NothingToPlay();
     } else if (speaker->transport != Transport::kPlaying) {
       move(Transport::kPlaying, position);
     }

@@ -24,7 +24,7 @@ SpeakerState Notified(SpeakerState state);
 // when done; else the speaker's own refusal (answer it with HXF_ERROR_OPERATION_FAILED) and
 // nothing has changed:
 //   play   loads `uri` when given (at position 0), then plays; with nothing loaded and no
-//          uri it is refused ("cannot play while no_media (play takes uri)")
+//          uri it is refused ("no media is loaded (play takes uri)")
 //   pause  while playing; while paused it changes nothing; refused while stopped or no_media
 //   stop   stopped at position 0, the uri kept; with nothing loaded it changes nothing
 //   seek   to a position within the media's duration, in any state but no_media; playing

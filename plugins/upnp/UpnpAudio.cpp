@@ -185,6 +185,11 @@ void Plugin::AudioRequest(const std::string& operation, hxf_transaction_h transa
     Answer(kAudio, transaction, ErrorList(operation, problem), HXF_ERROR_INVALID_PARAMETER);
     return;
   }
+  if (operation == audio::kPlay && !asked.uri && !device->renderer.state.uri) {
+    Answer(kAudio, transaction, ErrorList(operation, audio::NothingToPlay()),
+           HXF_ERROR_OPERATION_FAILED);
+    return;
+  }
   std::vector<AudioStep> steps;
   if (asked.volume) {
     const guint volume = static_cast<guint>(*asked.volume);

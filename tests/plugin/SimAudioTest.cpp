@@ -197,7 +197,7 @@ TEST_F(SimAudio, WhatTheSpeakerCannotDoNowIsItsOwnRefusal) {
   EXPECT_EQ(Ask("speaker-1", "pause"),
             "result 2 pause error=cannot pause while no_media (allowed: play)");
   EXPECT_EQ(Ask("speaker-1", "play"),
-            "result 2 play error=cannot play while no_media (play takes uri)");
+            "result 2 play error=no media is loaded (play takes uri)");
   EXPECT_EQ(Ask("speaker-1", "seek", {Int("position", 10)}),
             "result 2 seek error=cannot seek while no_media");
   ASSERT_EQ(Ask("speaker-1", "play", {Text("uri", kUri)}).rfind("result 0 play", 0), 0u);

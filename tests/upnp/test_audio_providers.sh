@@ -43,6 +43,7 @@ sequence() {
     fi >>"$work/$name.steps"
   done <<REQUESTS
 get
+play
 set volume=30 muted=false
 play uri=$tone
 pause
@@ -69,6 +70,7 @@ case "$case_name" in
     sequence "$udn" upnp
     cat >"$work/expected.steps" <<'STEPS'
 get 0 device_id volume muted transport_state position duration 
+play 1 hxf: play on audio failed: no media is loaded (play takes uri) (error 2: HXF_ERROR_OPERATION_FAILED)
 set 0 device_id volume muted transport_state position duration 
 play 0 device_id volume muted transport_state uri position duration 
 pause 0 device_id volume muted transport_state uri position duration 
@@ -82,13 +84,13 @@ STEPS
         fail "the $name provider's answers differ from the vocabulary's"
     done
     # The values the requests asked for, from both.
-    for out in "$work/sim-2.out" "$work/upnp-2.out"; do
+    for out in "$work/sim-3.out" "$work/upnp-3.out"; do
       grep -Eq '^  volume +30$' "$out" || fail "$out: no volume 30"
     done
-    for out in "$work/sim-3.out" "$work/upnp-3.out"; do
+    for out in "$work/sim-4.out" "$work/upnp-4.out"; do
       grep -Eq "^  uri +$tone\$" "$out" || fail "$out: not the tone's uri"
     done
-    for out in "$work/sim-5.out" "$work/upnp-5.out"; do
+    for out in "$work/sim-6.out" "$work/upnp-6.out"; do
       grep -Eq '^  transport_state +stopped$' "$out" || fail "$out: not stopped"
     done
     ;;

@@ -33,6 +33,15 @@ inline const char* Takes(const std::string& operation) {
   return "none";
 }
 
+// What a device cannot do in its transport state, worded alike by every provider.
+inline std::string NotNow(const std::string& operation, const std::string& transport_state) {
+  return "cannot " + operation + " while " + transport_state;
+}
+// A play without uri while no media is loaded (no uri known, whatever the transport state
+// says): refused before anything reaches the device, since renderers differ there (one
+// answers an error code of its own, another sits in "transitioning").
+inline std::string NothingToPlay() { return "no media is loaded (play takes uri)"; }
+
 inline bool KnownOperation(const std::string& operation) {
   for (const char* name : kOperations) {
     if (operation == name) return true;

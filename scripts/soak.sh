@@ -42,9 +42,7 @@ start_broker() {
   write_bus_conf "$work/$1.conf" "$work/$1.bus"
   # Room for the churn: the stock session limits otherwise.
   sed -i 's|</busconfig>|<limit name="max_connections_per_user">100000</limit><limit name="max_completed_connections">100000</limit><limit name="max_incomplete_connections">10000</limit></busconfig>|' "$work/$1.conf"
-  dbus-daemon --config-file="$work/$1.conf" --nofork --print-address=3 3>"$work/$1.address" 2>"$work/$1.daemon.err" &
-  pids+=($!)
-  await_line "$work/$1.address" 10 '^unix:'
+  run_bus_daemon "$work/$1.conf" "$1"
   "$hxfd" --address "unix:path=$work/$1.bus" >"$work/$1.hxfd.out" 2>"$work/$1.hxfd.err" &
   hxfd_pid=$!
   pids+=($hxfd_pid)

@@ -8,13 +8,10 @@ hxfd=$1
 hxf=$2
 case_name=$3
 here=$(cd "$(dirname "$0")" && pwd)
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-for tool in dbus-daemon busctl gdbus; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh dbus)"
-done
-# python3-dbus belongs to the system's Python, whatever python3 comes first in PATH.
-python=/usr/bin/python3
-"$python" -c 'import dbus, gi' 2>/dev/null || skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
+needs dbus dbus-daemon busctl gdbus
+needs_python dbus "dbus, gi" "python3-dbus or python3-gi"
 
 # shellcheck source=../support/bus_case.sh
 source "$here/../support/bus_case.sh"
@@ -473,10 +470,7 @@ PY
   bus-no-hxfd)
     # A second private bus where nobody serves org.hxf.Broker and nothing is activatable.
     write_bus_conf "$work/empty.conf" "$work/empty"
-    dbus-daemon --config-file="$work/empty.conf" --nofork --print-address=3 3>"$work/empty.address" \
-      2>"$work/empty-daemon.err" &
-    pids+=($!)
-    await_line "$work/empty.address" 10 '^unix:'
+    run_bus_daemon "$work/empty.conf" empty
     empty=unix:path=$work/empty
     "$hxf" --bus "$empty" devices lights >"$work/tool.out" 2>"$work/tool.err"
     code=$?
@@ -491,10 +485,7 @@ PY
     # A bus whose policy lets nobody call org.hxf.Broker: hxfd serves it, hxf may not call it.
     sed 's|<allow send_destination="\*"/>|<allow send_destination="*"/><deny send_destination="org.hxf.Broker"/>|' \
       "$work/bus.conf" | sed "s|$work/bus|$work/strict|" >"$work/strict.conf"
-    dbus-daemon --config-file="$work/strict.conf" --nofork --print-address=3 3>"$work/strict.address" \
-      2>"$work/strict-daemon.err" &
-    pids+=($!)
-    await_line "$work/strict.address" 10 '^unix:'
+    run_bus_daemon "$work/strict.conf" strict
     strict=unix:path=$work/strict
     "$hxfd" --address "$strict" >"$work/strict-hxfd.out" 2>"$work/strict-hxfd.err" &
     pids+=($!)
@@ -558,10 +549,7 @@ PY
   hxfd-log-format)
     # hxfd's log lines read as hxf's: time to the millisecond, priority letter, tag.
     write_bus_conf "$work/logged.conf" "$work/logged"
-    dbus-daemon --config-file="$work/logged.conf" --nofork --print-address=3 3>"$work/logged.address" \
-      2>"$work/logged-daemon.err" &
-    pids+=($!)
-    await_line "$work/logged.address" 10 '^unix:'
+    run_bus_daemon "$work/logged.conf" logged
     "$hxfd" --address "unix:path=$work/logged" --log-level info >"$work/logged.out" 2>"$work/logged.err" &
     pids+=($!)
     await_line "$work/logged.err" 10 '^hxfd: serving org.hxf.Broker$'
@@ -588,9 +576,7 @@ PY
     mkdir -p "$stock"
     write_bus_conf "$stock/bus.conf" "$stock/bus"
     sed -i 's|</busconfig>|<limit name="max_connections_per_user">100000</limit><limit name="max_completed_connections">100000</limit><limit name="max_incomplete_connections">10000</limit></busconfig>|' "$stock/bus.conf"
-    dbus-daemon --config-file="$stock/bus.conf" --nofork --print-address=3 3>"$stock/address" 2>"$stock/daemon.err" &
-    pids+=($!)
-    await_line "$stock/address" 10 '^unix:'
+    run_bus_daemon "$stock/bus.conf" stock
     "$hxfd" --address "unix:path=$stock/bus" >"$work/stock-hxfd.out" 2>"$work/stock-hxfd.err" &
     pids+=($!)
     await_line "$work/stock-hxfd.err" 10 '^hxfd: serving org.hxf.Broker$'

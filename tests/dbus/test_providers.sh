@@ -10,12 +10,10 @@ hxfd=$1
 hxf=$2
 case_name=$3
 here=$(cd "$(dirname "$0")" && pwd)
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-for tool in dbus-daemon busctl; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh dbus)"
-done
-python=/usr/bin/python3
-"$python" -c 'import dbus, gi' 2>/dev/null || skip "python3-dbus or python3-gi is missing (scripts/install-deps.sh dbus)"
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
+needs dbus dbus-daemon busctl
+needs_python dbus "dbus, gi" "python3-dbus or python3-gi"
 plugins=$(dirname "$hxf")/../../plugins
 [ -e "$plugins/libhxf-plugin-strips.so" ] || skip "the test plugins strips and lamps are not built"
 
@@ -56,6 +54,20 @@ try:
         print("%s=%s" % (name, value))
 except dbus.exceptions.DBusException as e:
     print("error %s: %s" % (e.get_dbus_name(), e.get_dbus_message()))
+PY
+}
+
+# The start of a python3-dbus script that holds a session of lights (its object path in
+# `path`) and a GLib loop, on the bus given as its first argument.
+subscribed_session() {
+  cat <<'PY'
+import sys, dbus, dbus.mainloop.glib
+from gi.repository import GLib
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.bus.BusConnection(sys.argv[1])
+broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
+path = broker.Subscribe("lights")
+loop = GLib.MainLoop()
 PY
 }
 
@@ -126,14 +138,7 @@ case "$case_name" in
   a-session-hears-every-provider)
     # The simulator first: a session on the service's own pick alone would hear only it.
     start_hxfd sim strips
-    "$python" - "$address" >"$work/notes.out" 2>"$work/notes.err" <<'PY' || fail "python failed"
-import sys, dbus, dbus.mainloop.glib
-from gi.repository import GLib
-dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
-bus = dbus.bus.BusConnection(sys.argv[1])
-broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
-path = broker.Subscribe("lights")
-loop = GLib.MainLoop()
+    "$python" - "$address" >"$work/notes.out" 2>"$work/notes.err" < <(subscribed_session; cat <<'PY'
 heard = []
 def on_note(operation, properties, error):
     heard.append(str(properties.get("device_id", "")))
@@ -144,6 +149,7 @@ GLib.timeout_add(5000, loop.quit)
 loop.run()
 print("heard strip-1" if "strip-1" in heard else "silence")
 PY
+) || fail "python failed"
     grep -qx 'heard strip-1' "$work/notes.out" || fail "the session did not hear the second provider"
     ;;
   a-session-hears-each-notification-once-beside-a-provider-without-the-convention)
@@ -158,14 +164,7 @@ PY
      "drift": {"step": 1, "every_ms": 100}}]} ] }
 JSON
     HXF_SIM_CONFIG="$work/live.json" start_hxfd sim threadleft
-    "$python" - "$address" >"$work/notes.out" 2>"$work/notes.err" <<'PY' || fail "python failed"
-import sys, dbus, dbus.mainloop.glib
-from gi.repository import GLib
-dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
-bus = dbus.bus.BusConnection(sys.argv[1])
-broker = dbus.Interface(bus.get_object("org.hxf.Broker", "/org/hxf/Broker"), "org.hxf.Broker1")
-path = broker.Subscribe("lights")
-loop = GLib.MainLoop()
+    "$python" - "$address" >"$work/notes.out" 2>"$work/notes.err" < <(subscribed_session; cat <<'PY'
 levels = []
 def on_note(operation, properties, error):
     levels.append(float(properties.get("level", -1)))
@@ -176,6 +175,7 @@ GLib.timeout_add(5000, loop.quit)
 loop.run()
 print("levels " + " ".join("%g" % level for level in levels))
 PY
+) || fail "python failed"
     read -r -a heard <<<"$(sed -n 's/^levels //p' "$work/notes.out")"
     [ "${#heard[@]}" -ge 8 ] || fail "fewer than 8 notifications in 5 s"
     for ((i = 1; i < ${#heard[@]}; ++i)); do

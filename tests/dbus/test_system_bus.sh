@@ -12,13 +12,12 @@ here=$(cd "$(dirname "$0")" && pwd)
 sources=$here/../../tools/hxfd
 built=$(dirname "$hxfd")  # the configured unit and activation file, in system/
 stock=/usr/share/dbus-1/system.conf
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
 [ "$(id -u)" = 0 ] || skip "needs root: the bus policy is tried for root and for nobody"
 command -v runuser >/dev/null || skip "runuser is missing (util-linux)"
 [ -r "$stock" ] || skip "$stock is missing (scripts/install-deps.sh dbus)"
-for tool in dbus-daemon busctl gdbus; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh dbus)"
-done
+needs dbus dbus-daemon busctl gdbus
 id nobody >/dev/null 2>&1 || skip "there is no user nobody"
 
 # shellcheck source=../support/bus_case.sh
@@ -27,6 +26,8 @@ source "$here/../support/bus_case.sh"
 chmod 755 "$work"
 # shellcheck source=../support/await.sh
 source "$here/../support/await.sh"
+# shellcheck source=../support/private_bus.sh
+source "$here/../support/private_bus.sh"
 
 # The stock configuration, changed only where a test bus must differ; each change is checked
 # so that a new shape of the stock file fails here rather than testing something else.
@@ -52,10 +53,7 @@ if [ "$case_name" = monitor-group ]; then
 fi
 
 start_bus() {
-  dbus-daemon --config-file="$work/system.conf" --nofork --print-address=3 3>"$work/address" \
-    2>"$work/daemon.err" &
-  pids+=("$!")
-  await_line "$work/address" 10 '^unix:'
+  run_bus_daemon "$work/system.conf" system
 }
 address=unix:path=$work/system_bus_socket
 # hxfd --system finds the test's bus as every sd-bus and libdbus client does.

@@ -8,13 +8,10 @@ hxfd=$1
 hxf=$2
 case_name=$3
 here=$(cd "$(dirname "$0")" && pwd)
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-for tool in mosquitto mosquitto_sub mosquitto_pub mosquitto_passwd openssl; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh mqtt)"
-done
-# python3-paho-mqtt belongs to the system's Python, whatever python3 comes first in PATH.
-python=/usr/bin/python3
-"$python" -c 'import paho.mqtt.client' 2>/dev/null || skip "python3-paho-mqtt is missing (scripts/install-deps.sh mqtt)"
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
+needs mqtt mosquitto mosquitto_sub mosquitto_pub mosquitto_passwd openssl
+needs_python mqtt paho.mqtt.client python3-paho-mqtt
 
 # shellcheck source=../support/bus_case.sh
 source "$here/../support/bus_case.sh"

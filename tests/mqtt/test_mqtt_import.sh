@@ -7,13 +7,11 @@
 set -u
 hxf=$1
 case_name=$2
-python=/usr/bin/python3  # python3-paho-mqtt belongs to the system's Python
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-for tool in mosquitto mosquitto_pub mosquitto_sub; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh mqtt)"
-done
-"$python" -c 'import paho.mqtt' 2>/dev/null || skip "python3-paho-mqtt is missing (scripts/install-deps.sh mqtt)"
 here=$(dirname "$0")
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
+needs mqtt mosquitto mosquitto_pub mosquitto_sub
+needs_python mqtt paho.mqtt python3-paho-mqtt
 # shellcheck source=../support/bus_case.sh
 source "$here/../support/bus_case.sh"
 # shellcheck source=../support/await.sh
@@ -293,15 +291,12 @@ case $case_name in
     # Two namespaces of the test's own; the one with the address drops what is sent to it.
     [ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
     ns=hxf-mqtt-$$
-    ip netns add "$ns-a" 2>"$work/netns.err" || skip "cannot make a network namespace: $(cat "$work/netns.err")"
-    trap 'ip netns del "$ns-a"; ip netns del "$ns-b" 2>/dev/null; cleanup' EXIT
-    ip netns add "$ns-b" || skip "cannot make a second network namespace"
-    ip -n "$ns-a" link add veth0 type veth peer name veth1 netns "$ns-b" || skip "cannot make a veth pair"
-    ip -n "$ns-a" addr add 169.254.88.2/16 dev veth0
-    ip -n "$ns-a" link set veth0 up
-    ip -n "$ns-b" link set veth1 up
-    mac=$(ip -n "$ns-b" -o link show veth1 | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2)
-    ip -n "$ns-a" neigh add 169.254.88.1 lladdr "$mac" dev veth0 nud permanent
+    trap 'ip netns del "$ns-a" 2>/dev/null; ip netns del "$ns-b" 2>/dev/null; cleanup' EXIT
+    # shellcheck source=../support/netns_pair.sh
+    source "$here/../support/netns_pair.sh"
+    make_netns_pair "$ns-a" "hxfua$$" 169.254.88.2 "$ns-b" "hxfub$$" ""
+    mac=$(ip -n "$ns-b" -o link show "hxfub$$" | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2)
+    ip -n "$ns-a" neigh add 169.254.88.1 lladdr "$mac" dev "hxfua$$" nud permanent
     start=$(now_ms)
     HXF_MQTT_URL=mqtt://169.254.88.1:1883 timeout 30 ip netns exec "$ns-a" "$hxf" --plugin mqtt \
       --log-level info devices lights --timeout 500 >"$work/hxf.out" 2>"$work/hxf.err"

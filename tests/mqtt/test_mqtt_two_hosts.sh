@@ -10,14 +10,13 @@ set -u
 hxf=$1
 hxfd=$2
 case_name=$3
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
+here=$(dirname "$0")
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
 [ "$(id -u)" = 0 ] || skip "needs root to make network namespaces"
 command -v ip >/dev/null || skip "ip is missing (iproute2)"
-for tool in mosquitto mosquitto_pub mosquitto_sub; do
-  command -v "$tool" >/dev/null || skip "$tool is missing (scripts/install-deps.sh mqtt)"
-done
+needs mqtt mosquitto mosquitto_pub mosquitto_sub
 "$hxfd" --help 2>&1 | grep -q -- '--mqtt' || skip "this hxfd was built without --mqtt (libmosquitto-dev)"
-here=$(dirname "$0")
 # shellcheck source=../support/bus_case.sh
 source "$here/../support/bus_case.sh"
 # shellcheck source=../support/await.sh
@@ -35,19 +34,9 @@ remove_namespaces() {
   ip netns del "$ns_b" 2>/dev/null
 }
 trap 'cleanup; remove_namespaces' EXIT
-# A time-out's TERM or a Ctrl-C ends the script through its EXIT trap too.
-trap 'exit 1' INT TERM
-ip netns add "$ns_a" 2>"$work/netns.err" || skip "cannot make a network namespace: $(cat "$work/netns.err")"
-ip netns add "$ns_b" || skip "cannot make a second network namespace"
-ip link add "$if_a" type veth peer name "$if_b" || skip "cannot make a veth pair"
-ip link set "$if_a" netns "$ns_a"
-ip link set "$if_b" netns "$ns_b"
-for side in "$ns_a:$if_a:$address_a" "$ns_b:$if_b:$address_b"; do
-  IFS=: read -r ns ifname address <<<"$side"
-  ip -n "$ns" link set lo up
-  ip -n "$ns" link set "$ifname" up
-  ip -n "$ns" addr add "$address/16" dev "$ifname"
-done
+# shellcheck source=../support/netns_pair.sh
+source "$here/../support/netns_pair.sh"
+make_netns_pair "$ns_a" "$if_a" "$address_a" "$ns_b" "$if_b" "$address_b"
 # Command prefixes, not functions: `ip netns exec` and `env` exec the command, so $! of a
 # command started with `&` is the command's own PID.
 in_a=(ip netns exec "$ns_a")

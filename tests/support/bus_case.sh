@@ -1,7 +1,9 @@
 # shellcheck shell=bash
-# What every test against a private dbus-daemon starts with: a work folder, the PIDs of the
-# processes the test starts (each stopped by its PID however the test ends), and a failure that
-# shows the end of every output the test kept. The script sets case_name before it sources this.
+# What every process test starts with (a private dbus-daemon, a broker, a network of its own):
+# a work folder, the PIDs of the processes the test starts (each stopped by its PID however the
+# test ends), and a failure that shows the end of every output the test kept. The script sets
+# case_name before it sources this; one that makes more to undo traps EXIT again, calling
+# cleanup.
 # shellcheck disable=SC2154 # case_name comes from the script that sources this
 work=$(mktemp -d)
 pids=()
@@ -11,6 +13,8 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
+# A time-out's TERM or a Ctrl-C ends the script through its EXIT trap too.
+trap 'exit 1' INT TERM
 fail() {
   echo "FAIL [$case_name]: $*"
   for f in "$work"/*.out "$work"/*.err "$work"/*.log; do [ -s "$f" ] && { echo "--- $f"; tail -c 3000 "$f"; echo; }; done

@@ -20,13 +20,19 @@ write_bus_conf() {
 </busconfig>
 CONF
 }
-# start_private_bus: a dbus-daemon of the test's own on $work/bus (write_bus_conf), its PID in
-# `pids`, its address in `address` once it listens. Needs work, pids and await_line.
+# run_bus_daemon CONF NAME: a dbus-daemon of the configuration file CONF, its PID in `pids`,
+# what it prints in $work/NAME-daemon.err; returns once it listens. Needs work, pids and
+# await_line.
+run_bus_daemon() {
+  dbus-daemon --config-file="$1" --nofork --print-address=3 3>"$work/$2.address" \
+    2>"$work/$2-daemon.err" &
+  pids+=($!)
+  await_line "$work/$2.address" 10 '^unix:'
+}
+# start_private_bus: a bus of the test's own on $work/bus (write_bus_conf); its address in
+# `address`.
 start_private_bus() {
   write_bus_conf "$work/bus.conf" "$work/bus"
-  dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" \
-    2>"$work/daemon.err" &
-  pids+=($!)
-  await_line "$work/address" 10 '^unix:'
+  run_bus_daemon "$work/bus.conf" bus
   address=unix:path=$work/bus
 }

@@ -9,8 +9,9 @@ hxfd=$1
 hxf=$2
 case_name=$3
 here=$(cd "$(dirname "$0")" && pwd)
-skip() { echo "SKIP [$case_name]: $*"; exit 77; }
-command -v dbus-daemon >/dev/null || skip "dbus-daemon is missing (scripts/install-deps.sh dbus)"
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
+needs dbus dbus-daemon
 
 # shellcheck source=../support/bus_case.sh
 source "$here/../support/bus_case.sh"

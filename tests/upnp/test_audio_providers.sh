@@ -9,7 +9,7 @@ set -u
 hxfd=$1
 hxf=$2
 case_name=$3
-needs=(gmediarender gst-launch-1.0 sox python3 dbus-daemon)
+commands=(gmediarender gst-launch-1.0 sox python3 dbus-daemon)
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=upnp_case.sh
 source "$here/upnp_case.sh"

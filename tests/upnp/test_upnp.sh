@@ -7,7 +7,7 @@ set -u
 hxf=$1
 case_name=$2
 reload_test=${3:-}
-needs=(Xvfb gupnp-network-light minidlnad python3)
+commands=(Xvfb gupnp-network-light minidlnad python3)
 # shellcheck source=upnp_case.sh
 source "$(dirname "$0")/upnp_case.sh"
 

@@ -11,11 +11,13 @@ hxf=$1
 case_name=$2
 renderer=${3:-gmediarender}
 case "$renderer" in
-  gmediarender) needs=(gmediarender gst-launch-1.0 sox python3) ;;
-  rygel) needs=(rygel sox python3) ;;
+  gmediarender) commands=(gmediarender gst-launch-1.0 sox python3) ;;
+  rygel) commands=(rygel sox python3) ;;
   *) echo "unknown renderer $renderer"; exit 2 ;;
 esac
 here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=../support/needs.sh
+source "$here/../support/needs.sh"
 if [ "$renderer" = rygel ]; then
   playbin=""
   for f in /usr/lib/*/rygel-2.8/plugins/librygel-playbin.so /usr/lib*/rygel-2.8/plugins/librygel-playbin.so; do
@@ -23,7 +25,7 @@ if [ "$renderer" = rygel ]; then
   done
   rygel_template=$(dirname "$(command -v rygel 2>/dev/null || echo /usr/bin/rygel)")/../share/rygel/xml/MediaRenderer2.xml
   for missing in "$playbin:rygel's playbin plugin (rygel-playbin)" "$([ -e "$rygel_template" ] && echo x):rygel's MediaRenderer2.xml"; do
-    [ -n "${missing%%:*}" ] || { echo "SKIP [$case_name]: ${missing#*:} is missing (scripts/install-deps.sh upnp)"; exit 77; }
+    [ -n "${missing%%:*}" ] || skip "${missing#*:} is missing (scripts/install-deps.sh upnp)"
   done
 fi
 # shellcheck source=upnp_case.sh

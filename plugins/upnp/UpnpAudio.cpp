@@ -293,7 +293,7 @@ void Plugin::OnLastChange(GUPnPServiceProxy* proxy, const char*, GValue* value, 
       dlog_print(DLOG_WARN, kTag, "upnp: LastChange of %s %s: %s\n", udn.c_str(),
                  read ? "partly refused" : "refused", problem.c_str());
     renderer.state = next;
-    device.evented = true;
+    device.evented.insert(proxy);
     plugin->NotifyAudio(device);
     return;
   }

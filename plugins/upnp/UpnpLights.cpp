@@ -279,7 +279,7 @@ void Plugin::OnNotify(GUPnPServiceProxy* proxy, const char* variable, GValue* va
     } else {
       continue;
     }
-    device.evented = true;
+    device.evented.insert(proxy);
     // Each service sends its first event on its own: watchers hear of the light once
     // both are known (or once the plugin's own read has them).
     if (device.StateKnown()) plugin->NotifyState(device);

@@ -334,9 +334,11 @@ void Plugin::AddDevice(GUPnPDeviceInfo* info, const std::string& root_udn,
 
 void Plugin::ReadUntilEvented(const std::string& udn, int rereads) {
   const auto found = devices_.find(udn);
-  if (found == devices_.end() || found->second.evented) return;
-  if (found->second.IsLight()) ReadLightState(udn);
-  if (found->second.IsRenderer()) ReadAudio(udn);
+  if (found == devices_.end() || found->second.Evented()) return;
+  const bool light = found->second.IsLight(), renderer = found->second.IsRenderer();
+  if (!light && !renderer) return;  // no state of its own (a media server, a root device)
+  if (light) ReadLightState(udn);
+  if (renderer) ReadAudio(udn);
   if (rereads > 0) After(kRereadEveryMs, [this, udn, rereads] { ReadUntilEvented(udn, rereads - 1); });
 }
 

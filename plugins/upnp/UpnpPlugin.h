@@ -54,11 +54,20 @@ struct Device {
   std::optional<bool> power_on;          // last known, from answers and events
   std::optional<int64_t> brightness;
   bool announced = false;  // its state has been told to watchers once
-  // An event has come since subscribing: GENA reaches the plugin, no more reads are needed.
-  bool evented = false;
+  // The services whose events have come since subscribing. Each service has a subscription
+  // of its own, answered on its own: once every one has sent an event, GENA reaches the
+  // plugin and no more reads are needed.
+  std::set<GUPnPServiceProxy*> evented;
 
   // Power known, and the level too where it can be dimmed: the state watchers are told.
   bool StateKnown() const { return power_on && (dimming == nullptr || brightness); }
+
+  bool Evented() const {
+    for (GUPnPServiceProxy* proxy : {power, dimming, renderer.rendering, renderer.transport}) {
+      if (proxy != nullptr && evented.count(proxy) == 0) return false;
+    }
+    return true;
+  }
 
   bool IsRoot() const { return root_udn == endpoint.id; }
   bool IsLight() const { return power != nullptr; }

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include <unistd.h>
+
 #include "EventLog.h"
 #include "Eventually.h"
 #include "SimShared.h"
@@ -31,7 +33,9 @@ void Configure(const std::string& content) {
     unsetenv("HXF_SIM_CONFIG");
     return;
   }
-  const std::string path = ::testing::TempDir() + "sim-audio.json";
+  // One file per process: ctest runs these tests in parallel processes.
+  const std::string path =
+      ::testing::TempDir() + "sim-audio-" + std::to_string(getpid()) + ".json";
   std::ofstream(path) << content;
   setenv("HXF_SIM_CONFIG", path.c_str(), 1);
 }

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include <unistd.h>
+
 #include "EventLog.h"
 #include "LogCapture.h"
 #include "Str.h"
@@ -38,7 +40,9 @@ inline std::string Render(hxf_property_list_h list) {
 // Loads the simulator with `content` as its configuration; true when the load fails with
 // "sim: bad configuration PATH:" + `refusal` in the log.
 inline bool RefusedAs(const std::string& content, const std::string& refusal) {
-  const std::string path = ::testing::TempDir() + "sim-refused.json";
+  // One file per process: ctest runs the tests that call this in parallel processes.
+  const std::string path =
+      ::testing::TempDir() + "sim-refused-" + std::to_string(getpid()) + ".json";
   {
     std::ofstream file(path);
     file << content;

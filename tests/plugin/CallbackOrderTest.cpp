@@ -36,11 +36,11 @@ struct Arrivals {
     if (inside.fetch_add(1) != 0) overlapped = true;
     // Stay a little, so that a second callback running beside this one would be seen.
     for (int i = 0; i < 50; ++i) std::this_thread::yield();
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      const char* name = hxf_property_list_get_name(list);
-      names.emplace_back(name != nullptr ? name : "");
-    }
+    // Done and told under the lock: the waiter may end the test, and destroy this, as soon as
+    // it sees the count, so nothing here may touch this after the lock is let go.
+    std::lock_guard<std::mutex> lock(mutex);
+    const char* name = hxf_property_list_get_name(list);
+    names.emplace_back(name != nullptr ? name : "");
     inside.fetch_sub(1);
     cv.notify_all();
   }
